@@ -1,0 +1,22 @@
+// Reads ini text with inih, and refuses what inih would read only in part.
+//
+// inih reads a line into a buffer of a fixed size and treats the rest of a
+// longer line as a line of its own, so a long value would arrive cut. Here
+// a line that does not fit makes the whole text malformed instead.
+#ifndef TARNBASE_INI_TEXT_H
+#define TARNBASE_INI_TEXT_H
+
+#include <ini.h>
+
+namespace tarnbase {
+
+// Parses the file at path, calling handler for each key. Returns 0 when the
+// whole file was read; -1 when it cannot be opened (errno says why); else
+// the number of the first malformed line (a line too long included). The
+// handler may already have been called for earlier lines when the result
+// is not 0, so callers collect into a scratch object and keep it only on 0.
+int parse_ini_file(const char *path, ini_handler handler, void *user);
+
+}  // namespace tarnbase
+
+#endif

@@ -1,0 +1,37 @@
+#include "proc_stat.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+namespace tarnbase {
+
+bool read_proc_stat(int pid, ProcStat *stat) {
+  char path[64];
+  snprintf(path, sizeof(path), "/proc/%d/stat", pid);
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char line[1024];
+  const ssize_t length = read(fd, line, sizeof(line) - 1);
+  close(fd);
+  if (length <= 0) return false;
+  line[length] = '\0';
+  // "pid (comm) state ppid ..." -- comm may hold spaces and parentheses, so
+  // the fields are counted from the last ')'.
+  const char *field = strrchr(line, ')');
+  if (field == nullptr || field[1] != ' ') return false;
+  field += 2;
+  stat->state = *field;
+  // The start time is field 22; the state is field 3.
+  for (int index = 3; index < 22; ++index) {
+    field = strchr(field, ' ');
+    if (field == nullptr) return false;
+    ++field;
+  }
+  stat->start_time = strtoull(field, nullptr, 10);
+  return true;
+}
+
+}  // namespace tarnbase

@@ -1,0 +1,266 @@
+// Log output: the configuration file, the registered destination and the
+// directory of rotated log files.
+
+#include "tarnbase/tarn_log.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "clock.h"
+#include "ini_text.h"
+#include "tarnbase/tarn_process.h"
+
+namespace {
+
+constexpr uint32_t kDefaultLevel = TARN_LOG_LEVEL_INFO;
+constexpr const char *kDefaultDir = "/var/log";
+constexpr long kDefaultFileMaxKb = 10240;
+constexpr long kFileMaxKbLimit = 1024 * 1024;
+constexpr size_t kLineMax = 8192;
+constexpr size_t kDirMax = 1024;
+constexpr int kMaxFilesLimit = 100;
+constexpr const char *kLogFileName = "tarn.log";
+constexpr const char *kRotateLockName = "tarn.log.lock";
+
+struct LogConfig {
+  uint32_t level = kDefaultLevel;
+  std::string dir = kDefaultDir;
+  uint64_t file_max_bytes = (uint64_t)kDefaultFileMaxKb * 1024;
+};
+
+bool parse_number(const char *text, long min, long max, long *value) {
+  char *end = nullptr;
+  errno = 0;
+  const long parsed = strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || parsed < min || parsed > max) return false;
+  *value = parsed;
+  return true;
+}
+
+int on_config_entry(void *user, const char *section, const char *name, const char *value) {
+  LogConfig *config = static_cast<LogConfig *>(user);
+  if (strcmp(section, "log") != 0) return 1;
+  long number = 0;
+  if (strcmp(name, "level") == 0) {
+    if (parse_number(value, 0, 3, &number)) config->level = (uint32_t)number;
+  } else if (strcmp(name, "dir") == 0) {
+    config->dir = value;
+  } else if (strcmp(name, "file_max_kb") == 0) {
+    if (parse_number(value, 1, kFileMaxKbLimit, &number)) config->file_max_bytes = (uint64_t)number * 1024;
+  }
+  return 1;
+}
+
+const LogConfig &config() {
+  static const LogConfig loaded = [] {
+    LogConfig parsed;
+    if (tarnbase::parse_ini_file(TARN_LOG_CONFIG_PATH, on_config_entry, &parsed) != 0) return LogConfig();
+    return parsed;
+  }();
+  return loaded;
+}
+
+// The destination. Guarded by g_mutex, which fork handlers hold across a
+// fork so that a child never inherits it locked by a thread it lacks.
+pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_once_t g_atfork_once = PTHREAD_ONCE_INIT;
+int g_registered = 0;
+tarn_log_sink_fn g_sink = nullptr;
+void *g_sink_context = nullptr;
+std::string g_dir;  // autolog directory, "@" already expanded
+int g_max_files = 0;
+int g_fd = -1;
+
+void lock_for_fork() { pthread_mutex_lock(&g_mutex); }
+void unlock_after_fork() { pthread_mutex_unlock(&g_mutex); }
+void register_atfork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
+
+class MutexGuard {
+ public:
+  MutexGuard() {
+    pthread_once(&g_atfork_once, register_atfork);
+    pthread_mutex_lock(&g_mutex);
+  }
+  ~MutexGuard() { pthread_mutex_unlock(&g_mutex); }
+  MutexGuard(const MutexGuard &) = delete;
+  MutexGuard &operator=(const MutexGuard &) = delete;
+};
+
+void close_file() {
+  if (g_fd >= 0) close(g_fd);
+  g_fd = -1;
+}
+
+// "@" at the start of a directory stands for the executable's directory.
+std::string expand_at(const char *directory) {
+  if (directory[0] != '@') return directory;
+  char exe[PATH_MAX];
+  if (tarn_process_get_path(getpid(), exe, sizeof(exe)) < 0) return directory + 1;
+  char *slash = strrchr(exe, '/');
+  if (slash != nullptr) *slash = '\0';
+  return std::string(exe) + (directory + 1);
+}
+
+bool make_directories(const std::string &path) {
+  std::string partial;
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    partial = path.substr(0, end);
+    if (!partial.empty() && mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    start = end + 1;
+  }
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string log_path(int generation) {
+  std::string path = g_dir + "/" + kLogFileName;
+  if (generation > 0) path += "." + std::to_string(generation);
+  return path;
+}
+
+bool open_file() {
+  if (g_fd >= 0) return true;
+  if (!make_directories(g_dir)) return false;
+  g_fd = open(log_path(0).c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  return g_fd >= 0;
+}
+
+// Moves tarn.log to tarn.log.1 and each older file up by one, dropping the
+// oldest, under a lock shared by every process writing to the directory.
+// A process that finds the file already rotated by another only reopens.
+void rotate_if_needed() {
+  struct stat own;
+  if (fstat(g_fd, &own) != 0 || (uint64_t)own.st_size < config().file_max_bytes) return;
+  const std::string lock_path = g_dir + "/" + kRotateLockName;
+  const int lock_fd = open(lock_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (lock_fd < 0) return;
+  if (flock(lock_fd, LOCK_EX) == 0) {
+    struct stat current;
+    const bool same_file = stat(log_path(0).c_str(), &current) == 0 && current.st_ino == own.st_ino &&
+                           current.st_dev == own.st_dev;
+    if (same_file) {
+      if (g_max_files == 1) {
+        unlink(log_path(0).c_str());
+      } else {
+        for (int generation = g_max_files - 1; generation > 0; --generation) {
+          rename(log_path(generation - 1).c_str(), log_path(generation).c_str());
+        }
+      }
+    }
+    close_file();
+    open_file();
+    flock(lock_fd, LOCK_UN);
+  }
+  close(lock_fd);
+}
+
+void write_all(int fd, const char *text, size_t length) {
+  while (length > 0) {
+    const ssize_t written = write(fd, text, length);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    text += written;
+    length -= (size_t)written;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+TARNBASE_API uint32_t tarn_log_level_get(void) { return config().level; }
+
+TARNBASE_API int tarn_log_dir(char *buf, size_t len) {
+  if (buf == nullptr || len == 0) return 0;
+  const std::string &dir = config().dir;
+  if (dir.empty() || dir.size() >= len) {
+    buf[0] = '\0';
+    return 0;
+  }
+  memcpy(buf, dir.c_str(), dir.size() + 1);
+  return (int)dir.size();
+}
+
+TARNBASE_API int tarn_log_is_regestered(void) { return __atomic_load_n(&g_registered, __ATOMIC_ACQUIRE); }
+
+TARNBASE_API int tarn_autolog_init(const char *directory, int max_files) {
+  if (directory == nullptr || directory[0] == '\0' || strlen(directory) >= kDirMax || max_files < 1 ||
+      max_files > kMaxFilesLimit) {
+    errno = EINVAL;
+    return EINVAL;
+  }
+  std::string expanded = expand_at(directory);
+  MutexGuard guard;
+  close_file();
+  g_dir = std::move(expanded);
+  g_max_files = max_files;
+  g_sink = nullptr;
+  g_sink_context = nullptr;
+  __atomic_store_n(&g_registered, 1, __ATOMIC_RELEASE);
+  return 0;
+}
+
+TARNBASE_API int tarn_log_register(tarn_log_sink_fn sink, void *context) {
+  if (sink == nullptr) {
+    errno = EINVAL;
+    return EINVAL;
+  }
+  MutexGuard guard;
+  close_file();
+  g_dir.clear();
+  g_sink = sink;
+  g_sink_context = context;
+  __atomic_store_n(&g_registered, 1, __ATOMIC_RELEASE);
+  return 0;
+}
+
+TARNBASE_API void tarn_log_output(uint32_t level, const char *fmt, ...) {
+  if (fmt == nullptr) return;
+  char line[kLineMax];
+  va_list args;
+  va_start(args, fmt);
+  const int formatted = vsnprintf(line, sizeof(line), fmt, args);
+  va_end(args);
+  if (formatted < 0) return;
+  size_t length = (size_t)formatted < sizeof(line) - 1 ? (size_t)formatted : sizeof(line) - 2;
+  if (length == 0 || line[length - 1] != '\n') line[length++] = '\n';
+  line[length] = '\0';
+
+  tarn_log_sink_fn sink = nullptr;
+  void *context = nullptr;
+  {
+    MutexGuard guard;
+    if (g_sink != nullptr) {
+      sink = g_sink;
+      context = g_sink_context;
+    } else if (!g_dir.empty() && open_file()) {
+      write_all(g_fd, line, length);
+      rotate_if_needed();
+      return;
+    }
+  }
+  // The program's own destination runs outside the lock, so that it may log.
+  if (sink != nullptr) {
+    sink(context, level, line, length);
+  } else {
+    write_all(STDERR_FILENO, line, length);
+  }
+}
+
+TARNBASE_API uint64_t tarn_log_get_tick_count(void) { return tarnbase::monotonic_ms(); }
+
+}  // extern "C"

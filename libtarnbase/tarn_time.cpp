@@ -1,0 +1,5 @@
+#include "tarnbase/tarn_time.h"
+
+#include "clock.h"
+
+extern "C" TARNBASE_API uint64_t tarn_time_get_tick_cout(void) { return tarnbase::monotonic_ms(); }
