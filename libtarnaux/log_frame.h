@@ -1,0 +1,139 @@
+/* log_frame.h -- the logging frame that every source file of libtarnaux uses.
+ *
+ * LOG(level, format, ...) writes one line through tarn_log_output:
+ *
+ *   [2026-11-21 12:05:09.789] [warn] [pid:1234] [tid:1240] [kep] [file.cpp:42] message
+ *
+ * level is one of the words fatal, error, warn, info, debug. fatal and
+ * error are always written (level number 0); warn, info and debug (1, 2, 3)
+ * only when tarn_log_level_get() is at least their number. The milliseconds
+ * of the time come from the tick counter, not from the wall clock. A process
+ * that logs before registering a destination of its own gets the default
+ * destination (see log_default_autolog_init), also when the line itself is
+ * filtered out.
+ *
+ * CHECK_EXPR(condition, format, ...) logs at warn "expr[<condition>] false! "
+ * followed by the format when the condition is false; it only logs. The
+ * condition's text is an argument, not part of the format, so a '%' in it
+ * is printed as it stands.
+ *
+ * LOG_OUT_OF_MEMORY() logs "Out of memory" at fatal and ends the process
+ * with status 0, which is what the agent's processes expect; it is used
+ * where an allocation fails at a place that has no error return.
+ */
+#ifndef TARNAUX_LOG_FRAME_H
+#define TARNAUX_LOG_FRAME_H
+
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <tarnbase/tarn_log.h>
+#include <tarnbase/tarn_process.h>
+#include <tarnbase/tarn_str.h>
+
+#define LOG_TIME_BUFFER_SIZE 256
+#define LOG_PATH_BUFFER_SIZE 1024
+#define LOG_MODULE_TAG "[kep]"
+#define LOG_TIME_FALLBACK "1970-01-01 00:00:00.000"
+#define LOG_AUTOLOG_SUBDIR "/velmora/TARN3_LOG/tarn_default_autolog/"
+#define LOG_AUTOLOG_FALLBACK_DIR "@/../var/logs/tarn_default_autolog/"
+#define LOG_AUTOLOG_MAX_FILES 5
+
+/* The last component of a source path, computed at compile time. */
+static constexpr const char *log_base_name(const char *path) {
+  const char *name = path;
+  for (const char *p = path; *p != '\0'; ++p) {
+    if (*p == '/') name = p + 1;
+  }
+  return name;
+}
+
+/* Registers the default destination: the system log directory followed by
+ * LOG_AUTOLOG_SUBDIR and the process name, or, when there is no system log
+ * directory, LOG_AUTOLOG_FALLBACK_DIR and the process name. The doubled
+ * slashes that the formats produce are kept. */
+static inline void log_default_autolog_init(void) {
+  char exe_path[LOG_PATH_BUFFER_SIZE];
+  memset(exe_path, 0, sizeof(exe_path));
+  tarn_process_get_path(getpid(), exe_path, sizeof(exe_path));
+  const char *slash = strrchr(exe_path, '/');
+  const char *process_name = slash != nullptr ? slash + 1 : exe_path;
+
+  char log_dir[LOG_PATH_BUFFER_SIZE];
+  memset(log_dir, 0, sizeof(log_dir));
+  char destination[LOG_PATH_BUFFER_SIZE];
+  if (tarn_log_dir(log_dir, sizeof(log_dir)) != 0) {
+    tarn_str_snprintf(destination, sizeof(destination), "%s/%s/%s/", log_dir, LOG_AUTOLOG_SUBDIR,
+                      process_name);
+  } else {
+    tarn_str_snprintf(destination, sizeof(destination), "%s/%s/", LOG_AUTOLOG_FALLBACK_DIR,
+                      process_name);
+  }
+  tarn_autolog_init(destination, LOG_AUTOLOG_MAX_FILES);
+}
+
+static inline void log_ensure_registered(void) {
+  if (tarn_log_is_regestered() == 0) log_default_autolog_init();
+}
+
+/* Writes the local time with tick milliseconds into buffer, which holds
+ * LOG_TIME_BUFFER_SIZE bytes. Returns the formatted length; the length of
+ * the fallback text plus its terminator when localtime_r fails; 0 without
+ * writing when buffer is null. */
+static inline int log_format_time(char *buffer) {
+  if (buffer == nullptr) return 0;
+  time_t now = time(nullptr);
+  struct tm local;
+  if (localtime_r(&now, &local) == nullptr) {
+    memcpy(buffer, LOG_TIME_FALLBACK, sizeof(LOG_TIME_FALLBACK));
+    return (int)sizeof(LOG_TIME_FALLBACK);
+  }
+  return tarn_str_snprintf(buffer, LOG_TIME_BUFFER_SIZE, "%d-%02d-%02d %02d:%02d:%02d.%03d",
+                           local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                           local.tm_min, local.tm_sec, (int)(tarn_log_get_tick_count() % 1000));
+}
+
+/* fatal and error skip the gate; the others pass when the current level is
+ * at least their number. */
+static inline bool log_passes_gate(bool gated, uint32_t number) {
+  return !gated || tarn_log_level_get() >= number;
+}
+
+#define LOG_EMIT_(word, number, gated, fmt, ...)                                                   \
+  do {                                                                                             \
+    log_ensure_registered();                                                                       \
+    char log_time_[LOG_TIME_BUFFER_SIZE];                                                          \
+    memset(log_time_, 0, sizeof(log_time_));                                                       \
+    log_format_time(log_time_);                                                                    \
+    if (log_passes_gate((gated), (number))) {                                                      \
+      long long log_tid_ = (long long)syscall(SYS_gettid);                                         \
+      int log_pid_ = (int)getpid();                                                                \
+      tarn_log_output((number), "[%s] [" word "] [pid:%d] [tid:%lld] %s [%s:%d] " fmt, log_time_, \
+                      log_pid_, log_tid_, LOG_MODULE_TAG, log_base_name(__FILE__), __LINE__,       \
+                      ##__VA_ARGS__);                                                              \
+    }                                                                                              \
+  } while (0)
+
+#define LOG_fatal(fmt, ...) LOG_EMIT_("fatal", 0, false, fmt, ##__VA_ARGS__)
+#define LOG_error(fmt, ...) LOG_EMIT_("error", 0, false, fmt, ##__VA_ARGS__)
+#define LOG_warn(fmt, ...) LOG_EMIT_("warn", 1, true, fmt, ##__VA_ARGS__)
+#define LOG_info(fmt, ...) LOG_EMIT_("info", 2, true, fmt, ##__VA_ARGS__)
+#define LOG_debug(fmt, ...) LOG_EMIT_("debug", 3, true, fmt, ##__VA_ARGS__)
+#define LOG(level, fmt, ...) LOG_##level(fmt, ##__VA_ARGS__)
+
+#define CHECK_EXPR(condition, fmt, ...)                                                            \
+  do {                                                                                             \
+    if (!(condition)) LOG(warn, "expr[%s] false! " fmt, #condition, ##__VA_ARGS__);                \
+  } while (0)
+
+#define LOG_OUT_OF_MEMORY()                                                                        \
+  do {                                                                                             \
+    LOG(fatal, "Out of memory\n");                                                                 \
+    exit(0);                                                                                       \
+  } while (0)
+
+#endif
