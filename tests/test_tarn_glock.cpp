@@ -1,0 +1,1005 @@
+// The base library's named global lock and shared-memory segments, through
+// libtarnbase.so, with real processes: forked children contend for locks and
+// segments, holders are killed, and a 32-bit and a 64-bit heartbeat peer
+// share the heartbeat table and its lock.
+//
+// The test program runs in its own sandbox, so /dev/shm starts out empty.
+// Each test uses names of its own, so the tests also pass when they run one
+// after another in one process.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <tarnbase/tarn_glock.h>
+#include <tarnbase/tarn_shm.h>
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Helpers
+
+std::string unique_name(const std::string &tag) {
+  static int counter = 0;
+  return "glock_test_" + tag + "_" + std::to_string(getpid()) + "_" + std::to_string(++counter);
+}
+
+std::string shm_path(const std::string &key) { return "/dev/shm/" + key; }
+
+bool shm_exists(const std::string &key) {
+  struct stat st;
+  return stat(shm_path(key).c_str(), &st) == 0;
+}
+
+off_t shm_size(const std::string &key) {
+  struct stat st;
+  if (stat(shm_path(key).c_str(), &st) != 0) return -1;
+  return st.st_size;
+}
+
+int64_t monotonic_ms() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// A pipe whose ends are closed on exec, so that peers started later do not
+// keep them open.
+class Pipe {
+ public:
+  Pipe() {
+    if (pipe2(fds_, O_CLOEXEC) != 0) fds_[0] = fds_[1] = -1;
+  }
+  ~Pipe() {
+    close_read();
+    close_write();
+  }
+  Pipe(const Pipe &) = delete;
+  Pipe &operator=(const Pipe &) = delete;
+
+  int read_fd() const { return fds_[0]; }
+  int write_fd() const { return fds_[1]; }
+  void close_read() {
+    if (fds_[0] >= 0) close(fds_[0]);
+    fds_[0] = -1;
+  }
+  void close_write() {
+    if (fds_[1] >= 0) close(fds_[1]);
+    fds_[1] = -1;
+  }
+
+  bool write_int(int value) {
+    return write(fds_[1], &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value));
+  }
+  // Reads one int, waiting at most timeout_ms; false on time-out or end of file.
+  bool read_int(int *value, int timeout_ms = 10000) {
+    size_t got = 0;
+    const int64_t deadline = monotonic_ms() + timeout_ms;
+    while (got < sizeof(*value)) {
+      const int64_t left = deadline - monotonic_ms();
+      if (left <= 0) return false;
+      struct pollfd p = {fds_[0], POLLIN, 0};
+      int ready = poll(&p, 1, static_cast<int>(left));
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready <= 0) return false;
+      ssize_t n = read(fds_[0], reinterpret_cast<char *>(value) + got, sizeof(*value) - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      got += static_cast<size_t>(n);
+    }
+    return true;
+  }
+
+ private:
+  int fds_[2];
+};
+
+// A start line for forked children: each child blocks in wait() until the
+// parent calls open(), which releases all of them at the same moment.
+class Barrier {
+ public:
+  // In the child.
+  void wait() {
+    pipe_.close_write();
+    char byte;
+    while (read(pipe_.read_fd(), &byte, 1) < 0 && errno == EINTR) {
+    }
+  }
+  // In the parent.
+  void open() { pipe_.close_write(); }
+
+ private:
+  Pipe pipe_;
+};
+
+// Forks a child that runs body and exits with its result (0 for success).
+pid_t fork_child(const std::function<int()> &body) {
+  fflush(stdout);
+  fflush(stderr);
+  pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  return pid;
+}
+
+// Waits for a child; returns its exit status, or 1000 + the signal that
+// ended it, or -1.
+int reap(pid_t pid) {
+  int status = 0;
+  pid_t got;
+  while ((got = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
+  }
+  if (got != pid) return -1;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 1000 + WTERMSIG(status);
+  return -1;
+}
+
+void kill_and_reap(pid_t pid) {
+  kill(pid, SIGKILL);
+  reap(pid);
+}
+
+// A child process that opens the lock name and takes it. It then waits for
+// the parent: release() makes it give the lock back and exit; kill()
+// ends it with SIGKILL while it still holds the lock.
+class Holder {
+ public:
+  explicit Holder(const std::string &name) {
+    pid_ = fork_child([&]() {
+      to_parent_.close_read();
+      from_parent_.close_write();
+      tarn_glock_t *lock = nullptr;
+      int ret = tarn_glock_init(name.c_str(), &lock);
+      if (ret == 0) ret = tarn_glock_acquire_timeout(lock, 5000);
+      to_parent_.write_int(ret);
+      if (ret != 0) return 1;
+      int command = 0;
+      if (!from_parent_.read_int(&command, 60000)) return 2;
+      to_parent_.write_int(tarn_glock_release(lock));
+      tarn_glock_destroy(lock);
+      return 0;
+    });
+    to_parent_.close_write();
+    from_parent_.close_read();
+    if (pid_ < 0 || !to_parent_.read_int(&acquired_)) acquired_ = -1;
+  }
+  ~Holder() {
+    if (pid_ > 0) kill();
+  }
+  Holder(const Holder &) = delete;
+  Holder &operator=(const Holder &) = delete;
+
+  // The child's result of taking the lock (0: it holds it).
+  int acquired() const { return acquired_; }
+  pid_t pid() const { return pid_; }
+
+  // The child's result of releasing; -1 when it could not be asked.
+  int release() {
+    int result = -1;
+    if (pid_ <= 0 || !from_parent_.write_int(1) || !to_parent_.read_int(&result)) result = -1;
+    if (pid_ > 0) reap(pid_);
+    pid_ = -1;
+    return result;
+  }
+
+  void kill() {
+    if (pid_ > 0) kill_and_reap(pid_);
+    pid_ = -1;
+  }
+
+  // Kills the child and waits until it has died, but leaves it unreaped (a
+  // zombie) until kill() or the destructor.
+  void kill_leaving_zombie() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    siginfo_t info;
+    while (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+  }
+
+ private:
+  Pipe to_parent_;
+  Pipe from_parent_;
+  pid_t pid_ = -1;
+  int acquired_ = -1;
+};
+
+// Reads one status int from each of count children; missing ones are -1.
+std::vector<int> gather(Pipe &from_children, int count) {
+  std::vector<int> results;
+  for (int i = 0; i < count; ++i) {
+    int value = -1;
+    if (!from_children.read_int(&value, 30000)) value = -1;
+    results.push_back(value);
+  }
+  return results;
+}
+
+// A lock handle that is destroyed at the end of the scope.
+struct LockHandle {
+  tarn_glock_t *lock = nullptr;
+  ~LockHandle() {
+    if (lock != nullptr) tarn_glock_destroy(lock);
+  }
+};
+
+// ---------------------------------------------------------------------------
+// Global lock: arguments and results
+
+TEST(GlobalLock, InitRejectsNullEmptyLongAndSlashNames) {
+  tarn_glock_t *lock = nullptr;
+  EXPECT_EQ(tarn_glock_init(nullptr, &lock), EINVAL);
+  EXPECT_EQ(tarn_glock_init("", &lock), EINVAL);
+  EXPECT_EQ(tarn_glock_init("with/slash", &lock), EINVAL);
+  EXPECT_EQ(tarn_glock_init("/leading", &lock), EINVAL);
+  EXPECT_EQ(tarn_glock_init(std::string(195, 'n').c_str(), &lock), EINVAL);
+}
+
+TEST(GlobalLock, InitAcceptsANameOf194Bytes) {
+  const std::string name(194, 'L');
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  ASSERT_NE(h.lock, nullptr);
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, OperationsOnANullHandleReturnEinval) {
+  EXPECT_EQ(tarn_glock_acquire_timeout(nullptr, 0), EINVAL);
+  EXPECT_EQ(tarn_glock_acquire_timeout(nullptr, 100), EINVAL);
+  EXPECT_EQ(tarn_glock_release(nullptr), EINVAL);
+  EXPECT_EQ(tarn_glock_destroy(nullptr), EINVAL);
+}
+
+TEST(GlobalLock, AcquireReleaseAndDestroySucceedOnAFreeLock) {
+  const std::string name = unique_name("basic");
+  tarn_glock_t *lock = nullptr;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &lock), 0);
+  ASSERT_NE(lock, nullptr);
+  EXPECT_EQ(tarn_glock_acquire_timeout(lock, 100), 0);
+  EXPECT_EQ(tarn_glock_release(lock), 0);
+  EXPECT_EQ(tarn_glock_acquire_timeout(lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(lock), 0);
+  EXPECT_EQ(tarn_glock_destroy(lock), 0);
+}
+
+TEST(GlobalLock, LockStateLivesInTheSegmentNamedAfterTheLock) {
+  const std::string name = unique_name("segment");
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  EXPECT_TRUE(shm_exists(name + ".glock"));
+  EXPECT_GE(shm_size(name + ".glock"), 64);
+}
+
+TEST(GlobalLock, ReleasingAFreeLockIsEpermAndTheSecondReleaseToo) {
+  const std::string name = unique_name("eperm_free");
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), EPERM);
+  ASSERT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), EPERM);
+  // Still usable.
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, ReleaseByAProcessThatDoesNotHoldTheLockIsEpermAndChangesNothing) {
+  const std::string name = unique_name("eperm_other");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), EPERM);
+  // The holder still has it.
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), ETIMEDOUT);
+  EXPECT_EQ(holder.release(), 0);
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, AcquireTimesOutAfterTheTimeoutOnTheMonotonicClock) {
+  const std::string name = unique_name("timeout");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  for (uint32_t timeout : {50u, 200u}) {
+    const int64_t start = monotonic_ms();
+    EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, timeout), ETIMEDOUT);
+    const int64_t elapsed = monotonic_ms() - start;
+    EXPECT_GE(elapsed, static_cast<int64_t>(timeout));
+    EXPECT_LT(elapsed, static_cast<int64_t>(timeout) + 2000);
+  }
+  EXPECT_EQ(holder.release(), 0);
+}
+
+TEST(GlobalLock, ZeroTimeoutTriesOnceAndReturnsAtOnce) {
+  const std::string name = unique_name("try_once");
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  {
+    Holder holder(name);
+    ASSERT_EQ(holder.acquired(), 0);
+    const int64_t start = monotonic_ms();
+    EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), ETIMEDOUT);
+    EXPECT_LT(monotonic_ms() - start, 1000);
+    EXPECT_EQ(holder.release(), 0);
+  }
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, IsNotRecursiveTheHolderWaitsForItsTimeout) {
+  const std::string name = unique_name("recursive");
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  ASSERT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  const int64_t start = monotonic_ms();
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 100), ETIMEDOUT);
+  EXPECT_GE(monotonic_ms() - start, 100);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, DestroyingAHandleLeavesTheLockAndItsHolder) {
+  const std::string name = unique_name("destroy");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+
+  tarn_glock_t *first = nullptr;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &first), 0);
+  EXPECT_EQ(tarn_glock_destroy(first), 0);
+  EXPECT_TRUE(shm_exists(name + ".glock"));
+
+  LockHandle second;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &second.lock), 0);
+  EXPECT_EQ(tarn_glock_acquire_timeout(second.lock, 0), ETIMEDOUT);
+  EXPECT_EQ(holder.release(), 0);
+  EXPECT_EQ(tarn_glock_acquire_timeout(second.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(second.lock), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Global lock: processes
+
+TEST(GlobalLock, ThirtyTwoProcessesOpenANewLockAtOnceAndAllGetTheSameLock) {
+  const std::string name = unique_name("race");
+  constexpr int kChildren = 32;
+  Barrier start, parent_holds, parent_released;
+  Pipe results;
+  std::vector<pid_t> pids;
+  for (int i = 0; i < kChildren; ++i) {
+    pids.push_back(fork_child([&]() {
+      results.close_read();
+      start.wait();
+      tarn_glock_t *lock = nullptr;
+      int ret = tarn_glock_init(name.c_str(), &lock);
+      results.write_int(ret == 0 ? 0 : 100 + ret);
+      if (ret != 0) return 1;
+      parent_holds.wait();
+      // The parent holds the lock now: the same lock must be busy here.
+      ret = tarn_glock_acquire_timeout(lock, 0);
+      results.write_int(ret == ETIMEDOUT ? 0 : 200 + ret);
+      if (ret == 0) tarn_glock_release(lock);
+      parent_released.wait();
+      ret = tarn_glock_acquire_timeout(lock, 20000);
+      if (ret != 0) return 3;
+      ret = tarn_glock_release(lock);
+      if (ret != 0) return 4;
+      return tarn_glock_destroy(lock) == 0 ? 0 : 5;
+    }));
+    ASSERT_GT(pids.back(), 0);
+  }
+  results.close_write();
+
+  start.open();
+  const std::vector<int> inited = gather(results, kChildren);
+  EXPECT_EQ(inited, std::vector<int>(kChildren, 0)) << "tarn_glock_init results (100 + errno)";
+
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  ASSERT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  parent_holds.open();
+  const std::vector<int> tried = gather(results, kChildren);
+  EXPECT_EQ(tried, std::vector<int>(kChildren, 0))
+      << "children's try-once while the parent held the lock (200 + result)";
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  parent_released.open();
+
+  for (pid_t pid : pids) EXPECT_EQ(reap(pid), 0) << "child " << pid;
+}
+
+TEST(GlobalLock, HolderKilledWithSigkillIsRecoveredByTheNextAcquire) {
+  const std::string name = unique_name("killed");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  ASSERT_EQ(tarn_glock_acquire_timeout(h.lock, 0), ETIMEDOUT);
+  holder.kill();
+
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 100), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  // And it works normally afterwards.
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, HolderThatDiedButIsNotYetReapedIsRecovered) {
+  const std::string name = unique_name("zombie");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+  holder.kill_leaving_zombie();
+
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 100), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, HolderKilledWhileAnotherWaitsPassesTheLockToTheWaiter) {
+  const std::string name = unique_name("killed_waiting");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  std::thread killer([&holder]() {
+    struct timespec pause = {0, 200 * 1000 * 1000};
+    nanosleep(&pause, nullptr);
+    holder.kill();
+  });
+  const int64_t start = monotonic_ms();
+  const int ret = tarn_glock_acquire_timeout(h.lock, 5000);
+  const int64_t elapsed = monotonic_ms() - start;
+  killer.join();
+  EXPECT_EQ(ret, 0);
+  EXPECT_LT(elapsed, 5000);
+  if (ret == 0) {
+    EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  }
+}
+
+TEST(GlobalLock, ExcludesConcurrentProcessesSoSharedCountsAreExact) {
+  const std::string name = unique_name("mutex");
+  const std::string key = unique_name("mutex_seg");
+  constexpr int kProcesses = 6;
+  constexpr int kIncrements = 3000;
+
+  struct Shared {
+    uint64_t counter;
+    uint32_t inside;
+    uint32_t overlaps;
+  };
+  tarn_shm_t *shm = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &shm), 0);
+  void *base = nullptr;
+  ASSERT_EQ(tarn_shm_map(shm, 0, &base), 0);
+  Shared *shared = static_cast<Shared *>(base);
+
+  Barrier start;
+  std::vector<pid_t> pids;
+  for (int i = 0; i < kProcesses; ++i) {
+    pids.push_back(fork_child([&]() {
+      tarn_glock_t *lock = nullptr;
+      if (tarn_glock_init(name.c_str(), &lock) != 0) return 1;
+      start.wait();
+      for (int n = 0; n < kIncrements; ++n) {
+        if (tarn_glock_acquire_timeout(lock, 20000) != 0) return 2;
+        if (__atomic_exchange_n(&shared->inside, 1u, __ATOMIC_SEQ_CST) != 0)
+          __atomic_fetch_add(&shared->overlaps, 1u, __ATOMIC_SEQ_CST);
+        // A plain read-modify-write, which only the lock keeps whole.
+        volatile uint64_t *counter = &shared->counter;
+        const uint64_t value = *counter;
+        if (n % 97 == 0) sched_yield();
+        *counter = value + 1;
+        __atomic_store_n(&shared->inside, 0u, __ATOMIC_SEQ_CST);
+        if (tarn_glock_release(lock) != 0) return 3;
+      }
+      return tarn_glock_destroy(lock) == 0 ? 0 : 4;
+    }));
+    ASSERT_GT(pids.back(), 0);
+  }
+  start.open();
+  for (pid_t pid : pids) EXPECT_EQ(reap(pid), 0) << "child " << pid;
+
+  EXPECT_EQ(shared->counter, static_cast<uint64_t>(kProcesses) * kIncrements);
+  EXPECT_EQ(shared->overlaps, 0u);
+  EXPECT_EQ(tarn_shm_unmap(shm, base), 0);
+  EXPECT_EQ(tarn_shm_destroy(shm), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Shared memory
+
+TEST(SharedMemory, InitRejectsBadArgumentsAndLeavesTheHandle) {
+  int sentinel_storage = 0;
+  tarn_shm_t *const sentinel = reinterpret_cast<tarn_shm_t *>(&sentinel_storage);
+  tarn_shm_t *h = sentinel;
+  EXPECT_EQ(tarn_shm_init(nullptr, TARN_SHM_CREATE, 64, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init("bad_args", TARN_SHM_CREATE, 64, nullptr), EINVAL);
+  EXPECT_EQ(tarn_shm_init("bad_args", TARN_SHM_CREATE, 0, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init("", TARN_SHM_CREATE, 64, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init("bad/args", TARN_SHM_CREATE, 64, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init("/bad_args", TARN_SHM_CREATE, 64, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init(std::string(201, 'k').c_str(), TARN_SHM_CREATE, 64, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init("bad_args", 3, 64, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init("bad_args", -1, 64, &h), EINVAL);
+  EXPECT_EQ(h, sentinel);
+  EXPECT_FALSE(shm_exists("bad_args"));
+}
+
+TEST(SharedMemory, InitAcceptsAKeyOf200Bytes) {
+  const std::string key(200, 'K');
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 64, &h), 0);
+  EXPECT_TRUE(shm_exists(key));
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, OperationsOnANullHandleReturnEinval) {
+  void *base = nullptr;
+  int dummy = 0;
+  EXPECT_EQ(tarn_shm_map(nullptr, 0, &base), EINVAL);
+  EXPECT_EQ(tarn_shm_unmap(nullptr, &dummy), EINVAL);
+  EXPECT_EQ(tarn_shm_close(nullptr), EINVAL);
+  EXPECT_EQ(tarn_shm_destroy(nullptr), EINVAL);
+}
+
+TEST(SharedMemory, MapRejectsAnOffsetThatIsNotPageAlignedOrNotBelowTheSize) {
+  const std::string key = unique_name("offset");
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 8192, &h), 0);
+  void *base = nullptr;
+  EXPECT_EQ(tarn_shm_map(h, 1, &base), EINVAL);
+  EXPECT_EQ(tarn_shm_map(h, 8192, &base), EINVAL);
+  EXPECT_EQ(tarn_shm_map(h, 3 * 4096, &base), EINVAL);
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, UnmapWithNothingMappedOrANullAddressIsEinval) {
+  const std::string key = unique_name("unmap");
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  int dummy = 0;
+  EXPECT_EQ(tarn_shm_unmap(h, &dummy), EINVAL);
+  void *base = nullptr;
+  ASSERT_EQ(tarn_shm_map(h, 0, &base), 0);
+  EXPECT_EQ(tarn_shm_unmap(h, nullptr), EINVAL);
+  EXPECT_EQ(tarn_shm_unmap(h, base), 0);
+  EXPECT_EQ(tarn_shm_unmap(h, base), EINVAL);
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, OpenOfAMissingSegmentIsEnoent) {
+  const std::string key = unique_name("missing");
+  int sentinel_storage = 0;
+  tarn_shm_t *const sentinel = reinterpret_cast<tarn_shm_t *>(&sentinel_storage);
+  tarn_shm_t *h = sentinel;
+  errno = 0;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 64, &h), ENOENT);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(h, sentinel);
+  EXPECT_FALSE(shm_exists(key));
+}
+
+TEST(SharedMemory, OpenOrCreateCreatesAZeroFilledSegmentWithMode0660) {
+  const std::string key = unique_name("open_or_create");
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN_OR_CREATE, 5000, &h), 0);
+  ASSERT_NE(h, nullptr);
+  ASSERT_TRUE(shm_exists(key));
+  EXPECT_GE(shm_size(key), 5000);
+  struct stat st;
+  ASSERT_EQ(stat(shm_path(key).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+
+  void *base = nullptr;
+  ASSERT_EQ(tarn_shm_map(h, 0, &base), 0);
+  ASSERT_NE(base, nullptr);
+  const unsigned char *bytes = static_cast<const unsigned char *>(base);
+  size_t nonzero = 0;
+  for (size_t i = 0; i < 5000; ++i) nonzero += bytes[i] != 0;
+  EXPECT_EQ(nonzero, 0u);
+  EXPECT_EQ(tarn_shm_unmap(h, base), 0);
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, CreateGrowsAnUndersizedSegmentAndKeepsItsContents) {
+  const std::string key = unique_name("grow");
+  tarn_shm_t *small = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &small), 0);
+  void *small_base = nullptr;
+  ASSERT_EQ(tarn_shm_map(small, 0, &small_base), 0);
+  memcpy(small_base, "kept", 5);
+
+  tarn_shm_t *big = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 3 * 4096, &big), 0);
+  EXPECT_GE(shm_size(key), 3 * 4096);
+  void *big_base = nullptr;
+  ASSERT_EQ(tarn_shm_map(big, 0, &big_base), 0);
+  const char *bytes = static_cast<const char *>(big_base);
+  EXPECT_STREQ(bytes, "kept");
+  size_t nonzero = 0;
+  for (size_t i = 4096; i < 3 * 4096; ++i) nonzero += bytes[i] != 0;
+  EXPECT_EQ(nonzero, 0u);
+  // Both views are the same memory.
+  memcpy(big_base, "both", 5);
+  EXPECT_STREQ(static_cast<const char *>(small_base), "both");
+
+  EXPECT_EQ(tarn_shm_unmap(big, big_base), 0);
+  EXPECT_EQ(tarn_shm_unmap(small, small_base), 0);
+  EXPECT_EQ(tarn_shm_close(big), 0);
+  EXPECT_EQ(tarn_shm_destroy(small), 0);
+}
+
+TEST(SharedMemory, OpenAndOpenOrCreateRefuseAnUndersizedSegmentWithEinval) {
+  const std::string key = unique_name("undersized");
+  tarn_shm_t *owner = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &owner), 0);
+  const off_t size_before = shm_size(key);
+  ASSERT_GE(size_before, 4096);
+  ASSERT_LT(size_before, 3 * 4096);
+
+  int sentinel_storage = 0;
+  tarn_shm_t *const sentinel = reinterpret_cast<tarn_shm_t *>(&sentinel_storage);
+  tarn_shm_t *h = sentinel;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 3 * 4096, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN_OR_CREATE, 3 * 4096, &h), EINVAL);
+  EXPECT_EQ(h, sentinel);
+  EXPECT_EQ(shm_size(key), size_before);
+
+  // A size the segment has, or less, is fine.
+  tarn_shm_t *same = nullptr;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &same), 0);
+  tarn_shm_t *less = nullptr;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN_OR_CREATE, 100, &less), 0);
+  if (same != nullptr) {
+    EXPECT_EQ(tarn_shm_close(same), 0);
+  }
+  if (less != nullptr) {
+    EXPECT_EQ(tarn_shm_close(less), 0);
+  }
+  EXPECT_EQ(tarn_shm_destroy(owner), 0);
+}
+
+TEST(SharedMemory, CloseLeavesTheSegmentAndItsContents) {
+  const std::string key = unique_name("close");
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  void *base = nullptr;
+  ASSERT_EQ(tarn_shm_map(h, 0, &base), 0);
+  memcpy(base, "still here", 11);
+  EXPECT_EQ(tarn_shm_unmap(h, base), 0);
+  EXPECT_EQ(tarn_shm_close(h), 0);
+
+  EXPECT_TRUE(shm_exists(key));
+  tarn_shm_t *again = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &again), 0);
+  void *again_base = nullptr;
+  ASSERT_EQ(tarn_shm_map(again, 0, &again_base), 0);
+  EXPECT_STREQ(static_cast<const char *>(again_base), "still here");
+  EXPECT_EQ(tarn_shm_unmap(again, again_base), 0);
+  EXPECT_EQ(tarn_shm_destroy(again), 0);
+}
+
+TEST(SharedMemory, DestroyRemovesTheNameButNotExistingMappings) {
+  const std::string key = unique_name("destroy");
+  tarn_shm_t *first = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &first), 0);
+  tarn_shm_t *second = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &second), 0);
+  void *base = nullptr;
+  ASSERT_EQ(tarn_shm_map(first, 0, &base), 0);
+  memcpy(base, "old", 4);
+
+  EXPECT_EQ(tarn_shm_destroy(first), 0);
+  EXPECT_FALSE(shm_exists(key));
+  tarn_shm_t *h = nullptr;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &h), ENOENT);
+
+  // The mapping made before stays usable.
+  memcpy(base, "mapped", 7);
+  EXPECT_STREQ(static_cast<const char *>(base), "mapped");
+
+  // The name is gone already for the second handle, which is released anyway.
+  EXPECT_EQ(tarn_shm_destroy(second), ENOENT);
+
+  // A new segment of that name starts out empty.
+  tarn_shm_t *fresh = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN_OR_CREATE, 4096, &fresh), 0);
+  void *fresh_base = nullptr;
+  ASSERT_EQ(tarn_shm_map(fresh, 0, &fresh_base), 0);
+  EXPECT_EQ(static_cast<const char *>(fresh_base)[0], '\0');
+  EXPECT_EQ(tarn_shm_unmap(fresh, fresh_base), 0);
+  EXPECT_EQ(tarn_shm_destroy(fresh), 0);
+  munmap(base, 4096);
+}
+
+TEST(SharedMemory, ThirtyTwoProcessesCreateANewSegmentAtOnceAndAllShareIt) {
+  const std::string key = unique_name("race_seg");
+  constexpr int kChildren = 32;
+  constexpr size_t kSize = 4096;
+  Barrier start;
+  std::vector<pid_t> pids;
+  for (int i = 0; i < kChildren; ++i) {
+    pids.push_back(fork_child([&, i]() {
+      start.wait();
+      const int flag = i % 2 == 0 ? TARN_SHM_OPEN_OR_CREATE : TARN_SHM_CREATE;
+      tarn_shm_t *h = nullptr;
+      int ret = tarn_shm_init(key.c_str(), flag, kSize, &h);
+      if (ret != 0) {
+        fprintf(stderr, "child %d: tarn_shm_init(flag %d) = %d\n", i, flag, ret);
+        return 1;
+      }
+      void *base = nullptr;
+      if (tarn_shm_map(h, 0, &base) != 0) return 2;
+      int32_t *words = static_cast<int32_t *>(base);
+      __atomic_fetch_add(&words[0], 1, __ATOMIC_SEQ_CST);
+      __atomic_store_n(&words[1 + i], static_cast<int32_t>(getpid()), __ATOMIC_SEQ_CST);
+      if (tarn_shm_unmap(h, base) != 0) return 3;
+      return tarn_shm_close(h) == 0 ? 0 : 4;
+    }));
+    ASSERT_GT(pids.back(), 0);
+  }
+  start.open();
+  for (pid_t pid : pids) EXPECT_EQ(reap(pid), 0) << "child " << pid;
+
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, kSize, &h), 0);
+  EXPECT_GE(shm_size(key), static_cast<off_t>(kSize));
+  void *base = nullptr;
+  ASSERT_EQ(tarn_shm_map(h, 0, &base), 0);
+  const int32_t *words = static_cast<const int32_t *>(base);
+  EXPECT_EQ(words[0], kChildren);
+  for (int i = 0; i < kChildren; ++i) EXPECT_EQ(words[1 + i], pids[i]) << "child " << i;
+  EXPECT_EQ(tarn_shm_unmap(h, base), 0);
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+// ---------------------------------------------------------------------------
+// A 32-bit and a 64-bit heartbeat peer on one table and one lock
+
+// A heartbeat_peer child driven through pipes: one command line in, one
+// answer line out.
+class Peer {
+ public:
+  explicit Peer(const char *path) {
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0) return;
+    if (pipe2(out, O_CLOEXEC) != 0) {
+      close(in[0]);
+      close(in[1]);
+      return;
+    }
+    fflush(stdout);
+    fflush(stderr);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], STDIN_FILENO);
+      dup2(out[1], STDOUT_FILENO);
+      execl(path, path, static_cast<char *>(nullptr));
+      fprintf(stderr, "cannot run %s: %s\n", path, strerror(errno));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    to_peer_ = in[1];
+    from_peer_ = out[0];
+  }
+  ~Peer() {
+    if (to_peer_ >= 0) close(to_peer_);
+    if (from_peer_ >= 0) close(from_peer_);
+    if (pid_ > 0) {
+      // End of input ends the peer; one that hangs is killed.
+      int64_t deadline = monotonic_ms() + 5000;
+      while (waitpid(pid_, nullptr, WNOHANG) == 0) {
+        if (monotonic_ms() > deadline) {
+          kill_and_reap(pid_);
+          break;
+        }
+        struct timespec pause = {0, 5 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+      }
+    }
+  }
+  Peer(const Peer &) = delete;
+  Peer &operator=(const Peer &) = delete;
+
+  bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+
+  // Sends one command and returns the answer line without its newline;
+  // "<no answer>" when none came within 10 seconds or the peer ended.
+  std::string ask(const std::string &command) {
+    const std::string line = command + "\n";
+    if (to_peer_ < 0 || write(to_peer_, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+      return "<no answer>";
+    const int64_t deadline = monotonic_ms() + 10000;
+    for (;;) {
+      const size_t newline = buffer_.find('\n');
+      if (newline != std::string::npos) {
+        std::string answer = buffer_.substr(0, newline);
+        buffer_.erase(0, newline + 1);
+        return answer;
+      }
+      const int64_t left = deadline - monotonic_ms();
+      if (left <= 0) return "<no answer>";
+      struct pollfd p = {from_peer_, POLLIN, 0};
+      int ready = poll(&p, 1, static_cast<int>(left));
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready <= 0) return "<no answer>";
+      char chunk[4096];
+      ssize_t n = read(from_peer_, chunk, sizeof(chunk));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return "<no answer>";
+      buffer_.append(chunk, static_cast<size_t>(n));
+    }
+  }
+
+  void kill() {
+    if (pid_ > 0) kill_and_reap(pid_);
+    pid_ = -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int to_peer_ = -1;
+  int from_peer_ = -1;
+  std::string buffer_;
+};
+
+struct Entry {
+  long pid = 0;
+  unsigned long idx = 0, interval = 0, ptype = 0;
+  unsigned long long tick = 0;
+};
+
+// Parses "ok N pid:idx:interval:ptype:tick ..."; false when malformed.
+bool parse_all(const std::string &answer, std::vector<Entry> *entries) {
+  std::istringstream in(answer);
+  std::string ok;
+  long count = -1;
+  if (!(in >> ok >> count) || ok != "ok" || count < 0) return false;
+  entries->clear();
+  std::string word;
+  while (in >> word) {
+    Entry e;
+    if (sscanf(word.c_str(), "%ld:%lu:%lu:%lu:%llu", &e.pid, &e.idx, &e.interval, &e.ptype,
+               &e.tick) != 5)
+      return false;
+    entries->push_back(e);
+  }
+  return static_cast<long>(entries->size()) == count;
+}
+
+class PeersOfBothWidths : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (std::string(TARN_PEER32_PATH).empty())
+      GTEST_SKIP() << "no 32-bit peer is built on this host";
+    signal(SIGPIPE, SIG_IGN);
+  }
+
+  // Checks that a started peer answers.
+  static void expect_answers(Peer &peer, const char *path) {
+    ASSERT_TRUE(peer.started()) << path;
+    ASSERT_EQ(peer.ask("pid"), "ok " + std::to_string(peer.pid())) << path;
+  }
+
+  const std::string timed_out = "ok " + std::to_string(ETIMEDOUT);
+};
+
+TEST_F(PeersOfBothWidths, AgreeOnTheRecordLayoutAndDifferInPointerWidth) {
+  Peer p64(TARN_PEER_PATH), p32(TARN_PEER32_PATH);
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p64, TARN_PEER_PATH));
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p32, TARN_PEER32_PATH));
+  EXPECT_EQ(p64.ask("layout"), "ok 24 0 4 8 12 16 64");
+  EXPECT_EQ(p32.ask("layout"), "ok 24 0 4 8 12 16 32");
+}
+
+TEST_F(PeersOfBothWidths, ShareOneHeartbeatTable) {
+  Peer p64(TARN_PEER_PATH), p32(TARN_PEER32_PATH);
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p64, TARN_PEER_PATH));
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p32, TARN_PEER32_PATH));
+
+  // The 64-bit peer is the service: it creates and clears the table.
+  ASSERT_EQ(p64.ask("init 0"), "ok 0");
+  ASSERT_EQ(p64.ask("add 0 10"), "ok 0");
+  ASSERT_EQ(p32.ask("init 1"), "ok 0");
+  ASSERT_EQ(p32.ask("add 2 5"), "ok 1");
+  ASSERT_EQ(p32.ask("beat"), "ok 0");
+
+  const std::string seen64 = p64.ask("all");
+  const std::string seen32 = p32.ask("all");
+  EXPECT_EQ(seen64, seen32);
+  std::vector<Entry> entries;
+  ASSERT_TRUE(parse_all(seen64, &entries)) << seen64;
+  ASSERT_EQ(entries.size(), 2u) << seen64;
+  EXPECT_EQ(entries[0].pid, p64.pid());
+  EXPECT_EQ(entries[0].idx, 0u);
+  EXPECT_EQ(entries[0].interval, 10u);
+  EXPECT_EQ(entries[0].ptype, 0u);
+  EXPECT_GT(entries[0].tick, 0u);
+  EXPECT_EQ(entries[1].pid, p32.pid());
+  EXPECT_EQ(entries[1].idx, 1u);
+  EXPECT_EQ(entries[1].interval, 5u);
+  EXPECT_EQ(entries[1].ptype, 2u);
+  // The 32-bit peer's beat came after the 64-bit peer registered, on the
+  // same clock.
+  EXPECT_GE(entries[1].tick, entries[0].tick);
+
+  // A removal by the 32-bit peer is seen by the 64-bit one.
+  ASSERT_EQ(p32.ask("del"), "ok 0");
+  const std::string after = p64.ask("all");
+  ASSERT_TRUE(parse_all(after, &entries)) << after;
+  ASSERT_EQ(entries.size(), 1u) << after;
+  EXPECT_EQ(entries[0].pid, p64.pid());
+
+  EXPECT_EQ(p32.ask("deinit 0"), "ok 0");
+  EXPECT_EQ(p64.ask("deinit 1"), "ok 0");
+}
+
+TEST_F(PeersOfBothWidths, ContendForOneTableLock) {
+  Peer p64(TARN_PEER_PATH), p32(TARN_PEER32_PATH);
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p64, TARN_PEER_PATH));
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p32, TARN_PEER32_PATH));
+
+  ASSERT_EQ(p32.ask("lock 0"), "ok 0");
+  EXPECT_EQ(p64.ask("lock 50"), timed_out);
+  EXPECT_EQ(p64.ask("unlock"), "ok " + std::to_string(EPERM));
+  ASSERT_EQ(p32.ask("unlock"), "ok 0");
+  ASSERT_EQ(p64.ask("lock 100"), "ok 0");
+  EXPECT_EQ(p32.ask("lock 50"), timed_out);
+  ASSERT_EQ(p64.ask("unlock"), "ok 0");
+  EXPECT_EQ(p32.ask("lock 100"), "ok 0");
+  EXPECT_EQ(p32.ask("unlock"), "ok 0");
+}
+
+TEST_F(PeersOfBothWidths, LockOfAKilled32BitHolderPassesToA64BitWaiter) {
+  Peer p64(TARN_PEER_PATH), p32(TARN_PEER32_PATH);
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p64, TARN_PEER_PATH));
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p32, TARN_PEER32_PATH));
+
+  ASSERT_EQ(p32.ask("lock 0"), "ok 0");
+  ASSERT_EQ(p64.ask("lock 0"), timed_out);
+  p32.kill();
+  EXPECT_EQ(p64.ask("lock 100"), "ok 0");
+  EXPECT_EQ(p64.ask("unlock"), "ok 0");
+}
+
+TEST_F(PeersOfBothWidths, LockOfAKilled64BitHolderPassesToA32BitWaiter) {
+  Peer p64(TARN_PEER_PATH), p32(TARN_PEER32_PATH);
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p64, TARN_PEER_PATH));
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p32, TARN_PEER32_PATH));
+
+  ASSERT_EQ(p64.ask("lock 0"), "ok 0");
+  ASSERT_EQ(p32.ask("lock 0"), timed_out);
+  p64.kill();
+  EXPECT_EQ(p32.ask("lock 100"), "ok 0");
+  EXPECT_EQ(p32.ask("unlock"), "ok 0");
+}
+
+}  // namespace
