@@ -33,6 +33,7 @@
 
 #include <gtest/gtest.h>
 
+#include "child_process.h"
 #include "fakes.h"
 #include "log_frame.h"
 
@@ -794,9 +795,7 @@ ChildOutcome run_in_child(const std::function<void()> &body) {
   ChildOutcome outcome;
   int fds[2];
   if (pipe(fds) != 0) return outcome;
-  fflush(stdout);
-  fflush(stderr);
-  const pid_t pid = fork();
+  const pid_t pid = tarn_test::fork_flushed();
   if (pid == 0) {
     close(fds[0]);
     g_report_fd = fds[1];

@@ -8,8 +8,6 @@
 // after another in one process.
 
 #include <errno.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdint.h>
@@ -23,7 +21,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -33,7 +30,17 @@
 #include <tarnbase/tarn_glock.h>
 #include <tarnbase/tarn_shm.h>
 
+#include "child_process.h"
+
 namespace {
+
+using tarn_test::Barrier;
+using tarn_test::fork_child;
+using tarn_test::kill_and_reap;
+using tarn_test::monotonic_ms;
+using tarn_test::Peer;
+using tarn_test::Pipe;
+using tarn_test::reap;
 
 // ---------------------------------------------------------------------------
 // Helpers
@@ -54,108 +61,6 @@ off_t shm_size(const std::string &key) {
   struct stat st;
   if (stat(shm_path(key).c_str(), &st) != 0) return -1;
   return st.st_size;
-}
-
-int64_t monotonic_ms() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-// A pipe whose ends are closed on exec, so that peers started later do not
-// keep them open.
-class Pipe {
- public:
-  Pipe() {
-    if (pipe2(fds_, O_CLOEXEC) != 0) fds_[0] = fds_[1] = -1;
-  }
-  ~Pipe() {
-    close_read();
-    close_write();
-  }
-  Pipe(const Pipe &) = delete;
-  Pipe &operator=(const Pipe &) = delete;
-
-  int read_fd() const { return fds_[0]; }
-  int write_fd() const { return fds_[1]; }
-  void close_read() {
-    if (fds_[0] >= 0) close(fds_[0]);
-    fds_[0] = -1;
-  }
-  void close_write() {
-    if (fds_[1] >= 0) close(fds_[1]);
-    fds_[1] = -1;
-  }
-
-  bool write_int(int value) {
-    return write(fds_[1], &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value));
-  }
-  // Reads one int, waiting at most timeout_ms; false on time-out or end of file.
-  bool read_int(int *value, int timeout_ms = 10000) {
-    size_t got = 0;
-    const int64_t deadline = monotonic_ms() + timeout_ms;
-    while (got < sizeof(*value)) {
-      const int64_t left = deadline - monotonic_ms();
-      if (left <= 0) return false;
-      struct pollfd p = {fds_[0], POLLIN, 0};
-      int ready = poll(&p, 1, static_cast<int>(left));
-      if (ready < 0 && errno == EINTR) continue;
-      if (ready <= 0) return false;
-      ssize_t n = read(fds_[0], reinterpret_cast<char *>(value) + got, sizeof(*value) - got);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      got += static_cast<size_t>(n);
-    }
-    return true;
-  }
-
- private:
-  int fds_[2];
-};
-
-// A start line for forked children: each child blocks in wait() until the
-// parent calls open(), which releases all of them at the same moment.
-class Barrier {
- public:
-  // In the child.
-  void wait() {
-    pipe_.close_write();
-    char byte;
-    while (read(pipe_.read_fd(), &byte, 1) < 0 && errno == EINTR) {
-    }
-  }
-  // In the parent.
-  void open() { pipe_.close_write(); }
-
- private:
-  Pipe pipe_;
-};
-
-// Forks a child that runs body and exits with its result (0 for success).
-pid_t fork_child(const std::function<int()> &body) {
-  fflush(stdout);
-  fflush(stderr);
-  pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  return pid;
-}
-
-// Waits for a child; returns its exit status, or 1000 + the signal that
-// ended it, or -1.
-int reap(pid_t pid) {
-  int status = 0;
-  pid_t got;
-  while ((got = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
-  }
-  if (got != pid) return -1;
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 1000 + WTERMSIG(status);
-  return -1;
-}
-
-void kill_and_reap(pid_t pid) {
-  kill(pid, SIGKILL);
-  reap(pid);
 }
 
 // A child process that opens the lock name and takes it. It then waits for
@@ -782,95 +687,6 @@ TEST(SharedMemory, ThirtyTwoProcessesCreateANewSegmentAtOnceAndAllShareIt) {
 // ---------------------------------------------------------------------------
 // A 32-bit and a 64-bit heartbeat peer on one table and one lock
 
-// A heartbeat_peer child driven through pipes: one command line in, one
-// answer line out.
-class Peer {
- public:
-  explicit Peer(const char *path) {
-    int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0) return;
-    if (pipe2(out, O_CLOEXEC) != 0) {
-      close(in[0]);
-      close(in[1]);
-      return;
-    }
-    fflush(stdout);
-    fflush(stderr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], STDIN_FILENO);
-      dup2(out[1], STDOUT_FILENO);
-      execl(path, path, static_cast<char *>(nullptr));
-      fprintf(stderr, "cannot run %s: %s\n", path, strerror(errno));
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    to_peer_ = in[1];
-    from_peer_ = out[0];
-  }
-  ~Peer() {
-    if (to_peer_ >= 0) close(to_peer_);
-    if (from_peer_ >= 0) close(from_peer_);
-    if (pid_ > 0) {
-      // End of input ends the peer; one that hangs is killed.
-      int64_t deadline = monotonic_ms() + 5000;
-      while (waitpid(pid_, nullptr, WNOHANG) == 0) {
-        if (monotonic_ms() > deadline) {
-          kill_and_reap(pid_);
-          break;
-        }
-        struct timespec pause = {0, 5 * 1000 * 1000};
-        nanosleep(&pause, nullptr);
-      }
-    }
-  }
-  Peer(const Peer &) = delete;
-  Peer &operator=(const Peer &) = delete;
-
-  bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
-
-  // Sends one command and returns the answer line without its newline;
-  // "<no answer>" when none came within 10 seconds or the peer ended.
-  std::string ask(const std::string &command) {
-    const std::string line = command + "\n";
-    if (to_peer_ < 0 || write(to_peer_, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-      return "<no answer>";
-    const int64_t deadline = monotonic_ms() + 10000;
-    for (;;) {
-      const size_t newline = buffer_.find('\n');
-      if (newline != std::string::npos) {
-        std::string answer = buffer_.substr(0, newline);
-        buffer_.erase(0, newline + 1);
-        return answer;
-      }
-      const int64_t left = deadline - monotonic_ms();
-      if (left <= 0) return "<no answer>";
-      struct pollfd p = {from_peer_, POLLIN, 0};
-      int ready = poll(&p, 1, static_cast<int>(left));
-      if (ready < 0 && errno == EINTR) continue;
-      if (ready <= 0) return "<no answer>";
-      char chunk[4096];
-      ssize_t n = read(from_peer_, chunk, sizeof(chunk));
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return "<no answer>";
-      buffer_.append(chunk, static_cast<size_t>(n));
-    }
-  }
-
-  void kill() {
-    if (pid_ > 0) kill_and_reap(pid_);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int to_peer_ = -1;
-  int from_peer_ = -1;
-  std::string buffer_;
-};
-
 struct Entry {
   long pid = 0;
   unsigned long idx = 0, interval = 0, ptype = 0;
@@ -905,7 +721,7 @@ class PeersOfBothWidths : public ::testing::Test {
 
   // Checks that a started peer answers.
   static void expect_answers(Peer &peer, const char *path) {
-    ASSERT_TRUE(peer.started()) << path;
+    ASSERT_TRUE(peer.ok()) << path;
     ASSERT_EQ(peer.ask("pid"), "ok " + std::to_string(peer.pid())) << path;
   }
 

@@ -24,7 +24,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -39,6 +38,7 @@
 #include <tarnbase/tarn_glock.h>
 #include <tarnbase/tarn_shm.h>
 
+#include "child_process.h"
 #include "fakes.h"
 #include "tarn_heartbeat.h"
 #include "tarn_heartbeat_internal.h"
@@ -92,6 +92,12 @@ int tarn_glock_init(const char *name, tarn_glock_t **lock) {
 }  // extern "C"
 
 namespace {
+
+using tarn_test::fork_child;
+using tarn_test::killed_by;
+using tarn_test::Peer;
+using tarn_test::Pipe;
+using tarn_test::reap;
 
 // ---------------------------------------------------------------------------
 // Helpers.
@@ -249,64 +255,84 @@ class TableLockHolder {
   bool held_ = false;
 };
 
-// A pipe that carries single bytes between a test and its children.
-class Pipe {
- public:
-  Pipe() {
-    if (pipe2(fds_, O_CLOEXEC) != 0) fds_[0] = fds_[1] = -1;
-  }
-  ~Pipe() {
-    close_read();
-    close_write();
-  }
-  Pipe(const Pipe &) = delete;
-  Pipe &operator=(const Pipe &) = delete;
-
-  bool ok() const { return fds_[0] >= 0 && fds_[1] >= 0; }
-  void close_read() { close_end(0); }
-  void close_write() { close_end(1); }
-  bool send(char byte) {
-    ssize_t n;
-    do n = write(fds_[1], &byte, 1);
-    while (n < 0 && errno == EINTR);
-    return n == 1;
-  }
-  // The next byte, or -1 at end of input.
-  int receive() {
-    char byte = 0;
-    ssize_t n;
-    do n = read(fds_[0], &byte, 1);
-    while (n < 0 && errno == EINTR);
-    return n == 1 ? (unsigned char)byte : -1;
-  }
-
- private:
-  void close_end(int i) {
-    if (fds_[i] >= 0) close(fds_[i]);
-    fds_[i] = -1;
-  }
-  int fds_[2];
+// One call of a table operation, and the warn line it logs when it fails.
+struct OperationCase {
+  std::string what;
+  std::function<int32_t()> call;
+  std::string message;
 };
 
-// Runs body in a forked child, which ends with body's result as its status
-// (no test framework code runs in the child after the fork).
-pid_t spawn(const std::function<int()> &body) {
-  fflush(stdout);
-  fflush(stderr);
-  const pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  return pid;
-}
+// Every operation of the family, each called once, on arguments of its own:
+// add and sync take info, the operations that name a process take pid, and
+// deletion by slot takes idx.
+class EveryOperation {
+ public:
+  EveryOperation(const proc_heartbeat_info_t &record, int32_t pid, uint32_t idx)
+      : info(record), pid_(pid), idx_(idx) {}
+  EveryOperation(const EveryOperation &) = delete;
+  EveryOperation &operator=(const EveryOperation &) = delete;
 
-// Waits for the child; its exit status, or 128 + the signal that ended it.
-int reap(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
+  // The calls, each expected to fail with "<what failed>, because of
+  // <reason>\n". With bad_arguments, each operation that takes arguments is
+  // called a second time, right after the first, with arguments it refuses.
+  std::vector<OperationCase> cases(const std::string &reason, bool bad_arguments) {
+    const std::string because = " failed, because of " + reason + "\n";
+    const std::string add = "add process heartbeat" + because;
+    const std::string del = "delete process heartbeat" + because;
+    const std::string beat = "update process heartbeat tick" + because;
+    const std::string timeouts = "get heartbeat timeout processes" + because;
+    const std::string sync = "sync process heartbeat infos" + because;
+    const std::string all = "get all processes heartbeats" + because;
+    const std::string one = "get process heartbeat info" + because;
+    std::vector<OperationCase> cases;
+    const auto twice = [&](OperationCase valid, OperationCase bad) {
+      cases.push_back(std::move(valid));
+      if (bad_arguments) cases.push_back(std::move(bad));
+    };
+    twice({"add", [this] { return add_proc_heartbeat(&info); }, add},
+          {"add null", [] { return add_proc_heartbeat(nullptr); }, add});
+    twice({"del pid", [this] { return del_proc_heartbeat_by_pid(pid_); }, del},
+          {"del pid 0", [] { return del_proc_heartbeat_by_pid(0); }, del});
+    twice({"del idx", [this] { return del_proc_heartbeat_by_idx(idx_); }, del},
+          {"del idx 64", [] { return del_proc_heartbeat_by_idx(64); }, del});
+    cases.push_back({"beat", [] { return update_proc_beat_tick(); }, beat});
+    twice({"timeouts", [this] { return get_beat_timeout_procs(out_, 64, 60, &proc_num); }, timeouts},
+          {"timeouts bad", [] { return get_beat_timeout_procs(nullptr, 0, 0, nullptr); }, timeouts});
+    twice({"sync", [this] { return sync_proc_heartbeat_infos(list_, 1); }, sync},
+          {"sync bad", [] { return sync_proc_heartbeat_infos(nullptr, 0); }, sync});
+    twice({"all", [this] { return get_all_proc_heartbeats(out_, 64); }, all},
+          {"all bad", [] { return get_all_proc_heartbeats(nullptr, 0); }, all});
+    twice({"info", [this] { return get_proc_heartbeat_info(pid_, out_); }, one},
+          {"info bad", [] { return get_proc_heartbeat_info(0, nullptr); }, one});
+    cases.push_back({"add wtdog", [] { return add_wtdog_heartbeat(); }, add});
+    cases.push_back({"beat wtdog", [] { return update_wtdog_beat_tick(); }, beat});
+    twice({"check wtdog", [this] { return check_wtdog_beat_timeout(300, &timed_out); }, timeouts},
+          {"check wtdog bad", [] { return check_wtdog_beat_timeout(0, nullptr); }, timeouts});
+    return cases;
   }
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
+
+  proc_heartbeat_info_t info;
+  int32_t proc_num = 77;  // where the timeout scan stores its count
+  bool timed_out = true;  // where the watchdog check stores its answer
+
+ private:
+  int32_t pid_;
+  uint32_t idx_;
+  proc_heartbeat_info_t out_[PROC_HEARTBEAT_MAX_PROCS];
+  proc_heartbeat_info_t *list_[1] = {&info};
+};
+
+// Runs each case: it returns result and logs exactly its one warn line.
+void expect_each_fails(const std::vector<OperationCase> &cases, int32_t result) {
+  for (const OperationCase &c : cases) {
+    SCOPED_TRACE(c.what);
+    tarn_test::clear_logs();
+    EXPECT_EQ(c.call(), result);
+    const std::vector<tarn_test::LogLine> lines = tarn_test::logs();
+    ASSERT_EQ(lines.size(), 1u) << dump_logs();
+    EXPECT_EQ(lines[0].word, "warn");
+    EXPECT_EQ(lines[0].message, c.message);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -475,67 +501,10 @@ TEST_F(ProcHeartbeatTest, TheLogLevelGatesWarnInfoAndDebugLines) {
 // Every operation before initialisation.
 
 TEST_F(ProcHeartbeatTest, EveryOperationBeforeInitReturnsUninitialized) {
-  proc_heartbeat_info_t info = make_info(self_pid(), 1, 10);
-  proc_heartbeat_info_t out[PROC_HEARTBEAT_MAX_PROCS];
-  proc_heartbeat_info_t *list[1] = {&info};
-  int32_t proc_num = 77;
-  bool timed_out = true;
-  struct Case {
-    const char *what;
-    std::function<int32_t()> call;
-    const char *message;
-  };
-  const std::vector<Case> cases = {
-      {"add", [&] { return add_proc_heartbeat(&info); },
-       "add process heartbeat failed, because of not inited\n"},
-      {"add null", [&] { return add_proc_heartbeat(nullptr); },
-       "add process heartbeat failed, because of not inited\n"},
-      {"del pid", [&] { return del_proc_heartbeat_by_pid(self_pid()); },
-       "delete process heartbeat failed, because of not inited\n"},
-      {"del pid 0", [&] { return del_proc_heartbeat_by_pid(0); },
-       "delete process heartbeat failed, because of not inited\n"},
-      {"del idx", [&] { return del_proc_heartbeat_by_idx(0); },
-       "delete process heartbeat failed, because of not inited\n"},
-      {"del idx 64", [&] { return del_proc_heartbeat_by_idx(64); },
-       "delete process heartbeat failed, because of not inited\n"},
-      {"beat", [&] { return update_proc_beat_tick(); },
-       "update process heartbeat tick failed, because of not inited\n"},
-      {"timeouts", [&] { return get_beat_timeout_procs(out, 64, 60, &proc_num); },
-       "get heartbeat timeout processes failed, because of not inited\n"},
-      {"timeouts bad", [&] { return get_beat_timeout_procs(nullptr, 0, 0, nullptr); },
-       "get heartbeat timeout processes failed, because of not inited\n"},
-      {"sync", [&] { return sync_proc_heartbeat_infos(list, 1); },
-       "sync process heartbeat infos failed, because of not inited\n"},
-      {"sync bad", [&] { return sync_proc_heartbeat_infos(nullptr, 0); },
-       "sync process heartbeat infos failed, because of not inited\n"},
-      {"all", [&] { return get_all_proc_heartbeats(out, 64); },
-       "get all processes heartbeats failed, because of not inited\n"},
-      {"all bad", [&] { return get_all_proc_heartbeats(nullptr, 0); },
-       "get all processes heartbeats failed, because of not inited\n"},
-      {"info", [&] { return get_proc_heartbeat_info(self_pid(), out); },
-       "get process heartbeat info failed, because of not inited\n"},
-      {"info bad", [&] { return get_proc_heartbeat_info(0, nullptr); },
-       "get process heartbeat info failed, because of not inited\n"},
-      {"add wtdog", [&] { return add_wtdog_heartbeat(); },
-       "add process heartbeat failed, because of not inited\n"},
-      {"beat wtdog", [&] { return update_wtdog_beat_tick(); },
-       "update process heartbeat tick failed, because of not inited\n"},
-      {"check wtdog", [&] { return check_wtdog_beat_timeout(300, &timed_out); },
-       "get heartbeat timeout processes failed, because of not inited\n"},
-      {"check wtdog bad", [&] { return check_wtdog_beat_timeout(0, nullptr); },
-       "get heartbeat timeout processes failed, because of not inited\n"},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
-    tarn_test::clear_logs();
-    EXPECT_EQ(c.call(), -2);
-    const std::vector<tarn_test::LogLine> lines = tarn_test::logs();
-    ASSERT_EQ(lines.size(), 1u) << dump_logs();
-    EXPECT_EQ(lines[0].word, "warn");
-    EXPECT_EQ(lines[0].message, c.message);
-  }
-  EXPECT_EQ(proc_num, 77);
-  EXPECT_TRUE(timed_out);
+  EveryOperation every(make_info(self_pid(), 1, 10), self_pid(), 0);
+  ASSERT_NO_FATAL_FAILURE(expect_each_fails(every.cases("not inited", true), -2));
+  EXPECT_EQ(every.proc_num, 77);
+  EXPECT_TRUE(every.timed_out);
   EXPECT_FALSE(segment_exists());
 }
 
@@ -727,7 +696,7 @@ TEST_F(ProcHeartbeatTest, DeinitWithoutDestroyLeavesTheSegmentForOthersAndALater
   EXPECT_TRUE(segment_exists());
 
   // Another process attaches to what this one left and finds both entries.
-  const pid_t child = spawn([] {
+  const pid_t child = fork_child([] {
     if (proc_heartbeat_init(2) != 0) return 100;
     proc_heartbeat_info_t out[PROC_HEARTBEAT_MAX_PROCS];
     const int32_t n = get_all_proc_heartbeats(out, 64);
@@ -779,53 +748,12 @@ TEST_F(ProcHeartbeatTest, EveryOperationTimesOutWhileTheLockIsHeld) {
   ASSERT_TRUE(holder.ok());
   ASSERT_EQ(holder.acquire(0), 0);
 
-  proc_heartbeat_info_t info = make_info(kFakePid + 1, 1, 10);
   tarn_test::set_process_exists(kFakePid + 1, true);
-  proc_heartbeat_info_t out[PROC_HEARTBEAT_MAX_PROCS];
-  proc_heartbeat_info_t *list[1] = {&info};
-  int32_t proc_num = 77;
-  bool timed_out = true;
-  struct Case {
-    const char *what;
-    std::function<int32_t()> call;
-    const char *message;
-  };
-  const std::vector<Case> cases = {
-      {"add", [&] { return add_proc_heartbeat(&info); },
-       "add process heartbeat failed, because of acquire glock timeout\n"},
-      {"del pid", [&] { return del_proc_heartbeat_by_pid(kFakePid); },
-       "delete process heartbeat failed, because of acquire glock timeout\n"},
-      {"del idx", [&] { return del_proc_heartbeat_by_idx(1); },
-       "delete process heartbeat failed, because of acquire glock timeout\n"},
-      {"beat", [&] { return update_proc_beat_tick(); },
-       "update process heartbeat tick failed, because of acquire glock timeout\n"},
-      {"timeouts", [&] { return get_beat_timeout_procs(out, 64, 60, &proc_num); },
-       "get heartbeat timeout processes failed, because of acquire glock timeout\n"},
-      {"sync", [&] { return sync_proc_heartbeat_infos(list, 1); },
-       "sync process heartbeat infos failed, because of acquire glock timeout\n"},
-      {"all", [&] { return get_all_proc_heartbeats(out, 64); },
-       "get all processes heartbeats failed, because of acquire glock timeout\n"},
-      {"info", [&] { return get_proc_heartbeat_info(kFakePid, out); },
-       "get process heartbeat info failed, because of acquire glock timeout\n"},
-      {"add wtdog", [&] { return add_wtdog_heartbeat(); },
-       "add process heartbeat failed, because of acquire glock timeout\n"},
-      {"beat wtdog", [&] { return update_wtdog_beat_tick(); },
-       "update process heartbeat tick failed, because of acquire glock timeout\n"},
-      {"check wtdog", [&] { return check_wtdog_beat_timeout(300, &timed_out); },
-       "get heartbeat timeout processes failed, because of acquire glock timeout\n"},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
-    tarn_test::clear_logs();
-    EXPECT_EQ(c.call(), -4);
-    const std::vector<tarn_test::LogLine> lines = tarn_test::logs();
-    ASSERT_EQ(lines.size(), 1u) << dump_logs();
-    EXPECT_EQ(lines[0].word, "warn");
-    EXPECT_EQ(lines[0].message, c.message);
-  }
-  EXPECT_EQ(proc_num, 77);  // stored only under the lock
-  EXPECT_FALSE(timed_out);  // cleared before the lock is asked for
-  EXPECT_EQ(info.idx, 0u);  // sync wrote nothing back
+  EveryOperation every(make_info(kFakePid + 1, 1, 10), kFakePid, 1);
+  ASSERT_NO_FATAL_FAILURE(expect_each_fails(every.cases("acquire glock timeout", false), -4));
+  EXPECT_EQ(every.proc_num, 77);  // stored only under the lock
+  EXPECT_FALSE(every.timed_out);  // cleared before the lock is asked for
+  EXPECT_EQ(every.info.idx, 0u);  // sync wrote nothing back
   EXPECT_TRUE(raw.equals(before));
   EXPECT_STREQ(get_heartbeat_errmsg(-4), "wait to timeout");
 
@@ -878,7 +806,7 @@ TEST_F(ProcHeartbeatTest, AHolderKilledWhileHoldingTheLockDoesNotWedgeTheTable) 
   start_service();
   Pipe locked;
   ASSERT_TRUE(locked.ok());
-  const pid_t child = spawn([&locked] {
+  const pid_t child = fork_child([&locked] {
     locked.close_read();
     tarn_glock_t *lock = nullptr;
     if (tarn_glock_init(PROC_HEARTBEAT_SHM_NAME, &lock) != 0) return 20;
@@ -893,7 +821,7 @@ TEST_F(ProcHeartbeatTest, AHolderKilledWhileHoldingTheLockDoesNotWedgeTheTable) 
   EXPECT_EQ(get_all_proc_heartbeats(out, 64), -4);  // it is held
 
   ASSERT_EQ(kill(child, SIGKILL), 0);
-  EXPECT_EQ(reap(child), 128 + SIGKILL);
+  EXPECT_EQ(reap(child), killed_by(SIGKILL));
 
   tarn_test::clear_logs();
   EXPECT_EQ(add_fake(kFakePid, 2, 5), 1);
@@ -910,7 +838,7 @@ TEST_F(ProcHeartbeatTest, InitModeZeroWhileAnotherProcessHoldsTheLockKeepsTheOld
   Pipe locked;
   Pipe release;
   ASSERT_TRUE(locked.ok() && release.ok());
-  const pid_t child = spawn([&locked, &release] {
+  const pid_t child = fork_child([&locked, &release] {
     locked.close_read();
     release.close_write();
     tarn_glock_t *lock = nullptr;
@@ -1424,7 +1352,7 @@ TEST_F(ProcHeartbeatTest, TheServiceBeatClearsARealProcessKilledWithoutDeletingI
   start_service();
   Pipe hold;
   ASSERT_TRUE(hold.ok());
-  const pid_t child = spawn([&hold] {
+  const pid_t child = fork_child([&hold] {
     hold.close_write();
     hold.receive();
     return 0;
@@ -1439,7 +1367,7 @@ TEST_F(ProcHeartbeatTest, TheServiceBeatClearsARealProcessKilledWithoutDeletingI
   EXPECT_NO_LINES_AT("warn");  // alive: kept
 
   ASSERT_EQ(kill(child, SIGKILL), 0);
-  ASSERT_EQ(reap(child), 128 + SIGKILL);
+  ASSERT_EQ(reap(child), killed_by(SIGKILL));
   tarn_test::clear_logs();
   EXPECT_EQ(update_proc_beat_tick(), 0);
   EXPECT_EQ(tarn_test::messages("warn"),
@@ -2104,13 +2032,13 @@ TEST_F(ProcHeartbeatTest, WorkersInOtherProcessesRegisterAndBeatAndTheServiceSee
   // The workers start before the service initialises, as separate processes.
   Pipe go1, ready1;
   ASSERT_TRUE(go1.ok() && ready1.ok());
-  const pid_t worker1 = spawn([&] { return worker_process(1, 1, 5, go1, ready1); });
+  const pid_t worker1 = fork_child([&] { return worker_process(1, 1, 5, go1, ready1); });
   ASSERT_GT(worker1, 0);
   go1.close_read();
   ready1.close_write();
   Pipe go2, ready2;
   ASSERT_TRUE(go2.ok() && ready2.ok());
-  const pid_t worker2 = spawn([&] { return worker_process(2, 2, 7, go2, ready2); });
+  const pid_t worker2 = fork_child([&] { return worker_process(2, 2, 7, go2, ready2); });
   ASSERT_GT(worker2, 0);
   go2.close_read();
   ready2.close_write();
@@ -2159,73 +2087,6 @@ TEST_F(ProcHeartbeatTest, WorkersInOtherProcessesRegisterAndBeatAndTheServiceSee
 // ---------------------------------------------------------------------------
 // Peer programs that link the shared libraries, driven through pipes.
 
-class Peer {
- public:
-  explicit Peer(const char *path) {
-    signal(SIGPIPE, SIG_IGN);  // a peer that died makes ask() fail, not this program
-    int to_peer[2];
-    int from_peer[2];
-    if (pipe2(to_peer, O_CLOEXEC) != 0) return;
-    if (pipe2(from_peer, O_CLOEXEC) != 0) {
-      close(to_peer[0]);
-      close(to_peer[1]);
-      return;
-    }
-    fflush(stdout);
-    fflush(stderr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(to_peer[0], 0);
-      dup2(from_peer[1], 1);
-      const int null_fd = open("/dev/null", O_WRONLY);
-      if (null_fd >= 0) dup2(null_fd, 2);
-      execl(path, path, (char *)nullptr);
-      _exit(127);
-    }
-    close(to_peer[0]);
-    close(from_peer[1]);
-    to_ = to_peer[1];
-    from_ = fdopen(from_peer[0], "r");
-  }
-  ~Peer() {
-    if (to_ >= 0) close(to_);
-    if (from_ != nullptr) fclose(from_);
-    if (pid_ > 0) reap(pid_);
-  }
-  Peer(const Peer &) = delete;
-  Peer &operator=(const Peer &) = delete;
-
-  bool ok() const { return pid_ > 0 && to_ >= 0 && from_ != nullptr; }
-  pid_t pid() const { return pid_; }
-
-  // Sends one command and returns its one-line answer ("" at end of input).
-  std::string ask(const std::string &command) {
-    const std::string line = command + "\n";
-    if (write(to_, line.data(), line.size()) != (ssize_t)line.size()) return "";
-    char buffer[4096];
-    if (fgets(buffer, sizeof(buffer), from_) == nullptr) return "";
-    std::string answer = buffer;
-    if (!answer.empty() && answer.back() == '\n') answer.pop_back();
-    return answer;
-  }
-
-  // Ends the peer and returns its exit status.
-  int finish() {
-    const std::string line = "exit\n";
-    (void)!write(to_, line.data(), line.size());
-    close(to_);
-    to_ = -1;
-    const int status = reap(pid_);
-    pid_ = -1;
-    return status;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int to_ = -1;
-  FILE *from_ = nullptr;
-};
-
 // A peer registers and beats through the shared libraries; the service here
 // sees it, and it sees the service, field for field.
 void share_table_with_peer(const char *path, uint32_t ptype, uint32_t interval) {
@@ -2235,7 +2096,7 @@ void share_table_with_peer(const char *path, uint32_t ptype, uint32_t interval) 
   tarn_test::set_tick(kTick);  // far from the real clock: the service's entry shows it
   ASSERT_EQ(add_self(0, 10), 0);
 
-  Peer peer(path);
+  Peer peer(path, Peer::Stderr::kDiscard);
   ASSERT_TRUE(peer.ok());
   const std::string layout = peer.ask("layout");
   EXPECT_EQ(layout.rfind("ok 24 0 4 8 12 16 ", 0), 0u) << layout;
@@ -2284,7 +2145,7 @@ TEST_F(ProcHeartbeatTest, A32BitPeerSharesTheTableAndTheLock) {
   const std::string path = TARN_PEER32_PATH;
   if (path.empty()) GTEST_SKIP() << "no 32-bit peer on this host";
   {
-    Peer peer(path.c_str());
+    Peer peer(path.c_str(), Peer::Stderr::kDiscard);
     ASSERT_TRUE(peer.ok());
     EXPECT_EQ(peer.ask("layout"), "ok 24 0 4 8 12 16 32");
     EXPECT_EQ(peer.finish(), 0);

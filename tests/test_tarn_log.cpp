@@ -16,7 +16,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -49,16 +48,18 @@
 #include <tarnbase/tarn_str.h>
 #include <tarnbase/tarn_time.h>
 
+#include "child_process.h"
+
 namespace {
+
+using tarn_test::Barrier;
+using tarn_test::fork_flushed;
+using tarn_test::killed_by;
+using tarn_test::monotonic_ms;
+using tarn_test::reap;
 
 // ---------------------------------------------------------------------------
 // Helpers
-
-int64_t monotonic_ms() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
 
 bool write_all(int fd, const std::string &text) {
   size_t done = 0;
@@ -192,31 +193,12 @@ class Child {
 #define CHILD_EXPECT(child, condition) (child).expect((condition), #condition, __LINE__)
 #define CHILD_EXPECT_EQ(child, expected, actual) (child).expect_eq((expected), (actual), #actual, __LINE__)
 
-pid_t fork_checked() {
-  fflush(stdout);
-  fflush(stderr);
-  return fork();
-}
-
-// Waits for a child; returns its exit status, or 1000 + the signal that
-// ended it, or -1.
-int reap(pid_t pid) {
-  int status = 0;
-  pid_t got;
-  while ((got = waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
-  }
-  if (got != pid) return -1;
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 1000 + WTERMSIG(status);
-  return -1;
-}
-
 // Runs body in a forked child and turns its failed checks into failures of
 // the current test.
 void in_child(const std::function<void(Child &)> &body) {
   int fds[2];
   ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
-  const pid_t pid = fork_checked();
+  const pid_t pid = fork_flushed();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     close(fds[0]);
@@ -231,40 +213,6 @@ void in_child(const std::function<void(Child &)> &body) {
   EXPECT_EQ("", report);
   EXPECT_EQ(0, status) << "the child ended with " << status;
 }
-
-// Starts a child that runs body once the parent opens the start gate, and
-// exits with body's result.
-class StartGate {
- public:
-  StartGate() {
-    if (pipe2(fds_, O_CLOEXEC) != 0) fds_[0] = fds_[1] = -1;
-  }
-  ~StartGate() {
-    if (fds_[0] >= 0) close(fds_[0]);
-    if (fds_[1] >= 0) close(fds_[1]);
-  }
-  StartGate(const StartGate &) = delete;
-  StartGate &operator=(const StartGate &) = delete;
-
-  pid_t start(const std::function<int()> &body) {
-    const pid_t pid = fork_checked();
-    if (pid == 0) {
-      close(fds_[1]);
-      char byte;
-      while (read(fds_[0], &byte, 1) < 0 && errno == EINTR) {
-      }
-      _exit(body());
-    }
-    return pid;
-  }
-  void open() {
-    if (fds_[1] >= 0) close(fds_[1]);
-    fds_[1] = -1;
-  }
-
- private:
-  int fds_[2];
-};
 
 // Redirects standard error of the calling process into a pipe until
 // taken(), which restores it and returns what was written.
@@ -786,7 +734,7 @@ bool parse_writer_line(const std::string &line, size_t width, WriterLine *parsed
 // Starts writers processes that each write count lines of width bytes into
 // dir (kept files: max_files), all released at once.
 void run_writers(const std::string &dir, int max_files, int writers, int count, size_t width) {
-  StartGate gate;
+  Barrier gate;
   std::vector<pid_t> pids;
   for (int p = 0; p < writers; ++p) {
     pids.push_back(gate.start([&, p]() {
@@ -1075,7 +1023,7 @@ TEST(TarnProcess, InitExists) {
 }
 
 TEST(TarnProcess, AReapedChildDoesNotExist) {
-  const pid_t pid = fork_checked();
+  const pid_t pid = fork_flushed();
   ASSERT_GE(pid, 0);
   if (pid == 0) _exit(0);
   ASSERT_EQ(0, reap(pid));
@@ -1087,7 +1035,7 @@ TEST(TarnProcess, AReapedChildDoesNotExist) {
 }
 
 TEST(TarnProcess, ALiveOrStoppedChildExistsAndAZombieDoesNot) {
-  const pid_t pid = fork_checked();
+  const pid_t pid = fork_flushed();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     for (;;) pause();
@@ -1106,7 +1054,7 @@ TEST(TarnProcess, ALiveOrStoppedChildExistsAndAZombieDoesNot) {
   ASSERT_EQ(0, waitid(P_PID, (id_t)pid, &info, WEXITED | WNOWAIT));
   EXPECT_EQ(0, kill(pid, 0));  // the pid is still taken
   EXPECT_EQ(0, tarn_process_is_exist(pid));
-  EXPECT_EQ(1000 + SIGKILL, reap(pid));
+  EXPECT_EQ(killed_by(SIGKILL), reap(pid));
   EXPECT_EQ(0, tarn_process_is_exist(pid));
 }
 
@@ -1125,7 +1073,7 @@ TEST(TarnProcess, OwnPathIsTheExecutable) {
 TEST(TarnProcess, AChildsPathIsItsExecutable) {
   int fds[2];
   ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
-  const pid_t pid = fork_checked();
+  const pid_t pid = fork_flushed();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     close(fds[1]);
@@ -1215,7 +1163,7 @@ TEST(TarnTime, TickIsTheSameInAnotherProcess) {
   int fds[2];
   ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
   const int64_t before = monotonic_ms();
-  const pid_t pid = fork_checked();
+  const pid_t pid = fork_flushed();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     const uint64_t tick = tarn_time_get_tick_cout();
