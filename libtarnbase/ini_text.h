@@ -10,12 +10,20 @@
 
 namespace tarnbase {
 
+// The longest line inih reads whole, its newline included (one byte of its
+// buffer goes to the terminator).
+constexpr int kIniLineMax = INI_MAX_LINE - 1;
+// The longest section name inih keeps whole; it cuts longer ones silently.
+constexpr int kIniSectionMax = 49;
+
 // Parses the file at path, calling handler for each key. Returns 0 when the
-// whole file was read; -1 when it cannot be opened (errno says why); else
-// the number of the first malformed line (a line too long included). The
-// handler may already have been called for earlier lines when the result
-// is not 0, so callers collect into a scratch object and keep it only on 0.
-int parse_ini_file(const char *path, ini_handler handler, void *user);
+// whole file was read; -1 when it cannot be opened or read (errno says
+// why); else the number of the first malformed line (a line too long
+// included, and, when whole_section_names is set, a section header whose
+// name is longer than kIniSectionMax). The handler may already have been
+// called for earlier lines when the result is not 0, so callers collect
+// into a scratch object and keep it only on 0.
+int parse_ini_file(const char *path, ini_handler handler, void *user, bool whole_section_names = false);
 
 }  // namespace tarnbase
 

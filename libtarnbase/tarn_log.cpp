@@ -5,11 +5,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -18,58 +16,18 @@
 #include <string>
 
 #include "clock.h"
-#include "ini_text.h"
-#include "tarnbase/tarn_process.h"
+#include "config.h"
+#include "exe_path.h"
 
 namespace {
 
-constexpr uint32_t kDefaultLevel = TARN_LOG_LEVEL_INFO;
-constexpr const char *kDefaultDir = "/var/log";
-constexpr long kDefaultFileMaxKb = 10240;
-constexpr long kFileMaxKbLimit = 1024 * 1024;
 constexpr size_t kLineMax = 8192;
 constexpr size_t kDirMax = 1024;
 constexpr int kMaxFilesLimit = 100;
 constexpr const char *kLogFileName = "tarn.log";
 constexpr const char *kRotateLockName = "tarn.log.lock";
 
-struct LogConfig {
-  uint32_t level = kDefaultLevel;
-  std::string dir = kDefaultDir;
-  uint64_t file_max_bytes = (uint64_t)kDefaultFileMaxKb * 1024;
-};
-
-bool parse_number(const char *text, long min, long max, long *value) {
-  char *end = nullptr;
-  errno = 0;
-  const long parsed = strtol(text, &end, 10);
-  if (errno != 0 || end == text || *end != '\0' || parsed < min || parsed > max) return false;
-  *value = parsed;
-  return true;
-}
-
-int on_config_entry(void *user, const char *section, const char *name, const char *value) {
-  LogConfig *config = static_cast<LogConfig *>(user);
-  if (strcmp(section, "log") != 0) return 1;
-  long number = 0;
-  if (strcmp(name, "level") == 0) {
-    if (parse_number(value, 0, 3, &number)) config->level = (uint32_t)number;
-  } else if (strcmp(name, "dir") == 0) {
-    config->dir = value;
-  } else if (strcmp(name, "file_max_kb") == 0) {
-    if (parse_number(value, 1, kFileMaxKbLimit, &number)) config->file_max_bytes = (uint64_t)number * 1024;
-  }
-  return 1;
-}
-
-const LogConfig &config() {
-  static const LogConfig loaded = [] {
-    LogConfig parsed;
-    if (tarnbase::parse_ini_file(TARN_LOG_CONFIG_PATH, on_config_entry, &parsed) != 0) return LogConfig();
-    return parsed;
-  }();
-  return loaded;
-}
+const tarnbase::BaseConfig &config() { return tarnbase::base_config(); }
 
 // The destination. Guarded by g_mutex, which fork handlers hold across a
 // fork so that a child never inherits it locked by a thread it lacks.
@@ -100,16 +58,6 @@ class MutexGuard {
 void close_file() {
   if (g_fd >= 0) close(g_fd);
   g_fd = -1;
-}
-
-// "@" at the start of a directory stands for the executable's directory.
-std::string expand_at(const char *directory) {
-  if (directory[0] != '@') return directory;
-  char exe[PATH_MAX];
-  if (tarn_process_get_path(getpid(), exe, sizeof(exe)) < 0) return directory + 1;
-  char *slash = strrchr(exe, '/');
-  if (slash != nullptr) *slash = '\0';
-  return std::string(exe) + (directory + 1);
 }
 
 bool make_directories(const std::string &path) {
@@ -144,7 +92,7 @@ bool open_file() {
 // A process that finds the file already rotated by another only reopens.
 void rotate_if_needed() {
   struct stat own;
-  if (fstat(g_fd, &own) != 0 || (uint64_t)own.st_size < config().file_max_bytes) return;
+  if (fstat(g_fd, &own) != 0 || (uint64_t)own.st_size < config().log_file_max_bytes) return;
   const std::string lock_path = g_dir + "/" + kRotateLockName;
   const int lock_fd = open(lock_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (lock_fd < 0) return;
@@ -182,11 +130,11 @@ void write_all(int fd, const char *text, size_t length) {
 
 extern "C" {
 
-TARNBASE_API uint32_t tarn_log_level_get(void) { return config().level; }
+TARNBASE_API uint32_t tarn_log_level_get(void) { return config().log_level; }
 
 TARNBASE_API int tarn_log_dir(char *buf, size_t len) {
   if (buf == nullptr || len == 0) return 0;
-  const std::string &dir = config().dir;
+  const std::string &dir = config().log_dir;
   if (dir.empty() || dir.size() >= len) {
     buf[0] = '\0';
     return 0;
@@ -203,7 +151,7 @@ TARNBASE_API int tarn_autolog_init(const char *directory, int max_files) {
     errno = EINVAL;
     return EINVAL;
   }
-  std::string expanded = expand_at(directory);
+  std::string expanded = tarnbase::expand_exe_relative(directory);
   MutexGuard guard;
   close_file();
   g_dir = std::move(expanded);

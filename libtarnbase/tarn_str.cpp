@@ -1,7 +1,10 @@
+// Bounded formatting, copying and comparison of byte strings.
+
 #include "tarnbase/tarn_str.h"
 
 #include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
 
 extern "C" TARNBASE_API int tarn_str_snprintf(char *buf, size_t len, const char *fmt, ...) {
   if (buf == nullptr || len == 0 || fmt == nullptr) return -1;
@@ -14,4 +17,47 @@ extern "C" TARNBASE_API int tarn_str_snprintf(char *buf, size_t len, const char 
     return -1;
   }
   return (size_t)wanted < len ? wanted : (int)(len - 1);
+}
+
+extern "C" TARNBASE_API size_t tarn_strlcpy(char *dst, const char *src, size_t size) {
+  if (src == nullptr) src = "";
+  const size_t length = strlen(src);
+  if (dst != nullptr && size > 0) {
+    const size_t kept = length < size ? length : size - 1;
+    memmove(dst, src, kept);
+    dst[kept] = '\0';
+  }
+  return length;
+}
+
+extern "C" TARNBASE_API char *tarn_strncpy(char *dst, const char *src, size_t size) {
+  tarn_strlcpy(dst, src, size);
+  return dst;
+}
+
+extern "C" TARNBASE_API int tarn_strnicmp(const char *a, const char *b, size_t n) {
+  if (n == 0 || a == b) return 0;
+  if (a == nullptr) return -1;
+  if (b == nullptr) return 1;
+  for (size_t i = 0; i < n; ++i) {
+    unsigned char ca = (unsigned char)a[i];
+    unsigned char cb = (unsigned char)b[i];
+    if (ca >= 'A' && ca <= 'Z') ca = (unsigned char)(ca - 'A' + 'a');
+    if (cb >= 'A' && cb <= 'Z') cb = (unsigned char)(cb - 'A' + 'a');
+    if (ca != cb) return (int)ca - (int)cb;
+    if (ca == '\0') return 0;
+  }
+  return 0;
+}
+
+extern "C" TARNBASE_API char *tarn_str_strncat(char *dst, const char *src, size_t size) {
+  if (dst == nullptr || size == 0) return dst;
+  const char *end = static_cast<const char *>(memchr(dst, '\0', size));
+  if (end == nullptr) {
+    dst[size - 1] = '\0';
+    return dst;
+  }
+  const size_t used = (size_t)(end - dst);
+  tarn_strlcpy(dst + used, src, size - used);
+  return dst;
 }

@@ -9,6 +9,9 @@
  *   dir = /var/log       ; the system log directory; empty: there is none
  *   file_max_kb = 10240  ; size at which a log file is rotated
  *
+ *   [platform]
+ *   x86_companion = 0    ; 1: companion x86 components (tarn_platform.h)
+ *
  * A missing file, section or key, and a value that is not a number in
  * range, give the default shown. A file with a malformed line (a line that
  * is neither a section, a "key = value" pair, a comment nor blank, or a

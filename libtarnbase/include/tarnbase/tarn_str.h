@@ -1,7 +1,8 @@
-/* tarn_str.h -- bounded string formatting.
+/* tarn_str.h -- bounded string formatting, copying and comparison.
  *
- * Every function here always terminates its output and never writes past
- * the length it is given; text that does not fit is cut silently.
+ * Every function here that writes always terminates its output (when it is
+ * given room for at least the terminator) and never writes past the length
+ * it is given; text that does not fit is cut silently.
  */
 #ifndef TARN_STR_H
 #define TARN_STR_H
@@ -19,6 +20,32 @@ TARNBASE_BEGIN_DECLS
  * (buf then holds an empty string). */
 TARNBASE_API int tarn_str_snprintf(char *buf, size_t len, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));
+
+/* Copies src into dst, which holds size bytes: at most size - 1 bytes, then
+ * a terminating zero (nothing is written when size is 0 or dst is null).
+ * Returns strlen(src), so a result of size or more means the copy was cut.
+ * A null src counts as "" (dst gets an empty string, the result is 0). */
+TARNBASE_API size_t tarn_strlcpy(char *dst, const char *src, size_t size);
+
+/* Copies at most size - 1 bytes of src into dst and terminates it; unlike
+ * strncpy it always terminates and does not pad the rest of dst. Returns
+ * dst. Nothing is written when dst is null or size is 0; a null src counts
+ * as "". */
+TARNBASE_API char *tarn_strncpy(char *dst, const char *src, size_t size);
+
+/* Compares at most n bytes of a and b ignoring ASCII case (bytes are
+ * compared as unsigned characters after mapping 'A'-'Z' to 'a'-'z'; other
+ * bytes, UTF-8 included, compare as they are). Returns a negative number, 0
+ * or a positive number as a sorts before, equal to or after b. n 0 gives 0.
+ * A null string sorts before any other; two nulls are equal. */
+TARNBASE_API int tarn_strnicmp(const char *a, const char *b, size_t n);
+
+/* Appends src to the string in dst, which holds size bytes in all: the
+ * result is cut so that it has at most size - 1 bytes, and it is always
+ * terminated. Returns dst. When dst holds no terminator within its size
+ * bytes, dst[size - 1] is set to zero and nothing is appended. Nothing is
+ * written when dst is null or size is 0; a null src appends nothing. */
+TARNBASE_API char *tarn_str_strncat(char *dst, const char *src, size_t size);
 
 TARNBASE_END_DECLS
 

@@ -1,0 +1,52 @@
+/* tarn_file.h -- files: removing, copying, opening and opening to all users.
+ *
+ * Results are 0 on success, otherwise a positive errno value, unless a
+ * function says otherwise. errno is also set on failure.
+ */
+#ifndef TARN_FILE_H
+#define TARN_FILE_H
+
+#include <stdio.h>
+
+#include "tarn_base_api.h"
+
+TARNBASE_BEGIN_DECLS
+
+/* Removes the file (or symbolic link) path. Returns 0, EINVAL for a null or
+ * empty path, or the errno of unlink(2): ENOENT when there is none, EISDIR
+ * for a directory (never removed here). */
+TARNBASE_API int tarn_file_unlink(const char *path);
+
+/* Replaces dst with a copy of the regular file src, whole and crash-safely:
+ * the data is written to a new temporary file in dst's directory
+ * ("<dst>.tmp.<pid>.<n>"), given src's permission bits (mode & 07777),
+ * flushed to the disk (fsync), and renamed over dst; the directory is then
+ * synced too. A process killed at any moment leaves either the old dst or
+ * the complete copy, never a part (it may leave its temporary file behind).
+ * The new dst belongs to the calling user; a symbolic link at dst is
+ * replaced by the file, not followed. Returns 0, EINVAL for a null or empty
+ * argument, EISDIR when src is a directory, or the errno of the failed step
+ * (ENOENT for a missing src or a missing directory of dst); on failure dst
+ * is as it was and the temporary file is removed. */
+TARNBASE_API int tarn_file_copy(const char *src, const char *dst);
+
+/* fopen(3) with the descriptor closed on exec ("e" is added to mode), so
+ * that programs started later do not inherit it. mode is fopen's ("r",
+ * "w", "a", "rb", "r+", ...; at most 14 characters). Returns the stream,
+ * which the caller closes with fclose, or null with errno set (EINVAL for
+ * a null or empty argument or a longer mode). */
+TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode);
+
+/* Opens path to a user. user "" means every user: read and write
+ * permission for owner, group and others are added to a file (0666 at
+ * least) and read, write and search permission to a directory (0777 at
+ * least). Bits already set stay set (an executable keeps its execute
+ * bits), and the owner is kept. Returns 0, EINVAL for a null or empty path,
+ * a null user, or a user other than "" (naming one user is not supported
+ * yet), or the errno of stat(2) / chmod(2) (ENOENT, EPERM when the caller
+ * neither owns the file nor is root). */
+TARNBASE_API int tarn_file_add_user_full_ctrl(const char *path, const char *user);
+
+TARNBASE_END_DECLS
+
+#endif

@@ -1,0 +1,145 @@
+/* tarn_ini.h -- ini files as objects: loaded whole, changed in memory,
+ * saved whole.
+ *
+ * Syntax, one item a line:
+ *
+ *   ; a comment           a line whose first non-blank character is ';' or '#'
+ *   # a comment
+ *   [section]             a section header; text after the ']' is ignored
+ *   key = value           also "key: value"; blanks around key and value go
+ *                         (blank lines are ignored)
+ *
+ * - A key before any section header belongs to the section "" (as does a
+ *   key after "[]").
+ * - Section names are kept as written between '[' and ']' (blanks
+ *   included); keys and values are trimmed of surrounding blanks. Sections
+ *   and keys are case-sensitive.
+ * - In a value (and a key or section name) a ';' that follows a blank starts
+ *   a comment that runs to the end of the line: "a = 1 ; one" gives "1".
+ *   A ';' with no blank before it is text: "a = x;y" gives "x;y".
+ * - A UTF-8 byte order mark at the start of the file is skipped.
+ *
+ * A file is malformed, and tarn_ini_file_load refuses it whole (no object,
+ * never a part of the file), when any line is:
+ *   - neither a comment, blank, a section header nor a key line: text
+ *     without '=' or ':' outside a header, or a '[' without its ']';
+ *   - a key line with an empty key ("= value");
+ *   - 200 bytes or more, its newline counted;
+ *   - a section header whose name has 50 bytes or more;
+ *   - a key given a second time in one section. This includes a key line
+ *     indented (begun with blanks) right after another key line, which the
+ *     parser reads as a continuation of the previous key: do not indent.
+ *
+ * Order: sections and keys keep the order in which they were loaded or
+ * first added; a key set again keeps its place. A save writes them in that
+ * order: "[section]" a header, "key=value" a line (no blanks around '=', so
+ * that no line grows longer than the line it was loaded from), a blank line
+ * between sections; section "" gets no header when it comes first and
+ * "[]" otherwise. Comments, blank lines and sections without keys are not
+ * kept: a saved file holds none, and a loaded section without keys is not
+ * in the object.
+ *
+ * Only text that a saved file gives back unchanged can be set, so that a
+ * save never writes a file that a load would refuse or read differently:
+ * tarn_ini_file_set refuses (EINVAL) a section name of 50 bytes or more or
+ * holding ']'; a key that is empty, holds '=' or ':', begins with '[', ';',
+ * '#' or a UTF-8 byte order mark, or begins or ends with a blank; a value
+ * that begins or ends with a blank; any text holding a line end ('\n',
+ * '\r') or a ';' right after a blank; and a key and value whose line
+ * "key=value" would reach 200 bytes (their lengths together more than
+ * 197). Every file that loads saves and loads back equal.
+ *
+ * Saving. A save replaces the file whole and crash-safely: the text goes to
+ * a temporary file in the same directory, "<path>.tmp.<pid>.<n>" (never the
+ * "<path>.lock" name used by lock files), which is then renamed over path.
+ * A process killed at any moment, during a save too, leaves at path either
+ * the complete old file or the complete new one (it may leave its
+ * temporary file behind, which nothing reads; a later save that picks the
+ * same name replaces it). A symbolic link at path is replaced by the file.
+ * The new file keeps the permission bits of the file it replaces (and, when
+ * the caller may, its owner and group); a new file gets 0666 less the
+ * umask.
+ *
+ * Direct I/O. tarn_ini_file_save_directio is the durable save: it also
+ * fsyncs the temporary file before the rename and the directory after it,
+ * so that on return the new content is on the disk and survives a power
+ * failure or a crash of the machine. tarn_ini_file_save leaves both to the
+ * kernel: it is as safe against the death of processes but, after a crash
+ * of the machine, may give back the old content. O_DIRECT itself is not
+ * used: several file systems (tmpfs among them) refuse it, and for a small
+ * file it buys nothing that fsync does not.
+ *
+ * An object is not guarded: one thread at a time. Cross-process exclusion
+ * is the caller's, with tarn_flock.h. Results are 0 on success, otherwise
+ * a positive errno value.
+ */
+#ifndef TARN_INI_H
+#define TARN_INI_H
+
+#include "tarn_base_api.h"
+
+TARNBASE_BEGIN_DECLS
+
+typedef struct tarn_ini tarn_ini_t;
+
+/* Loads the whole file at path into a new object, which the caller frees
+ * with tarn_ini_file_free. A null path gives a new empty object. Returns
+ * null with errno set when the object cannot be made: ENOENT (and the
+ * like) for a missing file, EACCES for an unreadable one, EISDIR for a
+ * directory, EINVAL for a malformed file (see above), ENOMEM. */
+TARNBASE_API tarn_ini_t *tarn_ini_file_load(const char *path);
+
+/* The value of key in section, or null when either is absent or an
+ * argument is null. The string belongs to the object and stays valid until
+ * that key is set again or the object is freed (changes to other keys do
+ * not move it). */
+TARNBASE_API const char *tarn_ini_file_get(tarn_ini_t *ini, const char *section, const char *key);
+
+/* Sets key in section to value, adding the section (at the end) and the key
+ * (at the end of its section) when they are new; a key that exists keeps
+ * its place. Returns 0, EINVAL for a null argument or for text that cannot
+ * be saved (see above; the object is then unchanged), ENOMEM. */
+TARNBASE_API int tarn_ini_file_set(tarn_ini_t *ini, const char *section, const char *key, const char *value);
+
+/* The value of key in section read as a decimal int: the whole value must
+ * be an optional sign and decimal digits within the range of int ("12",
+ * "-3", "+7"). Returns default_value when the key is absent, an argument is
+ * null, or the value is anything else: empty, "12abc", "0x10", "1.5", out
+ * of range. */
+TARNBASE_API int tarn_ini_file_get_int(tarn_ini_t *ini, const char *section, const char *key, int default_value);
+
+/* Sets key in section to value written in decimal ("%d"), as
+ * tarn_ini_file_set. */
+TARNBASE_API int tarn_ini_file_set_int(tarn_ini_t *ini, const char *section, const char *key, int value);
+
+/* Called for each key with its section, key and value (strings of the
+ * object). Returns 0 to go on, non-zero to stop. It must not change the
+ * object. */
+typedef int (*tarn_ini_foreach_fn)(void *user, const char *section, const char *key, const char *value);
+
+/* Calls fn with user for every key, in the object's order (sections in
+ * order, keys in order within each). Returns 0 when every key was visited,
+ * the non-zero value that fn returned when it stopped the walk, or EINVAL
+ * for a null ini or fn. */
+TARNBASE_API int tarn_ini_file_foreach(tarn_ini_t *ini, void *user, tarn_ini_foreach_fn fn);
+
+/* Writes the whole object to path, replacing the file as described above,
+ * without waiting for the disk. flags must be 0. Returns 0, EINVAL for a
+ * null ini or path, an empty path or other flags, or the errno of the
+ * failed step (ENOENT when path's directory is missing, EACCES, ENOSPC,
+ * ...); on failure the file at path is unchanged and no temporary file is
+ * left. */
+TARNBASE_API int tarn_ini_file_save(tarn_ini_t *ini, const char *path, int flags);
+
+/* As tarn_ini_file_save, and durable: when it returns 0 the new content is
+ * on the disk (the temporary file and the directory are fsync-ed). One
+ * failure comes after the file was replaced: when the directory cannot be
+ * synced (EIO), path already holds the new content. */
+TARNBASE_API int tarn_ini_file_save_directio(tarn_ini_t *ini, const char *path, int flags);
+
+/* Frees the object and every string that it handed out. Null is allowed. */
+TARNBASE_API void tarn_ini_file_free(tarn_ini_t *ini);
+
+TARNBASE_END_DECLS
+
+#endif

@@ -1,0 +1,84 @@
+// Files: removing, copying crash-safely, opening close-on-exec, and opening
+// to all users.
+
+#include "tarnbase/tarn_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "replace_file.h"
+
+namespace {
+
+bool is_empty(const char *text) { return text == nullptr || text[0] == '\0'; }
+
+int fail(int error) {
+  errno = error;
+  return error;
+}
+
+// Copies everything that remains to be read from in to out.
+int copy_content(int in, int out) {
+  char buffer[64 * 1024];
+  for (;;) {
+    const ssize_t got = read(in, buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return errno;
+    if (got == 0) return 0;
+    const int result = tarnbase::write_all(out, buffer, (size_t)got);
+    if (result != 0) return result;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+TARNBASE_API int tarn_file_unlink(const char *path) {
+  if (is_empty(path)) return fail(EINVAL);
+  return unlink(path) == 0 ? 0 : errno;
+}
+
+TARNBASE_API int tarn_file_copy(const char *src, const char *dst) {
+  if (is_empty(src) || is_empty(dst)) return fail(EINVAL);
+  const int in = open(src, O_RDONLY | O_CLOEXEC);
+  if (in < 0) return errno;
+  struct stat st;
+  int result = fstat(in, &st) == 0 ? 0 : errno;
+  if (result == 0 && S_ISDIR(st.st_mode)) result = EISDIR;
+  if (result == 0) {
+    tarnbase::ReplaceOptions options;
+    options.durable = true;
+    const mode_t mode = st.st_mode & 07777;
+    options.mode = &mode;
+    result = tarnbase::replace_file(dst, [in](int out) { return copy_content(in, out); }, options);
+  }
+  close(in);
+  return result == 0 ? 0 : fail(result);
+}
+
+TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode) {
+  char with_cloexec[16];
+  if (is_empty(path) || is_empty(mode) || strlen(mode) > sizeof(with_cloexec) - 2) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  strcpy(with_cloexec, mode);
+  if (strchr(mode, 'e') == nullptr) strcat(with_cloexec, "e");
+  return fopen(path, with_cloexec);
+}
+
+TARNBASE_API int tarn_file_add_user_full_ctrl(const char *path, const char *user) {
+  if (is_empty(path) || user == nullptr || user[0] != '\0') return fail(EINVAL);
+  struct stat st;
+  if (stat(path, &st) != 0) return errno;
+  const mode_t wanted = S_ISDIR(st.st_mode) ? 0777 : 0666;
+  const mode_t mode = (st.st_mode & 07777) | wanted;
+  if (mode == (st.st_mode & 07777)) return 0;
+  return chmod(path, mode) == 0 ? 0 : errno;
+}
+
+}  // extern "C"

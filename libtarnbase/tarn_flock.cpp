@@ -1,0 +1,90 @@
+// Exclusive locks on lock files with flock(2): one open of the file per
+// handle, so handles exclude each other also within one process.
+
+#include "tarnbase/tarn_flock.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+struct tarn_flock {
+  int fd;
+};
+
+namespace {
+
+int fail(int error) {
+  errno = error;
+  return error;
+}
+
+// Opens the lock file, creating it open to every user when it is missing.
+// A file that this user may not write is opened for reading: flock(2)
+// needs only an open descriptor.
+int open_lock_file(const char *path) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const int created = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (created >= 0) {
+      // The umask has been applied to the mode; every user must be able to
+      // open the file later.
+      if (fchmod(created, 0666) != 0) { /* the owner can still lock it */ }
+      return created;
+    }
+    if (errno != EEXIST) return -1;
+    int fd = open(path, O_RDWR | O_CLOEXEC);
+    if (fd < 0 && (errno == EACCES || errno == EROFS)) fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0 || errno != ENOENT) return fd;
+    // Removed between the two opens: create it again.
+  }
+  return -1;
+}
+
+int flock_retrying(int fd, int operation) {
+  while (flock(fd, operation) != 0) {
+    if (errno != EINTR) return errno;
+  }
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+TARNBASE_API int tarn_flock_init(const char *lock_path, tarn_flock_t **handle) {
+  if (handle != nullptr) *handle = nullptr;
+  if (lock_path == nullptr || lock_path[0] == '\0' || handle == nullptr) return fail(EINVAL);
+  tarn_flock_t *lock = static_cast<tarn_flock_t *>(malloc(sizeof(tarn_flock_t)));
+  if (lock == nullptr) return fail(ENOMEM);
+  lock->fd = open_lock_file(lock_path);
+  if (lock->fd < 0) {
+    const int error = errno;
+    free(lock);
+    return fail(error);
+  }
+  *handle = lock;
+  return 0;
+}
+
+TARNBASE_API int tarn_flock_acquire(tarn_flock_t *handle) {
+  if (handle == nullptr) return fail(EINVAL);
+  const int result = flock_retrying(handle->fd, LOCK_EX);
+  return result == 0 ? 0 : fail(result);
+}
+
+TARNBASE_API int tarn_flock_release(tarn_flock_t *handle) {
+  if (handle == nullptr) return fail(EINVAL);
+  const int result = flock_retrying(handle->fd, LOCK_UN);
+  return result == 0 ? 0 : fail(result);
+}
+
+TARNBASE_API int tarn_flock_destroy(tarn_flock_t *handle) {
+  if (handle == nullptr) return fail(EINVAL);
+  close(handle->fd);
+  free(handle);
+  return 0;
+}
+
+}  // extern "C"
