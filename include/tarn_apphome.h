@@ -1,0 +1,144 @@
+/* tarn_apphome.h -- the app home record: finding, checking and updating it.
+ *
+ * The agent's installation lives in a directory below the install root
+ * "/usr/share/velmora/TARN" whose name is a UUID. Which of the directories
+ * there is current is recorded in a small ini file at the install root,
+ * with a backup copy beside it:
+ *
+ *   /usr/share/velmora/TARN/tarn_apphome.ini          the record
+ *   /usr/share/velmora/TARN/tarn_apphome_backup.ini   its backup
+ *
+ *   [apphome]
+ *   app_home = <name of the app home directory>
+ *   app_home_x86 = <name of the companion app home directory>
+ *   upgrade_lock_count = <kept by the upgrade tools>
+ *
+ * "app_home" is always present. "app_home_x86" is required, and written, only
+ * on machines that carry a second app home for components of the companion
+ * architecture (tarn_apphome_com_arch_str() is not null); elsewhere it is
+ * neither read nor written. Other sections and keys are kept by every
+ * writer, which loads the whole file, sets its keys and saves the whole
+ * file.
+ *
+ * Locking. Each file is guarded by an exclusive file lock on its path
+ * followed by ".lock". Every operation here loads the file afresh under its
+ * lock; nothing is cached. Where both locks are held the record's is taken
+ * first. A file is always saved whole with direct I/O and then opened to
+ * all users. An update writes the backup right after the record, so that
+ * the backup equals the record after it (a backup that cannot be written
+ * is logged, not returned), and a lost or damaged record can be restored
+ * from the last good one.
+ *
+ * An app home directory is usable ("operational") when it holds the flag
+ * file config/flags/flag_operational; its spare copy
+ * config/flags/flag_operational_backup restores it when it is lost.
+ *
+ * Results are plain integers; the convention of each function is stated
+ * below. Every failure is logged before the function returns.
+ */
+#ifndef TARN_APPHOME_H
+#define TARN_APPHOME_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <tarnbase/tarn_ini.h>
+
+#include "tarnaux_api.h"
+
+TARNAUX_BEGIN_DECLS
+
+/* Writes the record file's full path, "/usr/share/velmora/TARN/
+ * tarn_apphome.ini" (40 characters), into buf, which holds len bytes.
+ * Returns 0; -1, writing nothing, for a null buf or a len of 0 or below,
+ * and for a len below 41 (logged at warn). */
+TARNAUX_API int32_t tarn_apphome_get_file(char *buf, int32_t len);
+
+/* The machine's architecture as a static string: "x86" or "x64" on a
+ * machine of platform kind 1 (by its platform width, whatever the CPU
+ * reports), otherwise by the CPU: "x86", "x64", "arm64", "mips64". Null
+ * when the platform query fails or the CPU is of another kind. */
+TARNAUX_API const char *tarn_apphome_sys_arch_str(void);
+
+/* The companion architecture as a static string: "x86" on a machine that
+ * carries a second app home for 32-bit x86 components (platform kind 1,
+ * width 2); null on every other machine and when the platform query
+ * fails. Where it is not null, every record must hold "app_home_x86". */
+TARNAUX_API const char *tarn_apphome_com_arch_str(void);
+
+/* Returns 0 when name is UUID text: groups of 8, 4, 4, 4 and 12 hexadecimal
+ * digits of either case joined by "-"; -1 otherwise, also for a null name.
+ * Text after the twelfth digit of the last group is not examined. */
+TARNAUX_API int32_t tarn_apphome_check_format(const char *name);
+
+/* Reads the record file ini_path (the record or its backup) under its lock.
+ * Copies the "app_home" value into apphome (apphome_len bytes, cut and
+ * always terminated). When apphome_arch is not null, arch_len is not 0 and
+ * the machine needs a companion app home, also copies the "app_home_x86"
+ * value into apphome_arch (arch_len bytes); a missing companion value is
+ * not an error, and apphome_arch then keeps what it held.
+ * Returns 0; 1 when the lock cannot be taken, the file cannot be loaded or
+ * it has no "app_home" (each logged at warn); -1 for a null ini_path or
+ * apphome. */
+TARNAUX_API int32_t tarn_apphome_get_apphome(const char *ini_path, char *apphome,
+                                             size_t apphome_len, char *apphome_arch,
+                                             size_t arch_len);
+
+/* Result codes of tarn_apphome_check_validity. */
+#define TARN_APPHOME_VALID 0
+#define TARN_APPHOME_E_NO_FILE 1          /* the given file does not exist */
+#define TARN_APPHOME_E_NO_APPHOME 2       /* unreadable, or no "app_home" */
+#define TARN_APPHOME_E_NO_ARCH_APPHOME 3  /* companion value needed, missing or empty */
+#define TARN_APPHOME_E_APPHOME_DIR 4      /* the app home is not operational */
+#define TARN_APPHOME_E_ARCH_APPHOME_DIR 5 /* the companion app home is not operational */
+#define TARN_APPHOME_E_INVALID (-1)       /* null ini_path, or no install root */
+
+/* Checks whether the record file ini_path (the record or its backup) is
+ * usable, stopping at the first failure: the file exists (else 1), names an
+ * app home (else 2) and, where the machine needs one, a companion app home
+ * (else 3), and the named directories below the install root are
+ * operational (else 4 for the app home, 5 for the companion). Returns 0
+ * when valid; -1 for a null ini_path or when the install root cannot be
+ * had. Each failure is logged at warn. The record is never modified, but
+ * the operational test restores a lost flag file from its spare. */
+TARNAUX_API int32_t tarn_apphome_check_validity(const char *ini_path);
+
+/* Records apphome (and, on a machine that needs one, the companion name
+ * apphome_arch) as the current app home: under the record's lock, loads the
+ * record (or starts an empty one when it cannot be loaded), sets "app_home"
+ * and "app_home_x86", saves it, opens it to all users and then writes the
+ * same content to the backup (under the backup's lock, still holding the
+ * record's). apphome_arch is ignored on machines that need no companion.
+ * Returns 0; -1 for a null apphome; 1 when a companion name is needed and
+ * apphome_arch is null, or when the record path or its lock cannot be had;
+ * the save's non-zero code when the record cannot be saved, or the ini
+ * object's code when a name cannot be set in it (EINVAL for text that an
+ * ini file cannot hold, such as a line end or blanks at either end;
+ * ENOMEM); in these cases nothing is written and the backup is not
+ * touched. A failure to open the file to all users is only logged. */
+TARNAUX_API int32_t tarn_apphome_update(const char *apphome, const char *apphome_arch);
+
+/* Writes ini to the backup file "tarn_apphome_backup.ini" at the install
+ * root, under the backup's lock, and opens it to all users. Does nothing
+ * for a null ini. Failures are logged, not returned. The caller keeps
+ * ownership of ini. */
+TARNAUX_API void tarn_apphome_backup_ini(tarn_ini_t *ini);
+
+/* Creates the empty flag file flag_name ("flag_operational" or
+ * "flag_operational_backup") in the directory config/flags of the app home
+ * apphome_path, creating that directory (mode 0777) when it is missing.
+ * Returns 0, also when the flag exists already (logged at info); -1 for a
+ * null argument, or when the file cannot be created (logged at warn). */
+TARNAUX_API int32_t tarn_apphome_create_flag(const char *apphome_path, const char *flag_name);
+
+/* Runs the service executable at the install root,
+ * "/usr/share/velmora/TARN/tarn_service", with " -v" through the shell and
+ * stores what it prints in buf (len bytes) as tarn_shell_execute does.
+ * Returns tarn_shell_execute's result (0 on success); -1, leaving buf
+ * untouched, for a null buf, when the install root cannot be had or when
+ * the executable does not exist (logged at warn). */
+TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len);
+
+TARNAUX_END_DECLS
+
+#endif

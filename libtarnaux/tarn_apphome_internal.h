@@ -1,0 +1,85 @@
+/* tarn_apphome_internal.h -- the app home record's names and the family's
+ * internal operations, shared by the record, directory, utils and
+ * component sources and their tests. Not exported.
+ */
+#ifndef TARN_APPHOME_INTERNAL_H
+#define TARN_APPHOME_INTERNAL_H
+
+#include <stdint.h>
+
+#include <memory>
+
+#include <tarnbase/tarn_flock.h>
+#include <tarnbase/tarn_ini.h>
+
+#include "tarn_apphome.h"
+
+/* The install root and the files and keys of the record kept there. */
+#define TARN_INSTALL_ROOT "/usr/share/velmora/TARN"
+#define TARN_APPHOME_FILE_NAME "tarn_apphome.ini"
+#define TARN_APPHOME_BACKUP_FILE_NAME "tarn_apphome_backup.ini"
+#define TARN_APPHOME_SECTION "apphome"
+#define TARN_APPHOME_KEY "app_home"
+#define TARN_APPHOME_UPGRADE_LOCK_COUNT_KEY "upgrade_lock_count"
+#define TARN_SERVICE_FILE_NAME "tarn_service"
+
+/* The flag files inside an app home directory. */
+#define TARN_APPHOME_FLAGS_DIR "config/flags"
+#define TARN_APPHOME_FLAG_OPERATIONAL "flag_operational"
+#define TARN_APPHOME_FLAG_OPERATIONAL_BACKUP "flag_operational_backup"
+
+/* Buffer sizes: paths and names, and record keys. */
+#define TARN_PATH_BUFFER_SIZE 1024
+#define TARN_KEY_BUFFER_SIZE 64
+
+/* The creation mode of the flags directory. */
+#define TARN_APPHOME_FLAGS_DIR_MODE 0777
+
+/* The lock file of an ini file: its path followed by ".lock". */
+#define TARN_LOCK_PATH_FORMAT "%s.lock"
+
+/* One exclusive lock on a lock file, held for a scope: init() opens the
+ * lock file, acquire() takes the lock, and close() (or the end of the
+ * scope) releases the lock and destroys the handle once init() has
+ * succeeded, also when acquire() failed. */
+class TarnFileLock {
+ public:
+  TarnFileLock() = default;
+  ~TarnFileLock() { close(); }
+  TarnFileLock(const TarnFileLock &) = delete;
+  TarnFileLock &operator=(const TarnFileLock &) = delete;
+
+  int init(const char *lock_path) { return tarn_flock_init(lock_path, &handle_); }
+  int acquire() { return tarn_flock_acquire(handle_); }
+  void close() {
+    if (handle_ == nullptr) return;
+    tarn_flock_release(handle_);
+    tarn_flock_destroy(handle_);
+    handle_ = nullptr;
+  }
+
+ private:
+  tarn_flock_t *handle_ = nullptr;
+};
+
+/* An ini object freed at the end of its scope. */
+struct TarnIniFree {
+  void operator()(tarn_ini_t *ini) const { tarn_ini_file_free(ini); }
+};
+using TarnIniPtr = std::unique_ptr<tarn_ini_t, TarnIniFree>;
+
+/* Whether dir is an operational app home: 1 when it holds
+ * config/flags/flag_operational. When only the spare flag is there, the
+ * operational flag is restored from it (and 1 returned) if the copy
+ * succeeds. Stores in *err the error code of the last existence check.
+ * Returns 0 for a directory that is not operational (logged at info) and
+ * for a null argument (logged at error). */
+int32_t tarn_apphome_is_operational_path(const char *dir, int32_t *err);
+
+/* Copies the backup record over the record, holding only the record's lock
+ * (the backup is read without its own lock). Returns 0, or -1 when there is
+ * no install root, no backup, no lock, no loadable backup, no "app_home" in
+ * it, or the save fails; the record is then left as it was. */
+int32_t tarn_apphome_restore_from_backup(void);
+
+#endif
