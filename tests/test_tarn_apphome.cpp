@@ -1,0 +1,1299 @@
+// Tests of the app home record: the record file's path, the architecture
+// strings, the UUID form of app home names, reading and checking the record
+// and its backup, updating both, restoring the record from the backup, the
+// operational flags, and the service version; then several processes
+// updating and reading at once, and updaters killed in the middle of a save.
+//
+// The platform answers are interposed below, so each test says whether the
+// machine needs the companion "app_home_x86". Failures of locks, saves,
+// permission grants and copies are injected by file_faults.h, which also
+// writes down the order of lock and save calls. Every test starts and ends
+// with an empty install root.
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <tarnbase/tarn_ini.h>
+#include <tarnbase/tarn_platform.h>
+
+#include "child_process.h"
+#include "fakes.h"
+#include "file_faults.h"
+#include "install_root.h"
+#include "tarn_apphome.h"
+#include "tarn_apphome_internal.h"
+
+// ---------------------------------------------------------------------------
+// Interposed platform answers: the real ones unless a test set its own.
+
+namespace {
+
+struct PlatformAnswer {
+  bool platform_set = false;
+  int platform_error = 0;  // returned instead of an answer when not 0
+  tarn_os_platform_t platform = {0, 0};
+  bool cpu_set = false;
+  int cpu = 0;
+  int cpu_calls = 0;
+};
+PlatformAnswer g_answer;
+
+template <typename Fn>
+Fn next_definition(const char *name) {
+  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+int tarn_get_os_platform(tarn_os_platform_t *out) {
+  if (!g_answer.platform_set) {
+    return next_definition<int (*)(tarn_os_platform_t *)>("tarn_get_os_platform")(out);
+  }
+  if (g_answer.platform_error != 0) return g_answer.platform_error;
+  if (out == nullptr) return EINVAL;
+  *out = g_answer.platform;
+  return 0;
+}
+
+int tarn_get_cpu_arch(void) {
+  ++g_answer.cpu_calls;
+  if (!g_answer.cpu_set) return next_definition<int (*)(void)>("tarn_get_cpu_arch")();
+  return g_answer.cpu;
+}
+
+}  // extern "C"
+
+namespace {
+
+using tarn_test::exists;
+using tarn_test::file_mode;
+using tarn_test::kBackupLockPath;
+using tarn_test::kBackupPath;
+using tarn_test::kHomeA;
+using tarn_test::kHomeB;
+using tarn_test::kHomeX86;
+using tarn_test::kHomeX86B;
+using tarn_test::kInstallRoot;
+using tarn_test::kRecordLockPath;
+using tarn_test::kRecordPath;
+using tarn_test::kServicePath;
+using tarn_test::make_apphome;
+using tarn_test::read_file;
+using tarn_test::under_root;
+using tarn_test::write_file;
+
+void set_machine(int kind, int width, int cpu) {
+  g_answer.platform_set = true;
+  g_answer.platform_error = 0;
+  g_answer.platform = {kind, width};
+  g_answer.cpu_set = true;
+  g_answer.cpu = cpu;
+}
+
+// An x64 machine that carries the companion x86 app home.
+void companion_machine() { set_machine(TARN_OS_PLATFORM_X86_COMPANION, TARN_OS_PLATFORM_WIDTH_64, 2); }
+// An x64 machine without one.
+void plain_machine() { set_machine(TARN_OS_PLATFORM_LINUX, TARN_OS_PLATFORM_WIDTH_64, 2); }
+
+std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char *fmt, ...) {
+  char buffer[2048];
+  va_list args;
+  va_start(args, fmt);
+  vsnprintf(buffer, sizeof(buffer), fmt, args);
+  va_end(args);
+  return buffer;
+}
+
+std::string dump_logs() {
+  std::string text;
+  for (const tarn_test::LogLine &line : tarn_test::logs()) text += "  " + line.line + "\n";
+  return text.empty() ? "  (no lines)\n" : text;
+}
+
+#define EXPECT_LOGGED(word, message)                                          \
+  EXPECT_TRUE(tarn_test::logged(word, message))                               \
+      << "expected [" << (word) << "] " << (message) << "\ncaptured:\n" \
+      << dump_logs()
+
+#define EXPECT_NOT_LOGGED(word, message)                                         \
+  EXPECT_FALSE(tarn_test::logged(word, message)) << "unexpected [" << (word) << "] " \
+                                                 << (message) << "\ncaptured:\n" << dump_logs()
+
+#define EXPECT_NO_LINES() EXPECT_TRUE(tarn_test::logs().empty()) << dump_logs()
+
+using Sections = std::map<std::string, std::map<std::string, std::string>>;
+
+// The whole content of an ini file as the base library reads it; nullopt
+// when it cannot be loaded.
+std::optional<Sections> load_ini(const std::string &path) {
+  tarn_ini_t *ini = tarn_ini_file_load(path.c_str());
+  if (ini == nullptr) return std::nullopt;
+  Sections sections;
+  tarn_ini_file_foreach(ini, &sections, [](void *user, const char *section, const char *key,
+                                           const char *value) {
+    (*static_cast<Sections *>(user))[section][key] = value;
+    return 0;
+  });
+  tarn_ini_file_free(ini);
+  return sections;
+}
+
+Sections apphome_only(const std::string &name) { return {{"apphome", {{"app_home", name}}}}; }
+
+Sections apphome_with_arch(const std::string &name, const std::string &arch) {
+  return {{"apphome", {{"app_home", name}, {"app_home_x86", arch}}}};
+}
+
+std::string record_text(const std::string &name) { return "[apphome]\napp_home=" + name + "\n"; }
+
+std::string record_text(const std::string &name, const std::string &arch) {
+  return "[apphome]\napp_home=" + name + "\napp_home_x86=" + arch + "\n";
+}
+
+// The lock and save events, without the grants and copies.
+std::vector<std::string> lock_and_save_events() {
+  std::vector<std::string> events;
+  for (const std::string &event : tarn_test::file_events()) {
+    if (event.rfind("grant ", 0) != 0 && event.rfind("copy ", 0) != 0) events.push_back(event);
+  }
+  return events;
+}
+
+std::string joined(const std::vector<std::string> &events) {
+  std::string text;
+  for (const std::string &event : events) text += "  " + event + "\n";
+  return text;
+}
+
+// Runs body in a child that reports its int result through a pipe.
+class ChildCall {
+ public:
+  explicit ChildCall(const std::function<int()> &body) {
+    pid_ = tarn_test::fork_child([&]() {
+      result_.close_read();
+      result_.write_int(body());
+      return 0;
+    });
+    result_.close_write();
+  }
+  ~ChildCall() {
+    if (pid_ > 0) tarn_test::kill_and_reap(pid_);
+  }
+  ChildCall(const ChildCall &) = delete;
+  ChildCall &operator=(const ChildCall &) = delete;
+
+  // The child's result, if it came within timeout_ms.
+  std::optional<int> result(int timeout_ms) {
+    int value = 0;
+    if (!result_.read_int(&value, timeout_ms)) return std::nullopt;
+    tarn_test::reap(pid_);
+    pid_ = -1;
+    return value;
+  }
+
+ private:
+  tarn_test::Pipe result_;
+  pid_t pid_ = -1;
+};
+
+// ---------------------------------------------------------------------------
+// The fixture: fakes and faults at their defaults, an x64 machine without
+// the companion, and an empty install root, before and after every test.
+
+class AppHomeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    reset();
+    plain_machine();
+  }
+  void TearDown() override { reset(); }
+
+  static void reset() {
+    tarn_test::reset_fakes();
+    tarn_test::clear_file_faults();
+    g_answer = PlatformAnswer();
+    tarn_test::clear_install_root();
+  }
+};
+
+// ---------------------------------------------------------------------------
+// The record file's path.
+
+TEST_F(AppHomeTest, GetFileWritesTheRecordPathIntoFortyOneBytes) {
+  char buf[41];
+  memset(buf, 'Z', sizeof(buf));
+  EXPECT_EQ(tarn_apphome_get_file(buf, 41), 0);
+  EXPECT_STREQ(buf, "/usr/share/velmora/TARN/tarn_apphome.ini");
+  EXPECT_EQ(strlen(buf), 40u);
+  char big[1024];
+  EXPECT_EQ(tarn_apphome_get_file(big, sizeof(big)), 0);
+  EXPECT_STREQ(big, kRecordPath);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(AppHomeTest, GetFileRefusesFortyBytesAndWritesNothing) {
+  char buf[64];
+  memset(buf, 'Z', sizeof(buf));
+  EXPECT_EQ(tarn_apphome_get_file(buf, 40), -1);
+  EXPECT_EQ(buf[0], 'Z');
+  EXPECT_EQ(buf[39], 'Z');
+  EXPECT_LOGGED("warn", "get apphoem file is failed, length 40 is low\n");
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_apphome_get_file(buf, 1), -1);
+  EXPECT_LOGGED("warn", "get apphoem file is failed, length 1 is low\n");
+}
+
+TEST_F(AppHomeTest, GetFileRefusesANullBufferAndALengthOfZeroOrBelow) {
+  char buf[64];
+  EXPECT_EQ(tarn_apphome_get_file(nullptr, 64), -1);
+  EXPECT_EQ(tarn_apphome_get_file(buf, 0), -1);
+  EXPECT_EQ(tarn_apphome_get_file(buf, -41), -1);
+  EXPECT_NO_LINES();
+}
+
+// ---------------------------------------------------------------------------
+// The architecture strings.
+
+TEST_F(AppHomeTest, SysArchOnPlatformKindOneFollowsTheWidthAndIgnoresTheCpu) {
+  set_machine(1, 1, TARN_CPU_ARCH_ARM64);
+  EXPECT_STREQ(tarn_apphome_sys_arch_str(), "x86");
+  EXPECT_EQ(g_answer.cpu_calls, 1);  // asked even though the answer is not used
+  set_machine(1, 2, TARN_CPU_ARCH_MIPS64);
+  g_answer.cpu_calls = 0;
+  EXPECT_STREQ(tarn_apphome_sys_arch_str(), "x64");
+  EXPECT_EQ(g_answer.cpu_calls, 1);
+  set_machine(1, 2, 99);
+  EXPECT_STREQ(tarn_apphome_sys_arch_str(), "x64");
+}
+
+TEST_F(AppHomeTest, SysArchElsewhereMapsTheCpuCode) {
+  const struct {
+    int cpu;
+    const char *arch;
+  } cases[] = {{2, "x64"}, {1, "x86"}, {3, "arm64"}, {4, "mips64"}};
+  for (const auto &c : cases) {
+    set_machine(TARN_OS_PLATFORM_LINUX, TARN_OS_PLATFORM_WIDTH_64, c.cpu);
+    EXPECT_STREQ(tarn_apphome_sys_arch_str(), c.arch) << "cpu " << c.cpu;
+    set_machine(TARN_OS_PLATFORM_LINUX, TARN_OS_PLATFORM_WIDTH_32, c.cpu);
+    EXPECT_STREQ(tarn_apphome_sys_arch_str(), c.arch) << "cpu " << c.cpu << " width 1";
+  }
+}
+
+TEST_F(AppHomeTest, SysArchIsNullForAnUnknownCpuCode) {
+  for (int cpu : {0, 5, 99, -1}) {
+    set_machine(TARN_OS_PLATFORM_LINUX, TARN_OS_PLATFORM_WIDTH_64, cpu);
+    EXPECT_EQ(tarn_apphome_sys_arch_str(), nullptr) << "cpu " << cpu;
+  }
+  set_machine(0, 2, 7);
+  EXPECT_EQ(tarn_apphome_sys_arch_str(), nullptr);
+}
+
+TEST_F(AppHomeTest, SysArchIsNullWhenThePlatformQueryFails) {
+  set_machine(1, 2, 2);
+  g_answer.platform_error = EIO;
+  EXPECT_EQ(tarn_apphome_sys_arch_str(), nullptr);
+  EXPECT_EQ(g_answer.cpu_calls, 0);
+}
+
+TEST_F(AppHomeTest, ComArchIsX86OnlyOnPlatformKindOneOfWidthTwo) {
+  set_machine(1, 2, 2);
+  EXPECT_STREQ(tarn_apphome_com_arch_str(), "x86");
+  set_machine(1, 2, 3);  // the CPU does not matter
+  EXPECT_STREQ(tarn_apphome_com_arch_str(), "x86");
+  set_machine(1, 1, 1);
+  EXPECT_EQ(tarn_apphome_com_arch_str(), nullptr);
+  set_machine(2, 2, 2);
+  EXPECT_EQ(tarn_apphome_com_arch_str(), nullptr);
+  set_machine(0, 2, 2);
+  EXPECT_EQ(tarn_apphome_com_arch_str(), nullptr);
+  set_machine(1, 2, 2);
+  g_answer.platform_error = ENOSYS;
+  EXPECT_EQ(tarn_apphome_com_arch_str(), nullptr);
+}
+
+TEST_F(AppHomeTest, ArchStringsOfThisMachineFollowItsKernel) {
+  g_answer = PlatformAnswer();  // the base library's own answers
+  struct utsname name;
+  ASSERT_EQ(uname(&name), 0);
+  const std::string machine = name.machine;
+  const char *expected = machine == "x86_64"    ? "x64"
+                         : machine == "aarch64" ? "arm64"
+                         : machine == "mips64"  ? "mips64"
+                                                : nullptr;
+  if (expected == nullptr) GTEST_SKIP() << "machine " << machine;
+  EXPECT_STREQ(tarn_apphome_sys_arch_str(), expected);
+  // The sandbox's configuration does not declare a companion platform.
+  EXPECT_EQ(tarn_apphome_com_arch_str(), nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// The UUID form of app home names.
+
+TEST_F(AppHomeTest, CheckFormatAcceptsUuidTextOfEitherCase) {
+  EXPECT_EQ(tarn_apphome_check_format(kHomeA), 0);
+  EXPECT_EQ(tarn_apphome_check_format("0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D"), 0);
+  EXPECT_EQ(tarn_apphome_check_format("0a1B2c3D-4e5F-4A6b-8c7D-9E0f1a2B3c4D"), 0);
+  EXPECT_EQ(tarn_apphome_check_format("00000000-0000-0000-0000-000000000000"), 0);
+}
+
+TEST_F(AppHomeTest, CheckFormatRejectsAFirstGroupOfSevenDigits) {
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3-4e5f-4a6b-8c7d-9e0f1a2b3c4d"), -1);
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3d9-4e5f-4a6b-8c7d-9e0f1a2b3c4d"), -1);
+}
+
+TEST_F(AppHomeTest, CheckFormatRejectsANonHexadecimalCharacterInAnyGroup) {
+  const char *names[] = {
+      "0a1b2g3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d", "0a1b2c3d-4e5z-4a6b-8c7d-9e0f1a2b3c4d",
+      "0a1b2c3d-4e5f-4a 6b-8c7d-9e0f1a2b3c4d", "0a1b2c3d-4e5f-4a6b-8c7-d9e0f1a2b3c4d",
+      "0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3x4d", "0a1b2c3d_4e5f_4a6b_8c7d_9e0f1a2b3c4d",
+  };
+  for (const char *name : names) EXPECT_EQ(tarn_apphome_check_format(name), -1) << name;
+}
+
+TEST_F(AppHomeTest, CheckFormatRejectsMissingGroupsEmptyTextAndNull) {
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3d-4e5f-4a6b-8c7d"), -1);
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3d-4e5f-4a6b-8c7d-"), -1);
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4"), -1);
+  EXPECT_EQ(tarn_apphome_check_format(""), -1);
+  EXPECT_EQ(tarn_apphome_check_format("tarn_apphome.ini"), -1);
+  EXPECT_EQ(tarn_apphome_check_format(nullptr), -1);
+}
+
+TEST_F(AppHomeTest, CheckFormatDoesNotLookPastTheTwelfthDigitOfTheLastGroup) {
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d5"), 0);
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d.old"), 0);
+  EXPECT_EQ(tarn_apphome_check_format("0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d/bin"), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Reading the record.
+
+TEST_F(AppHomeTest, GetApphomeRefusesANullPathOrBuffer) {
+  char name[64];
+  EXPECT_EQ(tarn_apphome_get_apphome(nullptr, name, sizeof(name), nullptr, 0), -1);
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, nullptr, 64, nullptr, 0), -1);
+  EXPECT_NO_LINES();
+  EXPECT_TRUE(tarn_test::file_events().empty());
+}
+
+TEST_F(AppHomeTest, GetApphomeCopiesTheAppHomeName) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  char name[1024];
+  memset(name, 'Z', sizeof(name));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 0);
+  EXPECT_STREQ(name, kHomeA);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(AppHomeTest, GetApphomeCutsTheNameToTheBuffer) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  char name[16];
+  memset(name, 'Z', sizeof(name));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, 9, nullptr, 0), 0);
+  EXPECT_STREQ(name, "0a1b2c3d");
+  EXPECT_EQ(name[9], 'Z');
+}
+
+TEST_F(AppHomeTest, GetApphomeReadsTheBackupFileUnderTheBackupsLock) {
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeB)));
+  char name[64] = {0};
+  EXPECT_EQ(tarn_apphome_get_apphome(kBackupPath, name, sizeof(name), nullptr, 0), 0);
+  EXPECT_STREQ(name, kHomeB);
+  const std::string lock = kBackupLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock, "release " + lock,
+                                      "destroy " + lock}))
+      << joined(tarn_test::file_events());
+}
+
+TEST_F(AppHomeTest, GetApphomeOfAMissingFileIsOne) {
+  char name[64];
+  memset(name, 'Z', sizeof(name));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 1);
+  EXPECT_EQ(name[0], 'Z');
+  EXPECT_LOGGED("warn", "tarn_ini_file_load is failed\n");
+  // The lock was given back.
+  EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+  const std::vector<std::string> events = lock_and_save_events();
+  ASSERT_EQ(events.size(), 4u) << joined(events);
+  EXPECT_EQ(events[2], std::string("release ") + kRecordLockPath);
+  EXPECT_EQ(events[3], std::string("destroy ") + kRecordLockPath);
+}
+
+TEST_F(AppHomeTest, GetApphomeOfARecordWithoutAppHomeIsOne) {
+  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home_x86=" + std::string(kHomeX86) + "\n"));
+  char name[64];
+  memset(name, 'Z', sizeof(name));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 1);
+  EXPECT_EQ(name[0], 'Z');
+  EXPECT_LOGGED("warn", "get apphome field failed\n");
+}
+
+TEST_F(AppHomeTest, GetApphomeReadsTheCompanionNameWhereTheMachineNeedsIt) {
+  companion_machine();
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));
+  char name[64] = {0};
+  char arch[64] = {0};
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, sizeof(arch)), 0);
+  EXPECT_STREQ(name, kHomeA);
+  EXPECT_STREQ(arch, kHomeX86);
+  // Cut to its buffer.
+  memset(arch, 'Z', sizeof(arch));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, 5), 0);
+  EXPECT_STREQ(arch, "2c3d");
+}
+
+TEST_F(AppHomeTest, GetApphomeWithoutTheCompanionValueSucceedsAndKeepsTheCallersText) {
+  companion_machine();
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  char name[64] = {0};
+  char arch[64] = "keep";
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, sizeof(arch)), 0);
+  EXPECT_STREQ(name, kHomeA);
+  EXPECT_STREQ(arch, "keep");
+  EXPECT_NO_LINES();
+}
+
+TEST_F(AppHomeTest, GetApphomeReadsNoCompanionNameWithoutABufferOrOnAPlainMachine) {
+  companion_machine();
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));
+  char name[64] = {0};
+  char arch[64] = "keep";
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, 0), 0);
+  EXPECT_STREQ(arch, "keep");
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 64), 0);
+  plain_machine();
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, sizeof(arch)), 0);
+  EXPECT_STREQ(name, kHomeA);
+  EXPECT_STREQ(arch, "keep");
+}
+
+TEST_F(AppHomeTest, GetApphomeGivesOneWhenTheLockCannotBeOpened) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::fail_flock_init(kRecordLockPath, EACCES);
+  char name[64];
+  memset(name, 'Z', sizeof(name));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 1);
+  EXPECT_EQ(name[0], 'Z');
+  EXPECT_LOGGED("warn", format("flock init failed, errcode is %d\n", EACCES));
+  EXPECT_EQ(lock_and_save_events(), std::vector<std::string>{std::string("init ") + kRecordLockPath});
+}
+
+TEST_F(AppHomeTest, GetApphomeGivesOneWhenTheLockCannotBeTakenAndClosesIt) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::fail_flock_acquire(kRecordLockPath, ENOLCK);
+  char name[64];
+  memset(name, 'Z', sizeof(name));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 1);
+  EXPECT_EQ(name[0], 'Z');
+  EXPECT_LOGGED("warn", format("flock acquire failed, errcode is %d\n", ENOLCK));
+  const std::string lock = kRecordLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock, "release " + lock,
+                                      "destroy " + lock}));
+}
+
+TEST_F(AppHomeTest, GetApphomeWaitsForTheRecordsLock) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::ForeignLock holder(kRecordLockPath);
+  ASSERT_TRUE(holder.held());
+  ChildCall reader([] {
+    char name[64] = {0};
+    const int ret = tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0);
+    return ret == 0 && strcmp(name, kHomeA) == 0 ? 0 : 1;
+  });
+  EXPECT_FALSE(reader.result(300).has_value()) << "the read did not wait for the lock";
+  holder.release();
+  EXPECT_EQ(reader.result(10000), std::optional<int>(0));
+}
+
+// ---------------------------------------------------------------------------
+// Validity of the record and of its backup.
+
+TEST_F(AppHomeTest, ValidityOfNullIsMinusOne) {
+  EXPECT_EQ(tarn_apphome_check_validity(nullptr), -1);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(AppHomeTest, ValidityOfAMissingFileIsOne) {
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 1);
+  EXPECT_LOGGED("warn", format("file %s is no exist, errcode:0x%x\n", kRecordPath, ENOENT));
+  EXPECT_TRUE(tarn_test::file_events().empty());
+}
+
+TEST_F(AppHomeTest, ValidityOfARecordWithoutAppHomeIsTwo) {
+  make_apphome(kHomeA, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\nupgrade_lock_count=1\n"));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 2);
+  EXPECT_LOGGED("warn", "get apphome field failed\n");
+  EXPECT_LOGGED("warn", "tarn_apphome_get_apphome get apphome is failed\n");
+  // An unreadable record is reported the same way.
+  tarn_test::clear_logs();
+  ASSERT_TRUE(write_file(kRecordPath, "this is not an ini file\n"));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 2);
+  EXPECT_LOGGED("warn", "tarn_ini_file_load is failed\n");
+  EXPECT_LOGGED("warn", "tarn_apphome_get_apphome get apphome is failed\n");
+}
+
+TEST_F(AppHomeTest, ValidityStopsAtTheFirstFailure) {
+  companion_machine();
+  ASSERT_TRUE(write_file(kRecordPath, "[other]\nkey=value\n"));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 2);
+  EXPECT_NOT_LOGGED("warn", "tarn_apphome_get_apphome get apphome_arch is failed\n");
+}
+
+TEST_F(AppHomeTest, ValidityWhereTheCompanionIsNeededButMissingOrEmptyIsThree) {
+  companion_machine();
+  make_apphome(kHomeA, true, true);
+  make_apphome(kHomeX86, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 3);
+  EXPECT_LOGGED("warn", "tarn_apphome_get_apphome get apphome_arch is failed\n");
+  tarn_test::clear_logs();
+  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home=" + std::string(kHomeA) +
+                                          "\napp_home_x86=\n"));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 3);
+  EXPECT_LOGGED("warn", "tarn_apphome_get_apphome get apphome_arch is failed\n");
+}
+
+TEST_F(AppHomeTest, ValidityWithAnAppHomeThatIsNotOperationalIsFour) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  const std::string dir = under_root(kHomeA);
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 4);
+  EXPECT_LOGGED("warn", format("apphome is invalid, %s no exists, errcode:0x%x\n", dir.c_str(), ENOENT));
+  EXPECT_LOGGED("info", format("current path %s not operational path, errcode:0x%x\n", dir.c_str(), ENOENT));
+  EXPECT_LOGGED("info",
+                format("current path %s not operational backup path, errcode:0x%x\n", dir.c_str(), ENOENT));
+  // A directory without flags is no better.
+  make_apphome(kHomeA, false, false);
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 4);
+}
+
+TEST_F(AppHomeTest, ValidityWithACompanionThatIsNotOperationalIsFive) {
+  companion_machine();
+  make_apphome(kHomeA, true, false);
+  make_apphome(kHomeX86, false, false);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 5);
+  EXPECT_LOGGED("warn", format("apphome_arch is invalid, %s no exists, errcode:0x%x\n",
+                               under_root(kHomeX86).c_str(), ENOENT));
+}
+
+TEST_F(AppHomeTest, ValidRecordsAreZero) {
+  make_apphome(kHomeA, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 0);
+  EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
+
+  companion_machine();
+  make_apphome(kHomeX86, true, true);
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA, kHomeX86)));
+  EXPECT_EQ(tarn_apphome_check_validity(kBackupPath), 0);
+  EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
+}
+
+TEST_F(AppHomeTest, ValidityRestoresTheFlagOfAnAppHomeThatHasOnlyItsSpare) {
+  const std::string dir = make_apphome(kHomeA, false, true, "", "spare");
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 0);
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational"), "spare");
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational_backup"), "spare");
+  // The record itself is never written.
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+}
+
+TEST_F(AppHomeTest, ValidityOnAPlainMachineIgnoresABrokenCompanion) {
+  make_apphome(kHomeA, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));  // no such directory
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 0);
+  EXPECT_FALSE(exists(under_root(kHomeX86)));
+}
+
+TEST_F(AppHomeTest, ValidityOfACompleteRecordWithOnlyAppHomeOnAPlainMachine) {
+  make_apphome(kHomeA, true, false);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Updating the record and its backup.
+
+TEST_F(AppHomeTest, UpdateOfNullIsMinusOne) {
+  EXPECT_EQ(tarn_apphome_update(nullptr, kHomeX86), -1);
+  EXPECT_NO_LINES();
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, UpdateWithoutARecordCreatesOneHoldingOnlyTheAppHomeSection) {
+  EXPECT_EQ(tarn_apphome_update(kHomeA, nullptr), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_only(kHomeA)));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_LOGGED("info", "after load\n");
+  EXPECT_LOGGED("info", "backup ini to file successful!\n");
+  // Both files are open to every user.
+  EXPECT_EQ(file_mode(kRecordPath) & 0666, 0666);
+  EXPECT_EQ(file_mode(kBackupPath) & 0666, 0666);
+}
+
+TEST_F(AppHomeTest, UpdateOfAnExistingRecordKeepsItsOtherSectionsAndKeys) {
+  ASSERT_TRUE(write_file(kRecordPath,
+                         "[agent]\nid=42\n\n[apphome]\napp_home=" + std::string(kHomeA) +
+                             "\nupgrade_lock_count=2\nnote=kept\n\n[z]\nlast=1\n"));
+  EXPECT_EQ(tarn_apphome_update(kHomeB, nullptr), 0) << dump_logs();
+  const Sections expected = {{"agent", {{"id", "42"}}},
+                             {"apphome",
+                              {{"app_home", kHomeB}, {"upgrade_lock_count", "2"}, {"note", "kept"}}},
+                             {"z", {{"last", "1"}}}};
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(expected));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_NOT_LOGGED("info", "after load\n");
+}
+
+TEST_F(AppHomeTest, UpdateOfAnUnreadableRecordStartsAfresh) {
+  ASSERT_TRUE(write_file(kRecordPath, "garbage without an equals sign\n"));
+  EXPECT_EQ(tarn_apphome_update(kHomeA, nullptr), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_only(kHomeA)));
+  EXPECT_LOGGED("info", "after load\n");
+}
+
+TEST_F(AppHomeTest, UpdateOnAPlainMachineWritesOnlyAppHome) {
+  EXPECT_EQ(tarn_apphome_update(kHomeA, kHomeX86), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_only(kHomeA)));
+  EXPECT_EQ(load_ini(kBackupPath), std::optional<Sections>(apphome_only(kHomeA)));
+  EXPECT_EQ(read_file(kRecordPath).find("app_home_x86"), std::string::npos);
+}
+
+TEST_F(AppHomeTest, UpdateWhereTheCompanionIsNeededWritesBothNames) {
+  companion_machine();
+  EXPECT_EQ(tarn_apphome_update(kHomeA, kHomeX86), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_with_arch(kHomeA, kHomeX86)));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_EQ(tarn_apphome_update(kHomeB, kHomeX86B), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_with_arch(kHomeB, kHomeX86B)));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+}
+
+TEST_F(AppHomeTest, UpdateWhereTheCompanionIsNeededRefusesANullCompanionName) {
+  companion_machine();
+  EXPECT_EQ(tarn_apphome_update(kHomeA, nullptr), 1);
+  EXPECT_LOGGED("warn", "arch apphome is NULL, need arch apphome\n");
+  EXPECT_FALSE(exists(kRecordPath));
+  EXPECT_FALSE(exists(kBackupPath));
+  EXPECT_TRUE(tarn_test::file_events().empty());
+}
+
+TEST_F(AppHomeTest, UpdateWhoseSaveFailsReturnsItsCodeAndLeavesTheBackup) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::fail_save(kRecordPath, EIO);
+  EXPECT_EQ(tarn_apphome_update(kHomeB, nullptr), EIO);
+  EXPECT_LOGGED("warn", format("update tarn_apphome.ini failed, result is %d\n", EIO));
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  EXPECT_EQ(read_file(kBackupPath), record_text(kHomeA));
+  for (const std::string &event : tarn_test::file_events()) {
+    EXPECT_EQ(event.find(kBackupPath), std::string::npos) << event;
+  }
+  EXPECT_NOT_LOGGED("info", "backup ini to file successful!\n");
+  EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(AppHomeTest, UpdateWithANameThatTheRecordCannotHoldChangesNothing) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_update("two\nlines", nullptr), EINVAL);
+  EXPECT_LOGGED("warn", format("update tarn_apphome.ini failed, result is %d\n", EINVAL));
+  companion_machine();
+  EXPECT_EQ(tarn_apphome_update(kHomeB, " padded"), EINVAL);
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  EXPECT_EQ(read_file(kBackupPath), record_text(kHomeA));
+}
+
+TEST_F(AppHomeTest, UpdateWhosePermissionGrantFailsStillRefreshesTheBackup) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::fail_grant(kRecordPath, EPERM);
+  EXPECT_EQ(tarn_apphome_update(kHomeB, nullptr), 0);
+  EXPECT_LOGGED("info", format("file %s add user full control is failed, error code is %x\n",
+                               kRecordPath, EPERM));
+  EXPECT_LOGGED("info", "backup ini to file successful!\n");
+  EXPECT_EQ(load_ini(kBackupPath), std::optional<Sections>(apphome_only(kHomeB)));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+}
+
+TEST_F(AppHomeTest, UpdateGivesOneWhenTheRecordsLockCannotBeOpenedOrTaken) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::fail_flock_init(kRecordLockPath, EACCES);
+  EXPECT_EQ(tarn_apphome_update(kHomeB, nullptr), 1);
+  EXPECT_LOGGED("warn", format("flock init failed, errcode is %d\n", EACCES));
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  EXPECT_FALSE(exists(kBackupPath));
+
+  tarn_test::clear_file_faults();
+  tarn_test::clear_logs();
+  tarn_test::fail_flock_acquire(kRecordLockPath, ENOLCK);
+  EXPECT_EQ(tarn_apphome_update(kHomeB, nullptr), 1);
+  EXPECT_LOGGED("warn", format("flock acquire failed, errcode is %d\n", ENOLCK));
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  EXPECT_FALSE(exists(kBackupPath));
+  const std::string lock = kRecordLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock, "release " + lock,
+                                      "destroy " + lock}));
+}
+
+TEST_F(AppHomeTest, UpdateTakesTheRecordsLockBeforeTheBackupsAndHoldsItThroughout) {
+  EXPECT_EQ(tarn_apphome_update(kHomeA, nullptr), 0);
+  const std::string record_lock = kRecordLockPath;
+  const std::string backup_lock = kBackupLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{
+                "init " + record_lock, "acquire " + record_lock, "save " + std::string(kRecordPath),
+                "init " + backup_lock, "acquire " + backup_lock, "save " + std::string(kBackupPath),
+                "release " + backup_lock, "destroy " + backup_lock, "release " + record_lock,
+                "destroy " + record_lock}))
+      << joined(tarn_test::file_events());
+}
+
+TEST_F(AppHomeTest, UpdateWaitingForTheBackupsLockHoldsTheRecordsLock) {
+  ASSERT_EQ(tarn_apphome_update(kHomeA, nullptr), 0);
+  tarn_test::ForeignLock holder(kBackupLockPath);
+  ASSERT_TRUE(holder.held());
+  ChildCall updater([] { return tarn_apphome_update(kHomeB, nullptr); });
+  // The record is saved, and its lock held, while the backup waits.
+  bool record_locked = false;
+  for (int i = 0; i < 500 && !record_locked; ++i) {
+    record_locked = tarn_test::lock_is_held(kRecordLockPath) &&
+                    load_ini(kRecordPath) == std::optional<Sections>(apphome_only(kHomeB));
+    if (!record_locked) usleep(10000);
+  }
+  EXPECT_TRUE(record_locked);
+  EXPECT_FALSE(updater.result(200).has_value());
+  EXPECT_EQ(load_ini(kBackupPath), std::optional<Sections>(apphome_only(kHomeA)));
+  holder.release();
+  EXPECT_EQ(updater.result(10000), std::optional<int>(0));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(AppHomeTest, UpdateWhoseBackupFailsStillSucceeds) {
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::fail_save(kBackupPath, ENOSPC);
+  EXPECT_EQ(tarn_apphome_update(kHomeB, nullptr), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_only(kHomeB)));
+  EXPECT_EQ(read_file(kBackupPath), record_text(kHomeA));
+  EXPECT_LOGGED("error", format("tarn_ini_file_save_directio %s failed\n", kBackupPath));
+}
+
+// ---------------------------------------------------------------------------
+// Writing the backup.
+
+class BackupIniTest : public AppHomeTest {
+ protected:
+  void SetUp() override {
+    AppHomeTest::SetUp();
+    ini_ = tarn_ini_file_load(nullptr);
+    ASSERT_NE(ini_, nullptr);
+    ASSERT_EQ(tarn_ini_file_set(ini_, "apphome", "app_home", kHomeB), 0);
+    ASSERT_EQ(tarn_ini_file_set(ini_, "extra", "kept", "yes"), 0);
+  }
+  void TearDown() override {
+    tarn_ini_file_free(ini_);
+    AppHomeTest::TearDown();
+  }
+  tarn_ini_t *ini_ = nullptr;
+};
+
+TEST_F(BackupIniTest, NullDoesNothing) {
+  tarn_apphome_backup_ini(nullptr);
+  EXPECT_NO_LINES();
+  EXPECT_TRUE(tarn_test::file_events().empty());
+  EXPECT_FALSE(exists(kBackupPath));
+}
+
+TEST_F(BackupIniTest, WritesTheObjectToTheBackupUnderItsLockAndOpensIt) {
+  tarn_apphome_backup_ini(ini_);
+  const Sections expected = {{"apphome", {{"app_home", kHomeB}}}, {"extra", {{"kept", "yes"}}}};
+  EXPECT_EQ(load_ini(kBackupPath), std::optional<Sections>(expected));
+  EXPECT_EQ(file_mode(kBackupPath) & 0666, 0666);
+  EXPECT_LOGGED("info", "backup ini to file successful!\n");
+  EXPECT_FALSE(exists(kRecordPath));
+  const std::string lock = kBackupLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock,
+                                      "save " + std::string(kBackupPath), "release " + lock,
+                                      "destroy " + lock}));
+}
+
+TEST_F(BackupIniTest, StopsWhenTheLockCannotBeOpened) {
+  tarn_test::fail_flock_init(kBackupLockPath, EACCES);
+  tarn_apphome_backup_ini(ini_);
+  EXPECT_LOGGED("warn", format("tarn_flock_init %s failed\n", kBackupLockPath));
+  EXPECT_FALSE(exists(kBackupPath));
+  EXPECT_NOT_LOGGED("info", "backup ini to file successful!\n");
+}
+
+TEST_F(BackupIniTest, StopsWhenTheLockCannotBeTaken) {
+  tarn_test::fail_flock_acquire(kBackupLockPath, ENOLCK);
+  tarn_apphome_backup_ini(ini_);
+  EXPECT_LOGGED("warn", format("tarn_flock_acquire %s failed\n", kBackupLockPath));
+  EXPECT_FALSE(exists(kBackupPath));
+  const std::string lock = kBackupLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock, "release " + lock,
+                                      "destroy " + lock}));
+}
+
+TEST_F(BackupIniTest, AFailedSaveIsLoggedAtError) {
+  tarn_test::fail_save(kBackupPath, EROFS);
+  tarn_apphome_backup_ini(ini_);
+  EXPECT_LOGGED("error", format("tarn_ini_file_save_directio %s failed\n", kBackupPath));
+  EXPECT_NOT_LOGGED("info", "backup ini to file successful!\n");
+  EXPECT_FALSE(exists(kBackupPath));
+}
+
+TEST_F(BackupIniTest, AFailedGrantIsLoggedAndTheBackupIsWritten) {
+  tarn_test::fail_grant(kBackupPath, EPERM);
+  tarn_apphome_backup_ini(ini_);
+  EXPECT_LOGGED("warn", format("file %s add user full privileges failed, error code is 0x%x\n",
+                               kBackupPath, EPERM));
+  EXPECT_LOGGED("info", "backup ini to file successful!\n");
+  EXPECT_TRUE(load_ini(kBackupPath).has_value());
+}
+
+// ---------------------------------------------------------------------------
+// Restoring the record from the backup.
+
+std::string error_occurd() {
+  return format("error occurd when write [%s] to [%s]\n", kBackupPath, kRecordPath);
+}
+
+TEST_F(AppHomeTest, RestoreWithoutABackupFails) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+  EXPECT_LOGGED("warn", format("%s is not existed!\n", kBackupPath));
+  EXPECT_LOGGED("warn", error_occurd());
+  EXPECT_TRUE(tarn_test::file_events().empty());
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+}
+
+TEST_F(AppHomeTest, RestoreFromABackupWithoutAppHomeLeavesTheRecord) {
+  ASSERT_TRUE(write_file(kRecordPath, "damaged"));
+  ASSERT_TRUE(write_file(kBackupPath, "[apphome]\napp_home_x86=" + std::string(kHomeX86) + "\n"));
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+  EXPECT_LOGGED("error", format("resume app_home is empty, path is %s.\n", kBackupPath));
+  EXPECT_LOGGED("warn", error_occurd());
+  EXPECT_EQ(read_file(kRecordPath), "damaged");
+  EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(AppHomeTest, RestoreFromAnUnreadableBackupFails) {
+  ASSERT_TRUE(write_file(kBackupPath, "no ini here\n"));
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+  EXPECT_LOGGED("warn", format("load ini file %s failed\n", kBackupPath));
+  EXPECT_LOGGED("warn", error_occurd());
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, RestoreFailsWhenTheRecordsLockCannotBeOpenedOrTaken) {
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::fail_flock_init(kRecordLockPath, EACCES);
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+  EXPECT_LOGGED("warn", format("tarn_flock_init %s failed\n", kRecordLockPath));
+  EXPECT_LOGGED("warn", error_occurd());
+  EXPECT_FALSE(exists(kRecordPath));
+
+  tarn_test::clear_file_faults();
+  tarn_test::clear_logs();
+  tarn_test::fail_flock_acquire(kRecordLockPath, ENOLCK);
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+  EXPECT_LOGGED("warn", format("tarn_flock_acquire %s failed\n", kRecordLockPath));
+  EXPECT_LOGGED("warn", error_occurd());
+  EXPECT_FALSE(exists(kRecordPath));
+  const std::string lock = kRecordLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock, "release " + lock,
+                                      "destroy " + lock}));
+}
+
+TEST_F(AppHomeTest, RestoreWhoseSaveFailsLeavesTheRecord) {
+  ASSERT_TRUE(write_file(kRecordPath, "damaged"));
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::fail_save(kRecordPath, ENOSPC);
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+  EXPECT_LOGGED("error", format("tarn_ini_file_save_directio %s failed\n", kRecordPath));
+  EXPECT_LOGGED("warn", error_occurd());
+  EXPECT_EQ(read_file(kRecordPath), "damaged");
+}
+
+TEST_F(AppHomeTest, RestoreCopiesTheBackupOverTheRecord) {
+  ASSERT_TRUE(write_file(kRecordPath, "damaged", 0600));
+  ASSERT_TRUE(write_file(kBackupPath, "[apphome]\napp_home=" + std::string(kHomeA) +
+                                          "\nupgrade_lock_count=3\n\n[agent]\nid=7\n"));
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), 0) << dump_logs();
+  const Sections expected = {{"apphome", {{"app_home", kHomeA}, {"upgrade_lock_count", "3"}}},
+                             {"agent", {{"id", "7"}}}};
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(expected));
+  EXPECT_LOGGED("info", format("resume app_home is [%s]\n", kHomeA));
+  EXPECT_LOGGED("info", "restore ini from file successful!\n");
+  EXPECT_NOT_LOGGED("warn", error_occurd());
+  EXPECT_EQ(file_mode(kRecordPath) & 0666, 0666);
+}
+
+TEST_F(AppHomeTest, RestoreWhoseGrantFailsStillSucceeds) {
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::fail_grant(kRecordPath, EPERM);
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), 0);
+  EXPECT_LOGGED("warn", format("file %s add user full privileges failed, error code is 0x%x\n",
+                               kRecordPath, EPERM));
+  EXPECT_LOGGED("info", "restore ini from file successful!\n");
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_only(kHomeA)));
+}
+
+TEST_F(AppHomeTest, RestoreTakesOnlyTheRecordsLock) {
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), 0);
+  const std::string lock = kRecordLockPath;
+  EXPECT_EQ(lock_and_save_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock,
+                                      "save " + std::string(kRecordPath), "release " + lock,
+                                      "destroy " + lock}));
+}
+
+TEST_F(AppHomeTest, RestoreIsNotBlockedByAnotherProcessHoldingTheBackupsLock) {
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::ForeignLock holder(kBackupLockPath);
+  ASSERT_TRUE(holder.held());
+  ChildCall restorer([] { return tarn_apphome_restore_from_backup(); });
+  EXPECT_EQ(restorer.result(5000), std::optional<int>(0));
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_only(kHomeA)));
+}
+
+TEST_F(AppHomeTest, RestoreWaitsForTheRecordsLock) {
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  tarn_test::ForeignLock holder(kRecordLockPath);
+  ASSERT_TRUE(holder.held());
+  ChildCall restorer([] { return tarn_apphome_restore_from_backup(); });
+  EXPECT_FALSE(restorer.result(300).has_value());
+  EXPECT_FALSE(exists(kRecordPath));
+  holder.release();
+  EXPECT_EQ(restorer.result(10000), std::optional<int>(0));
+}
+
+// ---------------------------------------------------------------------------
+// The operational test.
+
+TEST_F(AppHomeTest, OperationalTestRefusesNullArguments) {
+  int32_t err = 0;
+  EXPECT_EQ(tarn_apphome_is_operational_path(nullptr, &err), 0);
+  EXPECT_LOGGED("error", "Invalid parameter\n");
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_apphome_is_operational_path(under_root(kHomeA).c_str(), nullptr), 0);
+  EXPECT_LOGGED("error", "Invalid parameter\n");
+}
+
+TEST_F(AppHomeTest, ADirectoryWithBothFlagsIsOperationalAndUnchanged) {
+  const std::string dir = make_apphome(kHomeA, true, true, "flag", "spare");
+  int32_t err = -7;
+  EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 1);
+  EXPECT_EQ(err, 0);
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational"), "flag");
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational_backup"), "spare");
+  EXPECT_NO_LINES();
+  EXPECT_TRUE(tarn_test::file_events().empty());
+}
+
+TEST_F(AppHomeTest, ADirectoryWithOnlyTheSpareGetsItsFlagBack) {
+  const std::string dir = make_apphome(kHomeA, false, true, "", "spare-content");
+  int32_t err = 0;
+  EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 1);
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational"), "spare-content");
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational_backup"), "spare-content");
+  EXPECT_LOGGED("info", format("current path %s not operational path, errcode:0x%x\n", dir.c_str(), ENOENT));
+  // Now it passes without a repair.
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 1);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(AppHomeTest, ADirectoryWithoutFlagsIsNotOperational) {
+  const std::string dir = make_apphome(kHomeA, false, false);
+  int32_t err = 0;
+  EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 0);
+  EXPECT_EQ(err, ENOENT);
+  EXPECT_LOGGED("info", format("current path %s not operational path, errcode:0x%x\n", dir.c_str(), ENOENT));
+  EXPECT_LOGGED("info",
+                format("current path %s not operational backup path, errcode:0x%x\n", dir.c_str(), ENOENT));
+  EXPECT_TRUE(tarn_test::messages("warn").empty());
+  EXPECT_FALSE(exists(dir + "/config/flags/flag_operational"));
+  // A missing directory too.
+  EXPECT_EQ(tarn_apphome_is_operational_path(under_root(kHomeB).c_str(), &err), 0);
+}
+
+TEST_F(AppHomeTest, AFailedRepairIsNotOperational) {
+  const std::string dir = make_apphome(kHomeA, false, true);
+  tarn_test::fail_copy(dir + "/config/flags/flag_operational", EIO);
+  int32_t err = 0;
+  EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 0);
+  EXPECT_LOGGED("info", "copy operational backup file to operational file failed\n");
+  EXPECT_FALSE(exists(dir + "/config/flags/flag_operational"));
+}
+
+// ---------------------------------------------------------------------------
+// Creating flags.
+
+TEST_F(AppHomeTest, CreateFlagRefusesNullArguments) {
+  EXPECT_EQ(tarn_apphome_create_flag(nullptr, "flag_operational"), -1);
+  EXPECT_EQ(tarn_apphome_create_flag(under_root(kHomeA).c_str(), nullptr), -1);
+  EXPECT_NO_LINES();
+  EXPECT_FALSE(exists(under_root(kHomeA)));
+}
+
+TEST_F(AppHomeTest, CreateFlagOnAFreshAppHomeMakesTheDirectoryAndAnEmptyFlag) {
+  const std::string dir = under_root(kHomeA);
+  ASSERT_TRUE(tarn_test::make_dirs(dir));
+  EXPECT_EQ(tarn_apphome_create_flag(dir.c_str(), "flag_operational"), 0);
+  EXPECT_EQ(file_mode(dir + "/config/flags"), 0777);
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational"), "");
+  EXPECT_NO_LINES();
+  EXPECT_EQ(tarn_apphome_create_flag(dir.c_str(), "flag_operational_backup"), 0);
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational_backup"), "");
+  int32_t err = 0;
+  EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 1);
+}
+
+TEST_F(AppHomeTest, CreateFlagOfAnExistingFlagSaysSoAndLeavesIt) {
+  const std::string dir = make_apphome(kHomeA, true, false, "content");
+  EXPECT_EQ(tarn_apphome_create_flag(dir.c_str(), "flag_operational"), 0);
+  EXPECT_LOGGED("info", dir + "/config/flags/flag_operational is existed\n");
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational"), "content");
+}
+
+TEST_F(AppHomeTest, CreateFlagMakesMissingParents) {
+  const std::string dir = under_root(kHomeB);
+  EXPECT_EQ(tarn_apphome_create_flag(dir.c_str(), "flag_operational"), 0);
+  EXPECT_TRUE(exists(dir + "/config/flags/flag_operational"));
+}
+
+TEST_F(AppHomeTest, CreateFlagThatCannotBeCreatedIsMinusOne) {
+  const std::string not_a_dir = under_root("plain_file");
+  ASSERT_TRUE(write_file(not_a_dir, "x"));
+  EXPECT_EQ(tarn_apphome_create_flag(not_a_dir.c_str(), "flag_operational"), -1);
+  EXPECT_LOGGED("warn", "flag file " + not_a_dir + "/config/flags/flag_operational create failed\n");
+}
+
+// ---------------------------------------------------------------------------
+// The service version.
+
+void write_service(const std::string &script) { ASSERT_TRUE(write_file(kServicePath, script, 0755)); }
+
+TEST_F(AppHomeTest, ServiceVersionWithoutTheServiceIsMinusOneAndLeavesTheBuffer) {
+  char buf[64];
+  memset(buf, 'Z', sizeof(buf));
+  EXPECT_EQ(tarn_apphome_get_service_version(buf, sizeof(buf)), -1);
+  EXPECT_EQ(buf[0], 'Z');
+  EXPECT_LOGGED("warn", format("file %s is no exist\n", kServicePath));
+}
+
+TEST_F(AppHomeTest, ServiceVersionOfANullBufferIsMinusOne) {
+  write_service("#!/bin/sh\necho 1.0\n");
+  EXPECT_EQ(tarn_apphome_get_service_version(nullptr, 64), -1);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(AppHomeTest, ServiceVersionRunsTheServiceWithDashV) {
+  // The script answers only the exact argument list "-v".
+  write_service("#!/bin/sh\n[ \"$#\" = 1 ] && [ \"$1\" = \"-v\" ] || exit 9\necho 3.1.4.159\n");
+  char buf[64];
+  memset(buf, 'Z', sizeof(buf));
+  EXPECT_EQ(tarn_apphome_get_service_version(buf, sizeof(buf)), 0) << dump_logs();
+  EXPECT_STREQ(buf, "3.1.4.159");
+  // Cut to the buffer.
+  memset(buf, 'Z', sizeof(buf));
+  EXPECT_EQ(tarn_apphome_get_service_version(buf, 4), 0);
+  EXPECT_STREQ(buf, "3.1");
+}
+
+TEST_F(AppHomeTest, ServiceVersionReturnsTheCommandsExitStatus) {
+  write_service("#!/bin/sh\necho broken\nexit 3\n");
+  char buf[64];
+  EXPECT_EQ(tarn_apphome_get_service_version(buf, sizeof(buf)), 3);
+  EXPECT_STREQ(buf, "broken");
+}
+
+// ---------------------------------------------------------------------------
+// Several processes at once.
+
+constexpr int kWriters = 8;
+constexpr int kUpdatesPerWriter = 200;
+constexpr int kLockedReaders = 3;
+constexpr int kUnlockedReaders = 2;
+
+std::string writer_name(int writer, int update) {
+  return format("%08x-0000-4000-8000-%012x", writer, update);
+}
+std::string writer_arch(int writer, int update) {
+  return format("%08x-1111-4000-8000-%012x", writer, update);
+}
+
+// The writer and update that wrote name, or false for any other text.
+bool parse_writer_name(const char *name, const char *group2, int *writer, int *update) {
+  unsigned w = 0, u = 0;
+  char tail = 0;
+  const std::string pattern = std::string("%8x-") + group2 + "-4000-8000-%12x%c";
+  if (strlen(name) != 36 || sscanf(name, pattern.c_str(), &w, &u, &tail) != 2) return false;
+  if (w >= (unsigned)kWriters || u >= (unsigned)kUpdatesPerWriter) return false;
+  if (std::string(name) != (std::string(group2) == "0000" ? writer_name((int)w, (int)u)
+                                                          : writer_arch((int)w, (int)u)))
+    return false;
+  *writer = (int)w;
+  *update = (int)u;
+  return true;
+}
+
+bool stop_requested(int fd) {
+  struct pollfd p = {fd, POLLIN, 0};
+  return poll(&p, 1, 0) > 0;
+}
+
+TEST_F(AppHomeTest, ConcurrentUpdatesAndReadsSeeOnlyCompleteRecords) {
+  companion_machine();
+  ASSERT_EQ(tarn_apphome_update(kHomeA, kHomeX86), 0);
+
+  tarn_test::Barrier start;
+  tarn_test::Pipe stop;
+  std::vector<pid_t> writers;
+  std::vector<pid_t> readers;
+  for (int w = 0; w < kWriters; ++w) {
+    writers.push_back(start.start([w] {
+      for (int u = 0; u < kUpdatesPerWriter; ++u) {
+        if (tarn_apphome_update(writer_name(w, u).c_str(), writer_arch(w, u).c_str()) != 0) return 1;
+      }
+      return 0;
+    }));
+  }
+  // Readers under the lock: the name and its companion come from one write.
+  for (int r = 0; r < kLockedReaders; ++r) {
+    readers.push_back(start.start([&stop] {
+      stop.close_write();  // so that the parent's close is the last
+      int successes = 0;
+      while (!stop_requested(stop.read_fd())) {
+        char name[1024] = {0};
+        char arch[1024] = {0};
+        if (tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, sizeof(arch)) != 0)
+          continue;
+        ++successes;
+        if (strcmp(name, kHomeA) == 0 && strcmp(arch, kHomeX86) == 0) continue;
+        int w1, u1, w2, u2;
+        if (!parse_writer_name(name, "0000", &w1, &u1)) return 2;
+        if (!parse_writer_name(arch, "1111", &w2, &u2)) return 3;
+        if (w1 != w2 || u1 != u2) return 4;
+      }
+      return successes > 0 ? 0 : 5;
+    }));
+  }
+  // Readers without the lock rely on the record being replaced whole.
+  for (int r = 0; r < kUnlockedReaders; ++r) {
+    readers.push_back(start.start([&stop] {
+      stop.close_write();  // so that the parent's close is the last
+      int successes = 0;
+      while (!stop_requested(stop.read_fd())) {
+        tarn_ini_t *ini = tarn_ini_file_load(kRecordPath);
+        if (ini == nullptr) continue;
+        const char *name = tarn_ini_file_get(ini, "apphome", "app_home");
+        const char *arch = tarn_ini_file_get(ini, "apphome", "app_home_x86");
+        int w1 = -1, u1 = -1, w2 = -2, u2 = -2;
+        const bool initial = name != nullptr && arch != nullptr && strcmp(name, kHomeA) == 0 &&
+                             strcmp(arch, kHomeX86) == 0;
+        const bool complete = initial || (name != nullptr && arch != nullptr &&
+                                          parse_writer_name(name, "0000", &w1, &u1) &&
+                                          parse_writer_name(arch, "1111", &w2, &u2) && w1 == w2 &&
+                                          u1 == u2);
+        tarn_ini_file_free(ini);
+        if (!complete) return 6;
+        ++successes;
+      }
+      return successes > 0 ? 0 : 5;
+    }));
+  }
+  start.open();
+  for (pid_t pid : writers) EXPECT_EQ(tarn_test::reap(pid), 0);
+  stop.close_write();  // end of file: readers stop
+  for (pid_t pid : readers) EXPECT_EQ(tarn_test::reap(pid), 0);
+
+  // Each writer's last update is the last of some writer, and the backup
+  // equals the record.
+  const std::string record = read_file(kRecordPath);
+  EXPECT_EQ(read_file(kBackupPath), record);
+  const std::optional<Sections> sections = load_ini(kRecordPath);
+  ASSERT_TRUE(sections.has_value());
+  int w1, u1, w2, u2;
+  ASSERT_TRUE(parse_writer_name(sections->at("apphome").at("app_home").c_str(), "0000", &w1, &u1));
+  ASSERT_TRUE(parse_writer_name(sections->at("apphome").at("app_home_x86").c_str(), "1111", &w2, &u2));
+  EXPECT_EQ(w1, w2);
+  EXPECT_EQ(u1, kUpdatesPerWriter - 1);
+  EXPECT_EQ(u2, kUpdatesPerWriter - 1);
+}
+
+TEST_F(AppHomeTest, AnUpdaterKilledAtAnyMomentLeavesTheOldOrTheNewRecord) {
+  constexpr int kTrials = 200;
+  std::mt19937 rng(20241121u);
+  std::uniform_int_distribution<int> delay_us(0, 3000);
+  ASSERT_EQ(tarn_apphome_update(kHomeA, nullptr), 0);
+  for (int trial = 0; trial < kTrials; ++trial) {
+    SCOPED_TRACE("trial " + std::to_string(trial));
+    tarn_test::Pipe ready;
+    const pid_t child = tarn_test::fork_child([&ready] {
+      ready.close_read();
+      ready.send('R');
+      for (int i = 0;; ++i) tarn_apphome_update(i % 2 == 0 ? kHomeB : kHomeA, nullptr);
+      return 0;
+    });
+    ASSERT_GT(child, 0);
+    ready.close_write();
+    ASSERT_EQ(ready.receive(), 'R');
+    usleep((useconds_t)delay_us(rng));
+    EXPECT_EQ(kill(child, SIGKILL), 0);
+    EXPECT_EQ(tarn_test::reap(child), tarn_test::killed_by(SIGKILL));
+
+    for (const char *path : {kRecordPath, kBackupPath}) {
+      const std::optional<Sections> sections = load_ini(path);
+      ASSERT_TRUE(sections.has_value()) << path << ":\n" << read_file(path);
+      ASSERT_TRUE(*sections == apphome_only(kHomeA) || *sections == apphome_only(kHomeB))
+          << path << ":\n" << read_file(path);
+    }
+    // The dead process's locks are gone: the record reads at once.
+    char name[64] = {0};
+    ASSERT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 0);
+    ASSERT_TRUE(strcmp(name, kHomeA) == 0 || strcmp(name, kHomeB) == 0) << name;
+  }
+  // Kills that came in the middle of a save leave its temporary file.
+  int interrupted_saves = 0;
+  for (const auto &entry : std::filesystem::directory_iterator(kInstallRoot)) {
+    if (entry.path().filename().string().find(".tmp.") != std::string::npos) ++interrupted_saves;
+  }
+  RecordProperty("interrupted_saves", interrupted_saves);
+  printf("%d of %d kills interrupted a save\n", interrupted_saves, kTrials);
+}
+
+}  // namespace

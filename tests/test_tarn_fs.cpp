@@ -1,0 +1,834 @@
+// The base library's file-system families through libtarnbase.so: path
+// questions and path text, bounded string copies, files (removing, copying
+// crash-safely, opening, opening to all users), directory trees and "@"
+// paths, and file locks between processes and between handles.
+//
+// The program runs in its own sandbox: /tmp is private and its contents
+// vanish with it. Each test works in a fresh directory of its own.
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <tarnbase/tarn_dirutils.h>
+#include <tarnbase/tarn_file.h>
+#include <tarnbase/tarn_flock.h>
+#include <tarnbase/tarn_path.h>
+#include <tarnbase/tarn_str.h>
+
+#include "child_process.h"
+
+namespace {
+
+using tarn_test::Barrier;
+using tarn_test::fork_child;
+using tarn_test::kill_and_reap;
+using tarn_test::monotonic_ms;
+using tarn_test::Pipe;
+using tarn_test::reap;
+
+// ---------------------------------------------------------------------------
+// Helpers
+
+std::string make_directory() {
+  char name[] = "/tmp/tarn_fs_XXXXXX";
+  if (mkdtemp(name) == nullptr) return "";
+  return name;
+}
+
+bool write_file(const std::string &path, const std::string &text) {
+  FILE *file = fopen(path.c_str(), "we");
+  if (file == nullptr) return false;
+  const bool ok = fwrite(text.data(), 1, text.size(), file) == text.size();
+  return fclose(file) == 0 && ok;
+}
+
+std::string read_file(const std::string &path) {
+  FILE *file = fopen(path.c_str(), "re");
+  if (file == nullptr) return "<missing>";
+  std::string text;
+  char chunk[4096];
+  size_t got;
+  while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, got);
+  fclose(file);
+  return text;
+}
+
+std::set<std::string> list_directory(const std::string &path) {
+  std::set<std::string> names;
+  DIR *dir = opendir(path.c_str());
+  if (dir == nullptr) return names;
+  while (struct dirent *entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.insert(name);
+  }
+  closedir(dir);
+  return names;
+}
+
+mode_t mode_of(const std::string &path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return (mode_t)-1;
+  return st.st_mode & 07777;
+}
+
+class FsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = make_directory();
+    ASSERT_FALSE(dir_.empty());
+  }
+  std::string at(const std::string &name) const { return dir_ + "/" + name; }
+
+  std::string dir_;
+};
+
+// Sets the umask for the life of the object.
+class Umask {
+ public:
+  explicit Umask(mode_t mask) : saved_(umask(mask)) {}
+  ~Umask() { umask(saved_); }
+  Umask(const Umask &) = delete;
+  Umask &operator=(const Umask &) = delete;
+
+ private:
+  mode_t saved_;
+};
+
+std::string removed_name(const char *path) {
+  std::string text(path);
+  std::vector<char> buffer(text.begin(), text.end());
+  buffer.push_back('\0');
+  EXPECT_EQ(buffer.data(), tarn_path_remove_name_w(buffer.data()));
+  return buffer.data();
+}
+
+std::string formatted(const char *path) {
+  std::string text(path);
+  std::vector<char> buffer(text.begin(), text.end());
+  buffer.push_back('\0');
+  EXPECT_EQ(buffer.data(), tarn_path_format_u(buffer.data()));
+  return buffer.data();
+}
+
+// ---------------------------------------------------------------------------
+// Paths
+
+TEST_F(FsTest, IsExistAnswersForFilesDirectoriesAndMissingPaths) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  ASSERT_EQ(0, symlink(at("nowhere").c_str(), at("dangling").c_str()));
+  ASSERT_EQ(0, symlink(at("file").c_str(), at("link").c_str()));
+  EXPECT_NE(0, tarn_path_is_exist_u(at("file").c_str()));
+  EXPECT_NE(0, tarn_path_is_exist_u(dir_.c_str()));
+  EXPECT_NE(0, tarn_path_is_exist_u(at("link").c_str()));
+  EXPECT_EQ(0, tarn_path_is_exist_u(at("missing").c_str()));
+  EXPECT_EQ(0, tarn_path_is_exist_u(at("dangling").c_str()));
+  EXPECT_EQ(0, tarn_path_is_exist_u(""));
+  EXPECT_EQ(0, tarn_path_is_exist_u(nullptr));
+}
+
+TEST_F(FsTest, IsExistSafeStoresZeroOrTheErrnoOfTheCheck) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  int err = -1;
+  EXPECT_NE(0, tarn_path_is_exist_safe_u(at("file").c_str(), &err));
+  EXPECT_EQ(0, err);
+  err = -1;
+  EXPECT_EQ(0, tarn_path_is_exist_safe_u(at("missing").c_str(), &err));
+  EXPECT_EQ(ENOENT, err);
+  err = -1;
+  EXPECT_EQ(0, tarn_path_is_exist_safe_u(at("file/below").c_str(), &err));
+  EXPECT_EQ(ENOTDIR, err);
+  err = -1;
+  EXPECT_EQ(0, tarn_path_is_exist_safe_u(nullptr, &err));
+  EXPECT_EQ(EINVAL, err);
+  err = -1;
+  EXPECT_EQ(0, tarn_path_is_exist_safe_u("", &err));
+  EXPECT_EQ(EINVAL, err);
+  EXPECT_NE(0, tarn_path_is_exist_safe_u(at("file").c_str(), nullptr));
+  EXPECT_EQ(0, tarn_path_is_exist_safe_u(at("missing").c_str(), nullptr));
+}
+
+TEST_F(FsTest, IsExistSafeReportsEaccesForAPathThatCannotBeExamined) {
+  ASSERT_EQ(0, mkdir(at("closed").c_str(), 0700));
+  ASSERT_TRUE(write_file(at("closed/file"), "x"));
+  const std::string path = at("closed/file");
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  const pid_t pid = fork_child([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
+    int err = 0;
+    if (tarn_path_is_exist_safe_u(path.c_str(), &err) != 0) return 11;
+    return err == EACCES ? 0 : 12;
+  });
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(0, reap(pid));
+}
+
+TEST_F(FsTest, IsDirIsTrueForDirectoriesAndLinksToThemOnly) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  ASSERT_EQ(0, mkdir(at("sub").c_str(), 0755));
+  ASSERT_EQ(0, symlink(at("sub").c_str(), at("link").c_str()));
+  EXPECT_NE(0, tarn_path_is_dir_u(dir_.c_str()));
+  EXPECT_NE(0, tarn_path_is_dir_u(at("sub").c_str()));
+  EXPECT_NE(0, tarn_path_is_dir_u(at("link").c_str()));
+  EXPECT_NE(0, tarn_path_is_dir_u("/"));
+  EXPECT_EQ(0, tarn_path_is_dir_u(at("file").c_str()));
+  EXPECT_EQ(0, tarn_path_is_dir_u(at("missing").c_str()));
+  EXPECT_EQ(0, tarn_path_is_dir_u(""));
+  EXPECT_EQ(0, tarn_path_is_dir_u(nullptr));
+}
+
+TEST(PathText, RemoveNameDropsTheLastComponent) {
+  EXPECT_EQ("/a/b", removed_name("/a/b/c.so"));
+  EXPECT_EQ("/a", removed_name("/a/b/"));
+  EXPECT_EQ("/a", removed_name("/a/b//"));
+  EXPECT_EQ("/", removed_name("/x"));
+  EXPECT_EQ("/", removed_name("//x"));
+  EXPECT_EQ("/", removed_name("/"));
+  EXPECT_EQ("/", removed_name("///"));
+  EXPECT_EQ("a", removed_name("a/b"));
+  EXPECT_EQ("a", removed_name("a//b"));
+  EXPECT_EQ("", removed_name("name"));
+  EXPECT_EQ("", removed_name("name/"));
+  EXPECT_EQ("", removed_name(""));
+  EXPECT_EQ("C:\\dir", removed_name("C:\\dir\\file.txt"));
+  EXPECT_EQ("/a\\b", removed_name("/a\\b/c"));
+  EXPECT_EQ("/usr/share/velmora", removed_name("/usr/share/velmora/TARN"));
+  EXPECT_EQ("/usr/share/velmora/TARN", removed_name("/usr/share/velmora/TARN/x.so"));
+  EXPECT_EQ(nullptr, tarn_path_remove_name_w(nullptr));
+}
+
+TEST(PathText, FormatNormalisesSeparators) {
+  EXPECT_EQ("/a/b", formatted("\\\\a//b\\"));
+  EXPECT_EQ("/a/b/c", formatted("/a//b///c/"));
+  EXPECT_EQ("/", formatted("/"));
+  EXPECT_EQ("/", formatted("//"));
+  EXPECT_EQ("/", formatted("\\"));
+  EXPECT_EQ("a/b", formatted("a\\b"));
+  EXPECT_EQ("a", formatted("a/"));
+  EXPECT_EQ("./a/../b", formatted("./a/../b"));
+  EXPECT_EQ("", formatted(""));
+  EXPECT_EQ("/usr/share/velmora/TARN", formatted("/usr/share/velmora/TARN"));
+  EXPECT_EQ(nullptr, tarn_path_format_u(nullptr));
+}
+
+// ---------------------------------------------------------------------------
+// Bounded strings
+
+TEST(BoundedStrings, StrlcpyCopiesWhatFitsAndReturnsTheSourceLength) {
+  char buf[8];
+  memset(buf, 'x', sizeof(buf));
+  EXPECT_EQ(3u, tarn_strlcpy(buf, "abc", sizeof(buf)));
+  EXPECT_STREQ("abc", buf);
+  EXPECT_EQ(10u, tarn_strlcpy(buf, "0123456789", sizeof(buf)));
+  EXPECT_STREQ("0123456", buf);
+  EXPECT_EQ(23u, tarn_strlcpy(buf, "/usr/share/velmora/TARN", 5));
+  EXPECT_STREQ("/usr", buf);
+  memset(buf, 'x', sizeof(buf));
+  EXPECT_EQ(3u, tarn_strlcpy(buf, "abc", 0));
+  EXPECT_EQ('x', buf[0]);
+  EXPECT_EQ(3u, tarn_strlcpy(buf, "abc", 1));
+  EXPECT_EQ('\0', buf[0]);
+  EXPECT_EQ('x', buf[1]);
+  EXPECT_EQ(0u, tarn_strlcpy(buf, nullptr, sizeof(buf)));
+  EXPECT_STREQ("", buf);
+  EXPECT_EQ(3u, tarn_strlcpy(nullptr, "abc", 4));
+}
+
+TEST(BoundedStrings, StrncpyAlwaysTerminatesAndReturnsTheDestination) {
+  char buf[6];
+  memset(buf, 'x', sizeof(buf));
+  EXPECT_EQ(buf, tarn_strncpy(buf, "abcdefgh", sizeof(buf)));
+  EXPECT_STREQ("abcde", buf);
+  EXPECT_EQ(buf, tarn_strncpy(buf, "ab", sizeof(buf)));
+  EXPECT_STREQ("ab", buf);
+  EXPECT_EQ('\0', buf[2]);
+  memset(buf, 'x', sizeof(buf));
+  EXPECT_EQ(buf, tarn_strncpy(buf, "ab", 0));
+  EXPECT_EQ('x', buf[0]);
+  EXPECT_EQ(buf, tarn_strncpy(buf, nullptr, sizeof(buf)));
+  EXPECT_STREQ("", buf);
+  EXPECT_EQ(nullptr, tarn_strncpy(nullptr, "ab", 4));
+}
+
+TEST(BoundedStrings, StrnicmpComparesIgnoringAsciiCase) {
+  EXPECT_EQ(0, tarn_strnicmp("/USR/Share/VELMORA/tarn", "/usr/share/velmora/TARN", 23));
+  EXPECT_EQ(0, tarn_strnicmp("/usr/share/velmora/TARNX", "/usr/share/velmora/TARN", 23));
+  EXPECT_EQ(0, tarn_strnicmp("abc", "abd", 2));
+  EXPECT_LT(tarn_strnicmp("abc", "abd", 3), 0);
+  EXPECT_GT(tarn_strnicmp("ABD", "abc", 3), 0);
+  EXPECT_LT(tarn_strnicmp("ab", "abc", 3), 0);
+  EXPECT_GT(tarn_strnicmp("abc", "AB", 10), 0);
+  EXPECT_EQ(0, tarn_strnicmp("same", "SAME", 100));
+  EXPECT_EQ(0, tarn_strnicmp("x", "y", 0));
+  EXPECT_NE(0, tarn_strnicmp("\xC3\xA9", "\xC3\x89", 2));  // not ASCII: compared as bytes
+  EXPECT_LT(tarn_strnicmp(nullptr, "a", 1), 0);
+  EXPECT_GT(tarn_strnicmp("a", nullptr, 1), 0);
+  EXPECT_EQ(0, tarn_strnicmp(nullptr, nullptr, 1));
+}
+
+TEST(BoundedStrings, StrncatAppendsWithinTheWholeSize) {
+  char buf[12] = "/a/b/";
+  EXPECT_EQ(buf, tarn_str_strncat(buf, "flag", sizeof(buf)));
+  EXPECT_STREQ("/a/b/flag", buf);
+  EXPECT_EQ(buf, tarn_str_strncat(buf, "_operational", sizeof(buf)));
+  EXPECT_STREQ("/a/b/flag_o", buf);
+  EXPECT_EQ(buf, tarn_str_strncat(buf, "more", sizeof(buf)));
+  EXPECT_STREQ("/a/b/flag_o", buf);
+  EXPECT_EQ(buf, tarn_str_strncat(buf, nullptr, sizeof(buf)));
+  EXPECT_STREQ("/a/b/flag_o", buf);
+  char full[4] = {'a', 'b', 'c', 'd'};
+  EXPECT_EQ(full, tarn_str_strncat(full, "x", sizeof(full)));
+  EXPECT_STREQ("abc", full);
+  char untouched[4] = "ab";
+  EXPECT_EQ(untouched, tarn_str_strncat(untouched, "x", 0));
+  EXPECT_STREQ("ab", untouched);
+  EXPECT_EQ(nullptr, tarn_str_strncat(nullptr, "x", 4));
+}
+
+// ---------------------------------------------------------------------------
+// Files
+
+TEST_F(FsTest, UnlinkRemovesFilesAndReportsWhatItCannotRemove) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  EXPECT_EQ(0, tarn_file_unlink(at("file").c_str()));
+  EXPECT_EQ(0, tarn_path_is_exist_u(at("file").c_str()));
+  EXPECT_EQ(ENOENT, tarn_file_unlink(at("file").c_str()));
+  ASSERT_EQ(0, mkdir(at("sub").c_str(), 0755));
+  EXPECT_EQ(EISDIR, tarn_file_unlink(at("sub").c_str()));
+  EXPECT_NE(0, tarn_path_is_dir_u(at("sub").c_str()));
+  EXPECT_EQ(EINVAL, tarn_file_unlink(nullptr));
+  EXPECT_EQ(EINVAL, tarn_file_unlink(""));
+}
+
+TEST_F(FsTest, CopyReplacesTheDestinationWholeAndKeepsTheSourceMode) {
+  ASSERT_TRUE(write_file(at("src"), "new content"));
+  ASSERT_EQ(0, chmod(at("src").c_str(), 0751));
+  ASSERT_TRUE(write_file(at("dst"), std::string(100000, 'o')));
+  ASSERT_EQ(0, chmod(at("dst").c_str(), 0600));
+  struct stat before;
+  ASSERT_EQ(0, stat(at("dst").c_str(), &before));
+  {
+    Umask mask(077);
+    ASSERT_EQ(0, tarn_file_copy(at("src").c_str(), at("dst").c_str()));
+  }
+  EXPECT_EQ("new content", read_file(at("dst")));
+  EXPECT_EQ(0751u, mode_of(at("dst")));
+  struct stat after;
+  ASSERT_EQ(0, stat(at("dst").c_str(), &after));
+  EXPECT_NE(before.st_ino, after.st_ino);  // replaced by a rename, not rewritten
+  EXPECT_EQ((std::set<std::string>{"src", "dst"}), list_directory(dir_));
+}
+
+TEST_F(FsTest, CopyCreatesAMissingDestinationAndCopiesLargeAndEmptyFiles) {
+  std::string large;
+  for (int i = 0; i < 300000; ++i) large += (char)('a' + i % 26);
+  ASSERT_TRUE(write_file(at("large"), large));
+  ASSERT_EQ(0, tarn_file_copy(at("large").c_str(), at("large.copy").c_str()));
+  EXPECT_EQ(large, read_file(at("large.copy")));
+  ASSERT_TRUE(write_file(at("empty"), ""));
+  ASSERT_TRUE(write_file(at("empty.copy"), "not empty"));
+  ASSERT_EQ(0, tarn_file_copy(at("empty").c_str(), at("empty.copy").c_str()));
+  EXPECT_EQ("", read_file(at("empty.copy")));
+}
+
+TEST_F(FsTest, CopyFailuresLeaveTheDestinationAsItWas) {
+  ASSERT_TRUE(write_file(at("dst"), "old"));
+  EXPECT_EQ(ENOENT, tarn_file_copy(at("missing").c_str(), at("dst").c_str()));
+  ASSERT_EQ(0, mkdir(at("sub").c_str(), 0755));
+  EXPECT_EQ(EISDIR, tarn_file_copy(at("sub").c_str(), at("dst").c_str()));
+  EXPECT_EQ("old", read_file(at("dst")));
+  ASSERT_TRUE(write_file(at("src"), "data"));
+  errno = 0;
+  EXPECT_EQ(ENOENT, tarn_file_copy(at("src").c_str(), at("no/such/dst").c_str()));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ((std::set<std::string>{"dst", "src", "sub"}), list_directory(dir_));
+  EXPECT_EQ(EINVAL, tarn_file_copy(nullptr, at("dst").c_str()));
+  EXPECT_EQ(EINVAL, tarn_file_copy(at("src").c_str(), ""));
+}
+
+TEST_F(FsTest, CopyReplacesASymbolicLinkAtTheDestinationInsteadOfFollowingIt) {
+  ASSERT_TRUE(write_file(at("src"), "data"));
+  ASSERT_TRUE(write_file(at("target"), "target"));
+  ASSERT_EQ(0, symlink(at("target").c_str(), at("dst").c_str()));
+  ASSERT_EQ(0, tarn_file_copy(at("src").c_str(), at("dst").c_str()));
+  struct stat st;
+  ASSERT_EQ(0, lstat(at("dst").c_str(), &st));
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ("data", read_file(at("dst")));
+  EXPECT_EQ("target", read_file(at("target")));
+}
+
+TEST_F(FsTest, OpenGivesAStreamClosedOnExec) {
+  FILE *file = tarn_file_open(at("flag").c_str(), "w");
+  ASSERT_NE(nullptr, file);
+  const int flags = fcntl(fileno(file), F_GETFD);
+  EXPECT_NE(0, flags & FD_CLOEXEC);
+  EXPECT_EQ(0, fclose(file));
+  EXPECT_EQ("", read_file(at("flag")));
+
+  file = tarn_file_open(at("flag").c_str(), "ab");
+  ASSERT_NE(nullptr, file);
+  fputs("appended", file);
+  fclose(file);
+  file = tarn_file_open(at("flag").c_str(), "re");
+  ASSERT_NE(nullptr, file);
+  char line[32] = {0};
+  EXPECT_NE(nullptr, fgets(line, sizeof(line), file));
+  EXPECT_STREQ("appended", line);
+  EXPECT_NE(0, fcntl(fileno(file), F_GETFD) & FD_CLOEXEC);
+  fclose(file);
+}
+
+TEST_F(FsTest, OpenFailuresGiveNullWithErrno) {
+  errno = 0;
+  EXPECT_EQ(nullptr, tarn_file_open(at("missing").c_str(), "r"));
+  EXPECT_EQ(ENOENT, errno);
+  errno = 0;
+  EXPECT_EQ(nullptr, tarn_file_open(nullptr, "r"));
+  EXPECT_EQ(EINVAL, errno);
+  errno = 0;
+  EXPECT_EQ(nullptr, tarn_file_open(at("x").c_str(), nullptr));
+  EXPECT_EQ(EINVAL, errno);
+  errno = 0;
+  EXPECT_EQ(nullptr, tarn_file_open(at("x").c_str(), ""));
+  EXPECT_EQ(EINVAL, errno);
+  errno = 0;
+  EXPECT_EQ(nullptr, tarn_file_open(at("x").c_str(), "rrrrrrrrrrrrrrr"));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(0, tarn_path_is_exist_u(at("x").c_str()));
+}
+
+TEST_F(FsTest, FullControlForAllUsersAddsReadAndWriteToFilesAndAllToDirectories) {
+  ASSERT_TRUE(write_file(at("private"), "x"));
+  ASSERT_EQ(0, chmod(at("private").c_str(), 0600));
+  EXPECT_EQ(0, tarn_file_add_user_full_ctrl(at("private").c_str(), ""));
+  EXPECT_EQ(0666u, mode_of(at("private")));
+
+  ASSERT_TRUE(write_file(at("program"), "x"));
+  ASSERT_EQ(0, chmod(at("program").c_str(), 0755));
+  EXPECT_EQ(0, tarn_file_add_user_full_ctrl(at("program").c_str(), ""));
+  EXPECT_EQ(0777u, mode_of(at("program")));
+
+  ASSERT_EQ(0, mkdir(at("dir").c_str(), 0700));
+  EXPECT_EQ(0, tarn_file_add_user_full_ctrl(at("dir").c_str(), ""));
+  EXPECT_EQ(0777u, mode_of(at("dir")));
+
+  // Again: nothing more to add.
+  EXPECT_EQ(0, tarn_file_add_user_full_ctrl(at("private").c_str(), ""));
+  EXPECT_EQ(0666u, mode_of(at("private")));
+}
+
+TEST_F(FsTest, FullControlKeepsTheOwner) {
+  ASSERT_TRUE(write_file(at("owned"), "x"));
+  ASSERT_EQ(0, chown(at("owned").c_str(), 1234, 2345));
+  ASSERT_EQ(0, chmod(at("owned").c_str(), 0640));
+  EXPECT_EQ(0, tarn_file_add_user_full_ctrl(at("owned").c_str(), ""));
+  struct stat st;
+  ASSERT_EQ(0, stat(at("owned").c_str(), &st));
+  EXPECT_EQ(1234u, st.st_uid);
+  EXPECT_EQ(2345u, st.st_gid);
+  EXPECT_EQ(0666u, st.st_mode & 07777);
+}
+
+TEST_F(FsTest, FullControlRefusesNamedUsersAndReportsFailures) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  ASSERT_EQ(0, chmod(at("file").c_str(), 0600));
+  EXPECT_EQ(EINVAL, tarn_file_add_user_full_ctrl(at("file").c_str(), "nobody"));
+  EXPECT_EQ(EINVAL, tarn_file_add_user_full_ctrl(at("file").c_str(), nullptr));
+  EXPECT_EQ(EINVAL, tarn_file_add_user_full_ctrl(nullptr, ""));
+  EXPECT_EQ(EINVAL, tarn_file_add_user_full_ctrl("", ""));
+  EXPECT_EQ(0600u, mode_of(at("file")));
+  EXPECT_EQ(ENOENT, tarn_file_add_user_full_ctrl(at("missing").c_str(), ""));
+
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  const std::string path = at("file");
+  const pid_t pid = fork_child([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
+    return tarn_file_add_user_full_ctrl(path.c_str(), "") == EPERM ? 0 : 11;
+  });
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(0, reap(pid));
+  EXPECT_EQ(0600u, mode_of(at("file")));
+}
+
+// ---------------------------------------------------------------------------
+// Directories
+
+TEST_F(FsTest, MkdirCreatesTheTreeWithTheExactModeDespiteTheUmask) {
+  {
+    Umask mask(022);
+    ASSERT_EQ(0, tarn_dirutils_mkdir(at("a/b/c").c_str(), 0777));
+  }
+  EXPECT_EQ(0777u, mode_of(at("a")));
+  EXPECT_EQ(0777u, mode_of(at("a/b")));
+  EXPECT_EQ(0777u, mode_of(at("a/b/c")));
+  {
+    Umask mask(0);
+    ASSERT_EQ(0, tarn_dirutils_mkdir(at("p/q").c_str(), 0700));
+  }
+  EXPECT_EQ(0700u, mode_of(at("p")));
+  EXPECT_EQ(0700u, mode_of(at("p/q")));
+  {
+    Umask mask(077);
+    ASSERT_EQ(0, tarn_dirutils_mkdir(at("sticky").c_str(), 01777));
+  }
+  EXPECT_EQ(01777u, mode_of(at("sticky")));
+}
+
+TEST_F(FsTest, MkdirOfExistingDirectoriesSucceedsAndKeepsTheirModes) {
+  ASSERT_EQ(0, mkdir(at("old").c_str(), 0700));
+  ASSERT_EQ(0, chmod(at("old").c_str(), 0700));
+  EXPECT_EQ(0, tarn_dirutils_mkdir(at("old").c_str(), 0777));
+  EXPECT_EQ(0700u, mode_of(at("old")));
+  EXPECT_EQ(0, tarn_dirutils_mkdir(at("old/new").c_str(), 0755));
+  EXPECT_EQ(0700u, mode_of(at("old")));
+  EXPECT_EQ(0755u, mode_of(at("old/new")));
+  EXPECT_EQ(0, tarn_dirutils_mkdir(at("old/new/").c_str(), 0755));
+  EXPECT_EQ(0, tarn_dirutils_mkdir(at("x//y///z/").c_str(), 0755));
+  EXPECT_NE(0, tarn_path_is_dir_u(at("x/y/z").c_str()));
+  EXPECT_EQ(0, tarn_dirutils_mkdir("/", 0755));
+}
+
+TEST_F(FsTest, MkdirReportsAFileInTheWay) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  errno = 0;
+  EXPECT_EQ(ENOTDIR, tarn_dirutils_mkdir(at("file").c_str(), 0755));
+  EXPECT_EQ(ENOTDIR, errno);
+  EXPECT_EQ(ENOTDIR, tarn_dirutils_mkdir(at("file/sub").c_str(), 0755));
+  EXPECT_EQ(EINVAL, tarn_dirutils_mkdir(nullptr, 0755));
+  EXPECT_EQ(EINVAL, tarn_dirutils_mkdir("", 0755));
+}
+
+TEST_F(FsTest, MkdirByManyProcessesAtOnceSucceedsForEach) {
+  Barrier barrier;
+  std::vector<pid_t> children;
+  const std::string path = at("shared/deep/tree/of/directories");
+  for (int i = 0; i < 6; ++i) {
+    children.push_back(barrier.start([&] { return tarn_dirutils_mkdir(path.c_str(), 0750); }));
+    ASSERT_GT(children.back(), 0);
+  }
+  barrier.open();
+  for (pid_t pid : children) EXPECT_EQ(0, reap(pid));
+  EXPECT_EQ(0750u, mode_of(path));
+  EXPECT_EQ(0750u, mode_of(at("shared")));
+}
+
+std::string executable_directory() {
+  char exe[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+  if (length <= 0) return "";
+  exe[length] = '\0';
+  std::string path(exe);
+  return path.substr(0, path.rfind('/'));
+}
+
+TEST(PathTransform, AnAtPathIsTakenRelativeToTheExecutablesDirectory) {
+  const std::string dir = executable_directory();
+  ASSERT_FALSE(dir.empty());
+  char out[PATH_MAX];
+  EXPECT_EQ(0, tarn_dirutils_path_transform("@/../var/logs", out, sizeof(out)));
+  EXPECT_EQ(dir + "/../var/logs", out);
+  EXPECT_EQ(0, tarn_dirutils_path_transform("@x", out, sizeof(out)));
+  EXPECT_EQ(dir + "x", out);
+  EXPECT_EQ(0, tarn_dirutils_path_transform("@", out, sizeof(out)));
+  EXPECT_EQ(dir, out);
+}
+
+TEST(PathTransform, OtherPathsAreCopiedUnchanged) {
+  char out[64];
+  EXPECT_EQ(0, tarn_dirutils_path_transform("/usr/share/velmora/TARN/x", out, sizeof(out)));
+  EXPECT_STREQ("/usr/share/velmora/TARN/x", out);
+  EXPECT_EQ(0, tarn_dirutils_path_transform("relative/@x", out, sizeof(out)));
+  EXPECT_STREQ("relative/@x", out);
+  EXPECT_EQ(0, tarn_dirutils_path_transform("", out, sizeof(out)));
+  EXPECT_STREQ("", out);
+}
+
+TEST(PathTransform, TheOutputIsCutAndTerminated) {
+  char out[8];
+  memset(out, 'x', sizeof(out));
+  errno = 0;
+  EXPECT_EQ(ENAMETOOLONG, tarn_dirutils_path_transform("/usr/share/velmora", out, 5));
+  EXPECT_EQ(ENAMETOOLONG, errno);
+  EXPECT_STREQ("/usr", out);
+  EXPECT_EQ('x', out[5]);
+  EXPECT_EQ(ENAMETOOLONG, tarn_dirutils_path_transform("@/bin", out, sizeof(out)));
+  EXPECT_EQ(executable_directory().substr(0, 7), out);
+  EXPECT_EQ(0, tarn_dirutils_path_transform("1234567", out, sizeof(out)));
+  EXPECT_STREQ("1234567", out);
+}
+
+TEST(PathTransform, BadArgumentsAreEinvalAndLeaveTheOutputAlone) {
+  char out[8] = "keep";
+  EXPECT_EQ(EINVAL, tarn_dirutils_path_transform(nullptr, out, sizeof(out)));
+  EXPECT_EQ(EINVAL, tarn_dirutils_path_transform("/x", nullptr, sizeof(out)));
+  EXPECT_EQ(EINVAL, tarn_dirutils_path_transform("/x", out, 0));
+  EXPECT_STREQ("keep", out);
+}
+
+// ---------------------------------------------------------------------------
+// File locks
+
+// A lock handle closed on leaving the scope.
+class Flock {
+ public:
+  explicit Flock(const std::string &path) { result_ = tarn_flock_init(path.c_str(), &handle_); }
+  ~Flock() {
+    if (handle_ != nullptr) tarn_flock_destroy(handle_);
+  }
+  Flock(const Flock &) = delete;
+  Flock &operator=(const Flock &) = delete;
+  int result() const { return result_; }
+  tarn_flock_t *get() const { return handle_; }
+
+ private:
+  tarn_flock_t *handle_ = nullptr;
+  int result_ = -1;
+};
+
+// True when flag becomes set within timeout_ms.
+bool becomes_true(const std::atomic<bool> &flag, int timeout_ms) {
+  const int64_t end = monotonic_ms() + timeout_ms;
+  while (!flag.load()) {
+    if (monotonic_ms() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+TEST_F(FsTest, FlockInitCreatesTheLockFileOpenToEveryUserAndNeverDeletesIt) {
+  const std::string path = at("record.ini.lock");
+  {
+    Umask mask(022);
+    Flock lock(path);
+    ASSERT_EQ(0, lock.result());
+    ASSERT_NE(nullptr, lock.get());
+    EXPECT_EQ(0666u, mode_of(path));
+    EXPECT_EQ(0, tarn_flock_acquire(lock.get()));
+    EXPECT_EQ(0, tarn_flock_release(lock.get()));
+  }
+  EXPECT_NE(0, tarn_path_is_exist_u(path.c_str()));
+  EXPECT_EQ("", read_file(path));
+
+  // An existing lock file is opened as it is, its content untouched.
+  ASSERT_EQ(0, chmod(path.c_str(), 0644));
+  ASSERT_TRUE(write_file(path, "kept"));
+  Flock again(path);
+  ASSERT_EQ(0, again.result());
+  EXPECT_EQ(0644u, mode_of(path));
+  EXPECT_EQ(0, tarn_flock_acquire(again.get()));
+  EXPECT_EQ("kept", read_file(path));
+}
+
+TEST_F(FsTest, FlockBadArgumentsAndAMissingDirectory) {
+  tarn_flock_t *handle = reinterpret_cast<tarn_flock_t *>(&handle);
+  EXPECT_EQ(EINVAL, tarn_flock_init(nullptr, &handle));
+  EXPECT_EQ(nullptr, handle);
+  handle = reinterpret_cast<tarn_flock_t *>(&handle);
+  EXPECT_EQ(EINVAL, tarn_flock_init("", &handle));
+  EXPECT_EQ(nullptr, handle);
+  EXPECT_EQ(EINVAL, tarn_flock_init(at("x.lock").c_str(), nullptr));
+  handle = reinterpret_cast<tarn_flock_t *>(&handle);
+  EXPECT_EQ(ENOENT, tarn_flock_init(at("missing/x.lock").c_str(), &handle));
+  EXPECT_EQ(nullptr, handle);
+  EXPECT_EQ(EINVAL, tarn_flock_acquire(nullptr));
+  EXPECT_EQ(EINVAL, tarn_flock_release(nullptr));
+  EXPECT_EQ(EINVAL, tarn_flock_destroy(nullptr));
+}
+
+TEST_F(FsTest, FlockAcquireTwiceThroughOneHandleAndReleaseWhenNotHeldSucceed) {
+  Flock lock(at("x.lock"));
+  ASSERT_EQ(0, lock.result());
+  EXPECT_EQ(0, tarn_flock_release(lock.get()));
+  EXPECT_EQ(0, tarn_flock_acquire(lock.get()));
+  EXPECT_EQ(0, tarn_flock_acquire(lock.get()));
+  EXPECT_EQ(0, tarn_flock_release(lock.get()));
+  // One release freed it: another handle takes it at once.
+  Flock other(at("x.lock"));
+  ASSERT_EQ(0, other.result());
+  EXPECT_EQ(0, tarn_flock_acquire(other.get()));
+}
+
+TEST_F(FsTest, FlockExcludesAnotherHandleInTheSameProcess) {
+  const std::string path = at("x.lock");
+  Flock first(path);
+  Flock second(path);
+  ASSERT_EQ(0, first.result());
+  ASSERT_EQ(0, second.result());
+  ASSERT_EQ(0, tarn_flock_acquire(first.get()));
+  std::atomic<bool> taken{false};
+  std::thread waiter([&] {
+    if (tarn_flock_acquire(second.get()) == 0) taken = true;
+  });
+  EXPECT_FALSE(becomes_true(taken, 300));
+  ASSERT_EQ(0, tarn_flock_release(first.get()));
+  EXPECT_TRUE(becomes_true(taken, 5000));
+  waiter.join();
+  // Now the second handle holds it and the first waits.
+  std::atomic<bool> retaken{false};
+  std::thread again([&] {
+    if (tarn_flock_acquire(first.get()) == 0) retaken = true;
+  });
+  EXPECT_FALSE(becomes_true(retaken, 200));
+  ASSERT_EQ(0, tarn_flock_release(second.get()));
+  EXPECT_TRUE(becomes_true(retaken, 5000));
+  again.join();
+}
+
+TEST_F(FsTest, FlockDestroyReleasesAHeldLock) {
+  const std::string path = at("x.lock");
+  tarn_flock_t *first = nullptr;
+  ASSERT_EQ(0, tarn_flock_init(path.c_str(), &first));
+  ASSERT_EQ(0, tarn_flock_acquire(first));
+  Flock second(path);
+  std::atomic<bool> taken{false};
+  std::thread waiter([&] {
+    if (tarn_flock_acquire(second.get()) == 0) taken = true;
+  });
+  EXPECT_FALSE(becomes_true(taken, 200));
+  EXPECT_EQ(0, tarn_flock_destroy(first));
+  EXPECT_TRUE(becomes_true(taken, 5000));
+  waiter.join();
+}
+
+TEST_F(FsTest, FlockExcludesOtherProcesses) {
+  const std::string path = at("x.lock");
+  Flock lock(path);
+  ASSERT_EQ(0, lock.result());
+  ASSERT_EQ(0, tarn_flock_acquire(lock.get()));
+  Pipe report;
+  ASSERT_TRUE(report.ok());
+  const pid_t pid = fork_child([&] {
+    report.close_read();
+    tarn_flock_t *handle = nullptr;
+    if (tarn_flock_init(path.c_str(), &handle) != 0) return 10;
+    report.send('i');
+    if (tarn_flock_acquire(handle) != 0) return 11;
+    report.send('a');
+    tarn_flock_release(handle);
+    tarn_flock_destroy(handle);
+    return 0;
+  });
+  ASSERT_GT(pid, 0);
+  report.close_write();
+  ASSERT_EQ('i', report.receive());
+  // The child waits while the parent holds the lock.
+  const int64_t start = monotonic_ms();
+  struct timeval none = {0, 300000};
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(report.read_fd(), &readable);
+  EXPECT_EQ(0, select(report.read_fd() + 1, &readable, nullptr, nullptr, &none));
+  EXPECT_GE(monotonic_ms() - start, 250);
+  ASSERT_EQ(0, tarn_flock_release(lock.get()));
+  EXPECT_EQ('a', report.receive());
+  EXPECT_EQ(0, reap(pid));
+}
+
+TEST_F(FsTest, FlockOfAHolderKilledBySigkillIsReleased) {
+  const std::string path = at("x.lock");
+  Pipe report;
+  ASSERT_TRUE(report.ok());
+  const pid_t pid = fork_child([&] {
+    report.close_read();
+    tarn_flock_t *handle = nullptr;
+    if (tarn_flock_init(path.c_str(), &handle) != 0 || tarn_flock_acquire(handle) != 0) return 10;
+    report.send('a');
+    for (;;) pause();
+  });
+  ASSERT_GT(pid, 0);
+  report.close_write();
+  ASSERT_EQ('a', report.receive());
+  Flock lock(path);
+  ASSERT_EQ(0, lock.result());
+  std::atomic<bool> taken{false};
+  std::thread waiter([&] {
+    if (tarn_flock_acquire(lock.get()) == 0) taken = true;
+  });
+  EXPECT_FALSE(becomes_true(taken, 300));
+  kill_and_reap(pid);
+  EXPECT_TRUE(becomes_true(taken, 5000));
+  waiter.join();
+}
+
+TEST_F(FsTest, FlockManyProcessesTakeTurns) {
+  // Each child increments a counter in a file under the lock; with the
+  // lock no increment is lost.
+  const std::string path = at("counter");
+  const std::string lock_path = at("counter.lock");
+  ASSERT_TRUE(write_file(path, "0"));
+  Barrier barrier;
+  std::vector<pid_t> children;
+  for (int i = 0; i < 4; ++i) {
+    children.push_back(barrier.start([&] {
+      tarn_flock_t *handle = nullptr;
+      if (tarn_flock_init(lock_path.c_str(), &handle) != 0) return 10;
+      for (int n = 0; n < 200; ++n) {
+        if (tarn_flock_acquire(handle) != 0) return 11;
+        const int value = atoi(read_file(path).c_str());
+        if (!write_file(path, std::to_string(value + 1))) return 12;
+        if (tarn_flock_release(handle) != 0) return 13;
+      }
+      tarn_flock_destroy(handle);
+      return 0;
+    }));
+    ASSERT_GT(children.back(), 0);
+  }
+  barrier.open();
+  for (pid_t pid : children) EXPECT_EQ(0, reap(pid));
+  EXPECT_EQ("800", read_file(path));
+}
+
+TEST_F(FsTest, FlockOfALockFileThatTheUserMayOnlyReadStillExcludes) {
+  const std::string path = at("root.lock");
+  ASSERT_TRUE(write_file(path, ""));
+  ASSERT_EQ(0, chmod(path.c_str(), 0644));
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  Flock lock(path);
+  ASSERT_EQ(0, lock.result());
+  ASSERT_EQ(0, tarn_flock_acquire(lock.get()));
+  Pipe report;
+  ASSERT_TRUE(report.ok());
+  const pid_t pid = fork_child([&] {
+    report.close_read();
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
+    tarn_flock_t *handle = nullptr;
+    if (tarn_flock_init(path.c_str(), &handle) != 0) return 11;
+    report.send('i');
+    if (tarn_flock_acquire(handle) != 0) return 12;
+    report.send('a');
+    tarn_flock_destroy(handle);
+    return 0;
+  });
+  ASSERT_GT(pid, 0);
+  report.close_write();
+  ASSERT_EQ('i', report.receive());
+  struct timeval wait = {0, 200000};
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(report.read_fd(), &readable);
+  EXPECT_EQ(0, select(report.read_fd() + 1, &readable, nullptr, nullptr, &wait));
+  ASSERT_EQ(0, tarn_flock_release(lock.get()));
+  EXPECT_EQ('a', report.receive());
+  EXPECT_EQ(0, reap(pid));
+}
+
+}  // namespace

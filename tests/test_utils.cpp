@@ -1,0 +1,449 @@
+// Tests of the upgrade tools' app home helpers: the install root as an
+// allocated string, the locked readers of the record, its writer, and the
+// upgrade lock counter.
+//
+// Failures of locks and saves are injected by file_faults.h, which also
+// writes down the lock and save calls. Every test starts and ends with an
+// empty install root.
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <tarnbase/tarn_ini.h>
+
+#include "child_process.h"
+#include "fakes.h"
+#include "file_faults.h"
+#include "install_root.h"
+#include "tarn_utils.h"
+#include "utils_internal.h"
+
+// ---------------------------------------------------------------------------
+// An allocation that fails once, by size: malloc is interposed in builds
+// without the address sanitizer (which owns malloc itself).
+
+#if defined(__SANITIZE_ADDRESS__)
+#define TARN_TEST_MALLOC_FAULTS 0
+#else
+#define TARN_TEST_MALLOC_FAULTS 1
+extern "C" void *__libc_malloc(size_t size);
+namespace {
+size_t g_fail_malloc_of_size = 0;  // 0: no failure armed
+}  // namespace
+extern "C" void *malloc(size_t size) {
+  if (g_fail_malloc_of_size != 0 && size == g_fail_malloc_of_size) {
+    g_fail_malloc_of_size = 0;
+    return nullptr;
+  }
+  return __libc_malloc(size);
+}
+#endif
+
+namespace {
+
+using tarn_test::exists;
+using tarn_test::file_mode;
+using tarn_test::kBackupPath;
+using tarn_test::kHomeA;
+using tarn_test::kHomeB;
+using tarn_test::kHomeX86;
+using tarn_test::kHomeX86B;
+using tarn_test::kInstallRoot;
+using tarn_test::kRecordLockPath;
+using tarn_test::kRecordPath;
+using tarn_test::read_file;
+using tarn_test::under_root;
+using tarn_test::write_file;
+
+std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char *fmt, ...) {
+  char buffer[2048];
+  va_list args;
+  va_start(args, fmt);
+  vsnprintf(buffer, sizeof(buffer), fmt, args);
+  va_end(args);
+  return buffer;
+}
+
+std::string dump_logs() {
+  std::string text;
+  for (const tarn_test::LogLine &line : tarn_test::logs()) text += "  " + line.line + "\n";
+  return text.empty() ? "  (no lines)\n" : text;
+}
+
+#define EXPECT_LOGGED(word, message)                                          \
+  EXPECT_TRUE(tarn_test::logged(word, message))                               \
+      << "expected [" << (word) << "] " << (message) << "\ncaptured:\n" \
+      << dump_logs()
+
+#define EXPECT_NO_LINES() EXPECT_TRUE(tarn_test::logs().empty()) << dump_logs()
+
+using Sections = std::map<std::string, std::map<std::string, std::string>>;
+
+std::optional<Sections> load_ini(const std::string &path) {
+  tarn_ini_t *ini = tarn_ini_file_load(path.c_str());
+  if (ini == nullptr) return std::nullopt;
+  Sections sections;
+  tarn_ini_file_foreach(ini, &sections, [](void *user, const char *section, const char *key,
+                                           const char *value) {
+    (*static_cast<Sections *>(user))[section][key] = value;
+    return 0;
+  });
+  tarn_ini_file_free(ini);
+  return sections;
+}
+
+std::string record_text(const std::string &name) { return "[apphome]\napp_home=" + name + "\n"; }
+
+std::vector<std::string> lock_events(const std::string &lock) {
+  return {"init " + lock, "acquire " + lock, "release " + lock, "destroy " + lock};
+}
+
+class UtilsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { reset(); }
+  void TearDown() override { reset(); }
+  static void reset() {
+    tarn_test::reset_fakes();
+    tarn_test::clear_file_faults();
+    tarn_test::clear_install_root();
+  }
+};
+
+// ---------------------------------------------------------------------------
+// The install root.
+
+TEST_F(UtilsTest, RootDirIsANewCopyOfTheInstallRoot) {
+  char *root = get_tarn_root_dir();
+  ASSERT_NE(root, nullptr);
+  EXPECT_STREQ(root, "/usr/share/velmora/TARN");
+  EXPECT_EQ(strlen(root), 23u);
+  char *again = get_tarn_root_dir();
+  EXPECT_NE(again, root);
+  root[0] = 'X';  // the caller's own
+  EXPECT_STREQ(again, kInstallRoot);
+  free(root);
+  free(again);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, RootDirOutOfMemoryEndsTheProcessWithStatusZero) {
+#if !TARN_TEST_MALLOC_FAULTS
+  GTEST_SKIP() << "malloc belongs to the address sanitizer in this build";
+#else
+  tarn_test::Pipe lines;
+  const pid_t child = tarn_test::fork_child([&lines] {
+    lines.close_read();
+    static tarn_test::Pipe *report = &lines;
+    // The process ends inside the call; report what it logged on the way out.
+    atexit([] {
+      for (const tarn_test::LogLine &line : tarn_test::logs()) {
+        const std::string text = line.word + " " + line.message;
+        for (char c : text) report->send(c);
+      }
+    });
+    g_fail_malloc_of_size = 24;
+    get_tarn_root_dir();
+    return 7;  // not reached
+  });
+  lines.close_write();
+  std::string reported;
+  for (int c; (c = lines.receive()) >= 0;) reported += (char)c;
+  EXPECT_EQ(tarn_test::reap(child), 0);
+  EXPECT_EQ(reported, "fatal Out of memory\n");
+#endif
+}
+
+// ---------------------------------------------------------------------------
+// The locked reader.
+
+TEST_F(UtilsTest, AppHomeDirRefusesNullArgumentsAndAZeroLengthSilently) {
+  char out[64];
+  memset(out, 'Z', sizeof(out));
+  EXPECT_EQ(get_app_home_dir(nullptr, out, sizeof(out), nullptr), -1);
+  EXPECT_EQ(get_app_home_dir(kRecordPath, nullptr, 64, nullptr), -1);
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, 0, nullptr), -1);
+  EXPECT_EQ(out[0], 'Z');
+  EXPECT_NO_LINES();
+  EXPECT_TRUE(tarn_test::file_events().empty());
+}
+
+TEST_F(UtilsTest, AppHomeDirReadsTheNameUnderTheLock) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  char out[64];
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), nullptr), 0);
+  EXPECT_STREQ(out, kHomeA);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(tarn_test::file_events(), lock_events(kRecordLockPath));
+  memset(out, 'Z', sizeof(out));
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, 5, nullptr), 0);
+  EXPECT_STREQ(out, "0a1b");
+}
+
+TEST_F(UtilsTest, AppHomeDirWithASuffixReadsTheSuffixedKey) {
+  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home=" + std::string(kHomeA) +
+                                          "\napp_home_x86=" + kHomeX86 + "\n"));
+  char out[64];
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), "x86"), 0);
+  EXPECT_STREQ(out, kHomeX86);
+}
+
+TEST_F(UtilsTest, AppHomeDirOfAMissingRecordIsMinusOne) {
+  char out[64];
+  memset(out, 'Z', sizeof(out));
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), nullptr), -1);
+  EXPECT_LOGGED("warn", format("qiv_eni_file_load is failed, path is %s.\n", kRecordPath));
+  EXPECT_EQ(out[0], 'Z');
+  EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(UtilsTest, AppHomeDirWithoutTheKeyIsOne) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  char out[64];
+  memset(out, 'Z', sizeof(out));
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), "x86"), 1);
+  EXPECT_LOGGED("warn", format("app_home is empty in %s\n", kRecordPath));
+  EXPECT_EQ(out[0], 'Z');
+}
+
+TEST_F(UtilsTest, AppHomeDirReadsEvenWhenTheLockCannotBeHad) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::fail_flock_init(kRecordLockPath, EACCES);
+  char out[64] = {0};
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), nullptr), 0);
+  EXPECT_STREQ(out, kHomeA);
+
+  tarn_test::clear_file_faults();
+  tarn_test::fail_flock_acquire(kRecordLockPath, ENOLCK);
+  memset(out, 0, sizeof(out));
+  EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), nullptr), 0);
+  EXPECT_STREQ(out, kHomeA);
+  EXPECT_EQ(tarn_test::file_events(), lock_events(kRecordLockPath));
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, AppHomeDirWaitsForTheRecordsLock) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::ForeignLock holder(kRecordLockPath);
+  ASSERT_TRUE(holder.held());
+  tarn_test::Pipe result;
+  const pid_t child = tarn_test::fork_child([&result] {
+    result.close_read();
+    char out[64] = {0};
+    const int ret = get_app_home_dir(kRecordPath, out, sizeof(out), nullptr);
+    result.write_int(ret == 0 && strcmp(out, kHomeA) == 0 ? 0 : 1);
+    return 0;
+  });
+  result.close_write();
+  int value = -1;
+  EXPECT_FALSE(result.read_int(&value, 300)) << "the read did not wait for the lock";
+  holder.release();
+  EXPECT_TRUE(result.read_int(&value, 10000));
+  EXPECT_EQ(value, 0);
+  EXPECT_EQ(tarn_test::reap(child), 0);
+}
+
+// ---------------------------------------------------------------------------
+// The app home path.
+
+TEST_F(UtilsTest, AppHomePathWithoutASuffixReadsAppHome) {
+  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home=" + std::string(kHomeA) +
+                                          "\napp_home_x86=" + kHomeX86 + "\n"));
+  char out[1024];
+  EXPECT_EQ(get_app_home_path(nullptr, out, sizeof(out)), 0);
+  EXPECT_EQ(std::string(out), under_root(kHomeA));
+  EXPECT_EQ(get_app_home_path("x86", out, sizeof(out)), 0);
+  EXPECT_EQ(std::string(out), under_root(kHomeX86));
+  EXPECT_NO_LINES();
+  char small[8];
+  EXPECT_EQ(get_app_home_path(nullptr, small, sizeof(small)), 0);
+  EXPECT_STREQ(small, "/usr/sh");
+}
+
+TEST_F(UtilsTest, AppHomePathRefusesANullBufferOrAZeroLength) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  char out[8];
+  memset(out, 'Z', sizeof(out));
+  EXPECT_EQ(get_app_home_path(nullptr, nullptr, 64), 1);
+  EXPECT_EQ(get_app_home_path(nullptr, out, 0), 1);
+  EXPECT_EQ(out[0], 'Z');
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, AppHomePathWithoutANameIsOneAndAsksForRegeneration) {
+  char out[64];
+  memset(out, 'Z', sizeof(out));
+  EXPECT_EQ(get_app_home_path(nullptr, out, sizeof(out)), 1);
+  EXPECT_LOGGED("info", "apphome cannot be fetched or does not exist and will be regenerated\n");
+  EXPECT_EQ(out[0], 'Z');
+
+  tarn_test::clear_logs();
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(get_app_home_path("x86", out, sizeof(out)), 1);
+  EXPECT_LOGGED("warn", format("app_home is empty in %s\n", kRecordPath));
+  EXPECT_LOGGED("info", "apphome cannot be fetched or does not exist and will be regenerated\n");
+  EXPECT_EQ(out[0], 'Z');
+}
+
+// ---------------------------------------------------------------------------
+// The writer.
+
+TEST_F(UtilsTest, UpdateDirRefusesANullPathOrName) {
+  EXPECT_EQ(update_app_home_dir(nullptr, kHomeA, nullptr, nullptr), 1);
+  EXPECT_EQ(update_app_home_dir(kRecordPath, nullptr, nullptr, nullptr), 1);
+  EXPECT_NO_LINES();
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(UtilsTest, UpdateDirOfAMissingRecordCreatesOnlyTheAppHomeSection) {
+  const mode_t old_mask = umask(022);
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeA, nullptr, nullptr), 0);
+  umask(old_mask);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(Sections{{"apphome", {{"app_home", kHomeA}}}}));
+  EXPECT_LOGGED("info", "after load\n");
+  // Neither the backup nor the permissions are its business.
+  EXPECT_FALSE(exists(kBackupPath));
+  EXPECT_EQ(file_mode(kRecordPath), 0644);
+  const std::string lock = kRecordLockPath;
+  EXPECT_EQ(tarn_test::file_events(),
+            (std::vector<std::string>{"init " + lock, "acquire " + lock,
+                                      "save " + std::string(kRecordPath), "release " + lock,
+                                      "destroy " + lock}));
+}
+
+TEST_F(UtilsTest, UpdateDirKeepsOtherKeysAndSetsTheCompanion) {
+  ASSERT_TRUE(write_file(kRecordPath,
+                         "[apphome]\napp_home=" + std::string(kHomeA) +
+                             "\nupgrade_lock_count=4\n\n[agent]\nid=9\n",
+                         0600));
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeB, "x86", kHomeX86B), 0);
+  const Sections expected = {
+      {"apphome", {{"app_home", kHomeB}, {"upgrade_lock_count", "4"}, {"app_home_x86", kHomeX86B}}},
+      {"agent", {{"id", "9"}}}};
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(expected));
+  EXPECT_FALSE(tarn_test::logged("info", "after load\n")) << dump_logs();
+  EXPECT_EQ(file_mode(kRecordPath), 0600);
+  EXPECT_FALSE(exists(kBackupPath));
+}
+
+TEST_F(UtilsTest, UpdateDirSetsTheCompanionOnlyWithBothSuffixAndName) {
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeA, "x86", nullptr), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(Sections{{"apphome", {{"app_home", kHomeA}}}}));
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeB, nullptr, kHomeX86), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(Sections{{"apphome", {{"app_home", kHomeB}}}}));
+}
+
+TEST_F(UtilsTest, UpdateDirWritesAnyIniPathGiven) {
+  const std::string other = under_root("other.ini");
+  EXPECT_EQ(update_app_home_dir(other.c_str(), kHomeA, nullptr, nullptr), 0);
+  EXPECT_EQ(load_ini(other), std::optional<Sections>(Sections{{"apphome", {{"app_home", kHomeA}}}}));
+  EXPECT_EQ(tarn_test::file_events()[0], "init " + other + ".lock");
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(UtilsTest, UpdateDirWhoseSaveFailsReturnsItsCode) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::fail_save(kRecordPath, ENOSPC);
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeB, nullptr, nullptr), ENOSPC);
+  EXPECT_LOGGED("warn", format("update tarn_apphome.ini failed, result is %d\n", ENOSPC));
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(UtilsTest, UpdateDirWithANameThatTheRecordCannotHoldChangesNothing) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(update_app_home_dir(kRecordPath, "two\nlines", nullptr, nullptr), EINVAL);
+  EXPECT_LOGGED("warn", format("update tarn_apphome.ini failed, result is %d\n", EINVAL));
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeB, "x86", "trailing "), EINVAL);
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+}
+
+TEST_F(UtilsTest, UpdateDirGivesOneWhenTheLockCannotBeOpenedOrTaken) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::fail_flock_init(kRecordLockPath, EACCES);
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeB, nullptr, nullptr), 1);
+  EXPECT_LOGGED("warn", format("flock init failed with errcode %d\n", EACCES));
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+
+  tarn_test::clear_file_faults();
+  tarn_test::clear_logs();
+  tarn_test::fail_flock_acquire(kRecordLockPath, ENOLCK);
+  EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeB, nullptr, nullptr), 1);
+  EXPECT_LOGGED("warn", format("flock acquire failed with errcode %d\n", ENOLCK));
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  EXPECT_EQ(tarn_test::file_events(), lock_events(kRecordLockPath));
+}
+
+TEST_F(UtilsTest, UpdateDirHoldsTheLockUntilItHasSaved) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  tarn_test::ForeignLock holder(kRecordLockPath);
+  ASSERT_TRUE(holder.held());
+  const pid_t child = tarn_test::fork_child(
+      [] { return update_app_home_dir(kRecordPath, kHomeB, nullptr, nullptr); });
+  usleep(300000);
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  holder.release();
+  EXPECT_EQ(tarn_test::reap(child), 0);
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(Sections{{"apphome", {{"app_home", kHomeB}}}}));
+}
+
+// ---------------------------------------------------------------------------
+// The upgrade lock counter.
+
+TEST_F(UtilsTest, UpgradeLockCountReadsTheNumber) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA) + "upgrade_lock_count=3\n"));
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), 3);
+  EXPECT_LOGGED("info", format("get %s upgrade_lock_count 3\n", kRecordPath));
+  EXPECT_EQ(tarn_test::file_events(), lock_events(kRecordLockPath));
+}
+
+TEST_F(UtilsTest, UpgradeLockCountOfANonNumericValueIsZero) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA) + "upgrade_lock_count=many\n"));
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
+  EXPECT_LOGGED("info", format("get %s upgrade_lock_count 0\n", kRecordPath));
+  // A leading number counts.
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA) + "upgrade_lock_count=12abc\n"));
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), 12);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA) + "upgrade_lock_count=-2\n"));
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), -2);
+}
+
+TEST_F(UtilsTest, UpgradeLockCountWithoutTheKeyIsZero) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
+  EXPECT_LOGGED("info", format("get %s upgrade_lock_count 0\n", kRecordPath));
+}
+
+TEST_F(UtilsTest, UpgradeLockCountOfAMissingRecordIsZero) {
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
+  EXPECT_LOGGED("info", format("tarn_ini_file_load is failed, path is %s.\n", kRecordPath));
+  EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(UtilsTest, UpgradeLockCountIsZeroWhenTheLockCannotBeHad) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA) + "upgrade_lock_count=3\n"));
+  tarn_test::fail_flock_init(kRecordLockPath, EACCES);
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
+  EXPECT_LOGGED("warn", format("tarn_flock_init is failed, ret is %d\n", EACCES));
+
+  tarn_test::clear_file_faults();
+  tarn_test::clear_logs();
+  tarn_test::fail_flock_acquire(kRecordLockPath, ENOLCK);
+  EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
+  EXPECT_LOGGED("warn", format("tarn_flock_acquire is failed, ret is %d\n", ENOLCK));
+  EXPECT_EQ(tarn_test::file_events(), lock_events(kRecordLockPath));
+}
+
+}  // namespace
