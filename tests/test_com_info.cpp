@@ -13,26 +13,16 @@
 #include "fakes.h"
 #include "install_root.h"
 #include "kep_result.h"
+#include "log_checks.h"
 
 namespace {
 
+using tarn_test::dump_logs;
 using tarn_test::kHomeA;
 using tarn_test::kRecordPath;
+using tarn_test::record_text;
 using tarn_test::under_root;
 using tarn_test::write_file;
-
-std::string dump_logs() {
-  std::string text;
-  for (const tarn_test::LogLine &line : tarn_test::logs()) text += "  " + line.line + "\n";
-  return text.empty() ? "  (no lines)\n" : text;
-}
-
-#define EXPECT_LOGGED(word, message)                                          \
-  EXPECT_TRUE(tarn_test::logged(word, message))                               \
-      << "expected [" << (word) << "] " << (message) << "\ncaptured:\n" \
-      << dump_logs()
-
-#define EXPECT_NO_LINES() EXPECT_TRUE(tarn_test::logs().empty()) << dump_logs()
 
 class ComInfoTest : public ::testing::Test {
  protected:
@@ -95,7 +85,7 @@ TEST_F(ComInfoTest, PathCatTooLongForTheBufferReturnsTheLengthAndLeavesIt) {
 }
 
 TEST_F(ComInfoTest, PathCatWithoutABaseJoinsToTheAppHome) {
-  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home=" + std::string(kHomeA) + "\n"));
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
   char out[1024];
   EXPECT_EQ(tarn_apphome_path_cat_auto(nullptr, "bin/tarn_service", out, sizeof(out)), KEP_E_SUCCESS);
   EXPECT_EQ(std::string(out), under_root(kHomeA) + "/bin/tarn_service");

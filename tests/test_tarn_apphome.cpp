@@ -17,7 +17,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -38,6 +37,7 @@
 #include "fakes.h"
 #include "file_faults.h"
 #include "install_root.h"
+#include "log_checks.h"
 #include "tarn_apphome.h"
 #include "tarn_apphome_internal.h"
 
@@ -85,8 +85,10 @@ int tarn_get_cpu_arch(void) {
 
 namespace {
 
+using tarn_test::dump_logs;
 using tarn_test::exists;
 using tarn_test::file_mode;
+using tarn_test::format;
 using tarn_test::kBackupLockPath;
 using tarn_test::kBackupPath;
 using tarn_test::kHomeA;
@@ -97,8 +99,11 @@ using tarn_test::kInstallRoot;
 using tarn_test::kRecordLockPath;
 using tarn_test::kRecordPath;
 using tarn_test::kServicePath;
+using tarn_test::load_ini;
 using tarn_test::make_apphome;
 using tarn_test::read_file;
+using tarn_test::record_text;
+using tarn_test::Sections;
 using tarn_test::under_root;
 using tarn_test::write_file;
 
@@ -115,60 +120,10 @@ void companion_machine() { set_machine(TARN_OS_PLATFORM_X86_COMPANION, TARN_OS_P
 // An x64 machine without one.
 void plain_machine() { set_machine(TARN_OS_PLATFORM_LINUX, TARN_OS_PLATFORM_WIDTH_64, 2); }
 
-std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char *fmt, ...) {
-  char buffer[2048];
-  va_list args;
-  va_start(args, fmt);
-  vsnprintf(buffer, sizeof(buffer), fmt, args);
-  va_end(args);
-  return buffer;
-}
-
-std::string dump_logs() {
-  std::string text;
-  for (const tarn_test::LogLine &line : tarn_test::logs()) text += "  " + line.line + "\n";
-  return text.empty() ? "  (no lines)\n" : text;
-}
-
-#define EXPECT_LOGGED(word, message)                                          \
-  EXPECT_TRUE(tarn_test::logged(word, message))                               \
-      << "expected [" << (word) << "] " << (message) << "\ncaptured:\n" \
-      << dump_logs()
-
-#define EXPECT_NOT_LOGGED(word, message)                                         \
-  EXPECT_FALSE(tarn_test::logged(word, message)) << "unexpected [" << (word) << "] " \
-                                                 << (message) << "\ncaptured:\n" << dump_logs()
-
-#define EXPECT_NO_LINES() EXPECT_TRUE(tarn_test::logs().empty()) << dump_logs()
-
-using Sections = std::map<std::string, std::map<std::string, std::string>>;
-
-// The whole content of an ini file as the base library reads it; nullopt
-// when it cannot be loaded.
-std::optional<Sections> load_ini(const std::string &path) {
-  tarn_ini_t *ini = tarn_ini_file_load(path.c_str());
-  if (ini == nullptr) return std::nullopt;
-  Sections sections;
-  tarn_ini_file_foreach(ini, &sections, [](void *user, const char *section, const char *key,
-                                           const char *value) {
-    (*static_cast<Sections *>(user))[section][key] = value;
-    return 0;
-  });
-  tarn_ini_file_free(ini);
-  return sections;
-}
-
 Sections apphome_only(const std::string &name) { return {{"apphome", {{"app_home", name}}}}; }
 
 Sections apphome_with_arch(const std::string &name, const std::string &arch) {
   return {{"apphome", {{"app_home", name}, {"app_home_x86", arch}}}};
-}
-
-std::string record_text(const std::string &name) { return "[apphome]\napp_home=" + name + "\n"; }
-
-std::string record_text(const std::string &name, const std::string &arch) {
-  return "[apphome]\napp_home=" + name + "\napp_home_x86=" + arch + "\n";
 }
 
 // The lock and save events, without the grants and copies.

@@ -9,8 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-#include <libgen.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -23,6 +21,7 @@
 #include "child_process.h"
 #include "fakes.h"
 #include "install_root.h"
+#include "log_checks.h"
 #include "tarn_directory.h"
 
 // ---------------------------------------------------------------------------
@@ -47,6 +46,8 @@ extern "C" int tarn_log_dir(char *buf, size_t len) {
 
 namespace {
 
+using tarn_test::dump_logs;
+using tarn_test::executable_directory;
 using tarn_test::exists;
 using tarn_test::kBackupPath;
 using tarn_test::kHomeA;
@@ -55,31 +56,9 @@ using tarn_test::kHomeX86;
 using tarn_test::kInstallRoot;
 using tarn_test::kRecordLockPath;
 using tarn_test::kRecordPath;
+using tarn_test::record_text;
 using tarn_test::under_root;
 using tarn_test::write_file;
-
-std::string dump_logs() {
-  std::string text;
-  for (const tarn_test::LogLine &line : tarn_test::logs()) text += "  " + line.line + "\n";
-  return text.empty() ? "  (no lines)\n" : text;
-}
-
-#define EXPECT_LOGGED(word, message)                                          \
-  EXPECT_TRUE(tarn_test::logged(word, message))                               \
-      << "expected [" << (word) << "] " << (message) << "\ncaptured:\n" \
-      << dump_logs()
-
-#define EXPECT_NO_LINES() EXPECT_TRUE(tarn_test::logs().empty()) << dump_logs()
-
-std::string record_text(const std::string &name) { return "[apphome]\napp_home=" + name + "\n"; }
-
-// The directory of this program's executable.
-std::string executable_dir() {
-  char path[1024] = {0};
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-  if (n <= 0) return "";
-  return dirname(path);
-}
 
 class DirectoryTest : public ::testing::Test {
  protected:
@@ -215,8 +194,7 @@ TEST_F(DirectoryTest, DirNameCopiesTheNameCutToTheBuffer) {
 }
 
 TEST_F(DirectoryTest, DirNameWithASuffixReadsTheSuffixedKey) {
-  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home=" + std::string(kHomeA) +
-                                          "\napp_home_x86=" + kHomeX86 + "\n"));
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));
   char out[64];
   EXPECT_EQ(get_apphome_dir_name(kRecordPath, out, sizeof(out), "x86"), 0);
   EXPECT_STREQ(out, kHomeX86);
@@ -391,7 +369,7 @@ TEST_F(DirectoryTest, TransformExpandsAtToTheAppHomesBinDirectory) {
 }
 
 TEST_F(DirectoryTest, TransformWithoutAnAppHomeLeavesItToTheBaseLibrary) {
-  const std::string dir = executable_dir();
+  const std::string dir = executable_directory();
   ASSERT_FALSE(dir.empty());
   char out[1024];
   tarn_agent_path_transform("@/tarn_service", out, sizeof(out));

@@ -6,7 +6,6 @@
 // The program runs in its own sandbox: /tmp is private and its contents
 // vanish with it. Each test works in a fresh directory of its own.
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -35,54 +34,24 @@
 #include <tarnbase/tarn_str.h>
 
 #include "child_process.h"
+#include "files.h"
 
 namespace {
 
 using tarn_test::Barrier;
+using tarn_test::executable_directory;
 using tarn_test::fork_child;
 using tarn_test::kill_and_reap;
+using tarn_test::list_directory;
+using tarn_test::make_temp_directory;
 using tarn_test::monotonic_ms;
 using tarn_test::Pipe;
+using tarn_test::read_file;
 using tarn_test::reap;
+using tarn_test::write_file;
 
 // ---------------------------------------------------------------------------
 // Helpers
-
-std::string make_directory() {
-  char name[] = "/tmp/tarn_fs_XXXXXX";
-  if (mkdtemp(name) == nullptr) return "";
-  return name;
-}
-
-bool write_file(const std::string &path, const std::string &text) {
-  FILE *file = fopen(path.c_str(), "we");
-  if (file == nullptr) return false;
-  const bool ok = fwrite(text.data(), 1, text.size(), file) == text.size();
-  return fclose(file) == 0 && ok;
-}
-
-std::string read_file(const std::string &path) {
-  FILE *file = fopen(path.c_str(), "re");
-  if (file == nullptr) return "<missing>";
-  std::string text;
-  char chunk[4096];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, got);
-  fclose(file);
-  return text;
-}
-
-std::set<std::string> list_directory(const std::string &path) {
-  std::set<std::string> names;
-  DIR *dir = opendir(path.c_str());
-  if (dir == nullptr) return names;
-  while (struct dirent *entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  closedir(dir);
-  return names;
-}
 
 mode_t mode_of(const std::string &path) {
   struct stat st;
@@ -93,7 +62,7 @@ mode_t mode_of(const std::string &path) {
 class FsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = make_directory();
+    dir_ = make_temp_directory("tarn_fs");
     ASSERT_FALSE(dir_.empty());
   }
   std::string at(const std::string &name) const { return dir_ + "/" + name; }
@@ -529,15 +498,6 @@ TEST_F(FsTest, MkdirByManyProcessesAtOnceSucceedsForEach) {
   for (pid_t pid : children) EXPECT_EQ(0, reap(pid));
   EXPECT_EQ(0750u, mode_of(path));
   EXPECT_EQ(0750u, mode_of(at("shared")));
-}
-
-std::string executable_directory() {
-  char exe[PATH_MAX];
-  const ssize_t length = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-  if (length <= 0) return "";
-  exe[length] = '\0';
-  std::string path(exe);
-  return path.substr(0, path.rfind('/'));
 }
 
 TEST(PathTransform, AnAtPathIsTakenRelativeToTheExecutablesDirectory) {

@@ -7,7 +7,6 @@
 // The program runs in its own sandbox: /tmp is private and its contents
 // vanish with it. Each test works in a fresh directory of its own.
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -33,53 +32,22 @@
 #include <tarnbase/tarn_ini.h>
 
 #include "child_process.h"
+#include "files.h"
 
 namespace {
 
 using tarn_test::fork_child;
 using tarn_test::killed_by;
+using tarn_test::list_directory;
+using tarn_test::make_temp_directory;
+using tarn_test::read_file;
 using tarn_test::reap;
+using tarn_test::write_file;
 
 // ---------------------------------------------------------------------------
 // Helpers
 
 using Entries = std::vector<std::vector<std::string>>;  // {section, key, value} in order
-
-std::string make_directory() {
-  char name[] = "/tmp/tarn_ini_XXXXXX";
-  if (mkdtemp(name) == nullptr) return "";
-  return name;
-}
-
-bool write_file(const std::string &path, const std::string &text) {
-  FILE *file = fopen(path.c_str(), "we");
-  if (file == nullptr) return false;
-  const bool ok = fwrite(text.data(), 1, text.size(), file) == text.size();
-  return fclose(file) == 0 && ok;
-}
-
-std::string read_file(const std::string &path) {
-  FILE *file = fopen(path.c_str(), "re");
-  if (file == nullptr) return "<missing>";
-  std::string text;
-  char chunk[4096];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, got);
-  fclose(file);
-  return text;
-}
-
-std::set<std::string> list_directory(const std::string &path) {
-  std::set<std::string> names;
-  DIR *dir = opendir(path.c_str());
-  if (dir == nullptr) return names;
-  while (struct dirent *entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  closedir(dir);
-  return names;
-}
 
 int collect(void *user, const char *section, const char *key, const char *value) {
   static_cast<Entries *>(user)->push_back({section, key, value});
@@ -109,7 +77,7 @@ class Ini {
 class IniTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = make_directory();
+    dir_ = make_temp_directory("tarn_ini");
     ASSERT_FALSE(dir_.empty());
     path_ = dir_ + "/test.ini";
   }

@@ -27,22 +27,17 @@
 #include <tarnbase/tarn_shell.h>
 
 #include "child_process.h"
+#include "files.h"
 
 namespace {
 
 using tarn_test::fork_child;
 using tarn_test::monotonic_ms;
 using tarn_test::reap;
+using tarn_test::write_file;
 
 // ---------------------------------------------------------------------------
 // Helpers
-
-bool write_file(const std::string &path, const std::string &text) {
-  FILE *file = fopen(path.c_str(), "we");
-  if (file == nullptr) return false;
-  const bool ok = fwrite(text.data(), 1, text.size(), file) == text.size();
-  return fclose(file) == 0 && ok;
-}
 
 // Writes the configuration file; a null text removes it.
 void set_config(const char *text) {

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,6 +26,7 @@
 #include "fakes.h"
 #include "file_faults.h"
 #include "install_root.h"
+#include "log_checks.h"
 #include "tarn_utils.h"
 #include "utils_internal.h"
 
@@ -53,8 +53,10 @@ extern "C" void *malloc(size_t size) {
 
 namespace {
 
+using tarn_test::dump_logs;
 using tarn_test::exists;
 using tarn_test::file_mode;
+using tarn_test::format;
 using tarn_test::kBackupPath;
 using tarn_test::kHomeA;
 using tarn_test::kHomeB;
@@ -63,49 +65,12 @@ using tarn_test::kHomeX86B;
 using tarn_test::kInstallRoot;
 using tarn_test::kRecordLockPath;
 using tarn_test::kRecordPath;
+using tarn_test::load_ini;
 using tarn_test::read_file;
+using tarn_test::record_text;
+using tarn_test::Sections;
 using tarn_test::under_root;
 using tarn_test::write_file;
-
-std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char *fmt, ...) {
-  char buffer[2048];
-  va_list args;
-  va_start(args, fmt);
-  vsnprintf(buffer, sizeof(buffer), fmt, args);
-  va_end(args);
-  return buffer;
-}
-
-std::string dump_logs() {
-  std::string text;
-  for (const tarn_test::LogLine &line : tarn_test::logs()) text += "  " + line.line + "\n";
-  return text.empty() ? "  (no lines)\n" : text;
-}
-
-#define EXPECT_LOGGED(word, message)                                          \
-  EXPECT_TRUE(tarn_test::logged(word, message))                               \
-      << "expected [" << (word) << "] " << (message) << "\ncaptured:\n" \
-      << dump_logs()
-
-#define EXPECT_NO_LINES() EXPECT_TRUE(tarn_test::logs().empty()) << dump_logs()
-
-using Sections = std::map<std::string, std::map<std::string, std::string>>;
-
-std::optional<Sections> load_ini(const std::string &path) {
-  tarn_ini_t *ini = tarn_ini_file_load(path.c_str());
-  if (ini == nullptr) return std::nullopt;
-  Sections sections;
-  tarn_ini_file_foreach(ini, &sections, [](void *user, const char *section, const char *key,
-                                           const char *value) {
-    (*static_cast<Sections *>(user))[section][key] = value;
-    return 0;
-  });
-  tarn_ini_file_free(ini);
-  return sections;
-}
-
-std::string record_text(const std::string &name) { return "[apphome]\napp_home=" + name + "\n"; }
 
 std::vector<std::string> lock_events(const std::string &lock) {
   return {"init " + lock, "acquire " + lock, "release " + lock, "destroy " + lock};
@@ -193,8 +158,7 @@ TEST_F(UtilsTest, AppHomeDirReadsTheNameUnderTheLock) {
 }
 
 TEST_F(UtilsTest, AppHomeDirWithASuffixReadsTheSuffixedKey) {
-  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home=" + std::string(kHomeA) +
-                                          "\napp_home_x86=" + kHomeX86 + "\n"));
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));
   char out[64];
   EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), "x86"), 0);
   EXPECT_STREQ(out, kHomeX86);
@@ -259,8 +223,7 @@ TEST_F(UtilsTest, AppHomeDirWaitsForTheRecordsLock) {
 // The app home path.
 
 TEST_F(UtilsTest, AppHomePathWithoutASuffixReadsAppHome) {
-  ASSERT_TRUE(write_file(kRecordPath, "[apphome]\napp_home=" + std::string(kHomeA) +
-                                          "\napp_home_x86=" + kHomeX86 + "\n"));
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));
   char out[1024];
   EXPECT_EQ(get_app_home_path(nullptr, out, sizeof(out)), 0);
   EXPECT_EQ(std::string(out), under_root(kHomeA));

@@ -1,27 +1,27 @@
 // Helpers for tests of the app home record and the directory helpers: the
 // fixed paths below the install root (a fresh tmpfs in the test sandbox),
-// emptying it between tests, small file operations, app home directories
-// with their flag files, and a lock file held by another process.
+// emptying it between tests, the record's text and an ini file's content,
+// app home directories with their flag files, and a lock file held by
+// another process. The small file operations come from files.h.
 #ifndef TARN_TEST_INSTALL_ROOT_H
 #define TARN_TEST_INSTALL_ROOT_H
 
-#include <dirent.h>
 #include <errno.h>
-#include <signal.h>
 #include <fcntl.h>
-#include <stdio.h>
-#include <string.h>
+#include <signal.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <map>
+#include <optional>
 #include <string>
 #include <system_error>
 
+#include <tarnbase/tarn_ini.h>
+
 #include "child_process.h"
+#include "files.h"
 
 namespace tarn_test {
 
@@ -50,39 +50,31 @@ inline void clear_install_root() {
   }
 }
 
-inline bool write_file(const std::string &path, const std::string &content, mode_t mode = 0644) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) return false;
-  const bool ok = write(fd, content.data(), content.size()) == (ssize_t)content.size();
-  fchmod(fd, mode);
-  return close(fd) == 0 && ok;
+// The record's text naming the app home name, and with it the companion
+// x86 app home name.
+inline std::string record_text(const std::string &name) {
+  return "[apphome]\napp_home=" + name + "\n";
+}
+inline std::string record_text(const std::string &name, const std::string &arch) {
+  return "[apphome]\napp_home=" + name + "\napp_home_x86=" + arch + "\n";
 }
 
-// The whole content, or "<missing>" when the file cannot be read.
-inline std::string read_file(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "<missing>";
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+// An ini file's content: section -> key -> value.
+using Sections = std::map<std::string, std::map<std::string, std::string>>;
 
-inline bool exists(const std::string &path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
-
-// The permission bits, or -1 when there is no such file.
-inline int file_mode(const std::string &path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) return -1;
-  return (int)(st.st_mode & 07777);
-}
-
-inline bool make_dirs(const std::string &path) {
-  std::error_code ec;
-  std::filesystem::create_directories(path, ec);
-  return !ec;
+// The whole content of an ini file as the base library reads it; nullopt
+// when it cannot be loaded.
+inline std::optional<Sections> load_ini(const std::string &path) {
+  tarn_ini_t *ini = tarn_ini_file_load(path.c_str());
+  if (ini == nullptr) return std::nullopt;
+  Sections sections;
+  tarn_ini_file_foreach(ini, &sections, [](void *user, const char *section, const char *key,
+                                           const char *value) {
+    (*static_cast<Sections *>(user))[section][key] = value;
+    return 0;
+  });
+  tarn_ini_file_free(ini);
+  return sections;
 }
 
 // Makes the app home directory name below the install root, with the flag

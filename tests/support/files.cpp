@@ -1,0 +1,77 @@
+#include "files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+namespace tarn_test {
+
+std::string make_temp_directory(const std::string &prefix) {
+  std::string name = "/tmp/" + prefix + "_XXXXXX";
+  if (mkdtemp(&name[0]) == nullptr) return "";
+  return name;
+}
+
+bool write_file(const std::string &path, const std::string &content, mode_t mode) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  if (fd < 0) return false;
+  const bool ok = write(fd, content.data(), content.size()) == (ssize_t)content.size();
+  fchmod(fd, mode);
+  return close(fd) == 0 && ok;
+}
+
+std::string read_file(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "<missing>";
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::set<std::string> list_directory(const std::string &path) {
+  std::set<std::string> names;
+  DIR *dir = opendir(path.c_str());
+  if (dir == nullptr) return names;
+  while (struct dirent *entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.insert(name);
+  }
+  closedir(dir);
+  return names;
+}
+
+bool exists(const std::string &path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+int file_mode(const std::string &path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return -1;
+  return (int)(st.st_mode & 07777);
+}
+
+bool make_dirs(const std::string &path) {
+  std::error_code ec;
+  std::filesystem::create_directories(path, ec);
+  return !ec;
+}
+
+std::string executable_directory() {
+  char exe[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+  if (length <= 0) return "";
+  exe[length] = '\0';
+  const std::string path(exe);
+  return path.substr(0, path.rfind('/'));
+}
+
+}  // namespace tarn_test

@@ -1,0 +1,44 @@
+// Small file operations for tests: fresh directories below /tmp, writing and
+// reading whole files, listing a directory, whether a path exists, its
+// permission bits, making a directory tree, and the directory of the running
+// test program.
+//
+// Nothing here calls the base library, so every test program can link it.
+#ifndef TARN_TEST_FILES_H
+#define TARN_TEST_FILES_H
+
+#include <sys/types.h>
+
+#include <set>
+#include <string>
+
+namespace tarn_test {
+
+// A new directory /tmp/<prefix>_XXXXXX; "" when it cannot be made.
+std::string make_temp_directory(const std::string &prefix);
+
+// Creates or replaces path with content; the file ends up with exactly the
+// permission bits mode, whatever the umask or its mode before.
+bool write_file(const std::string &path, const std::string &content, mode_t mode = 0644);
+
+// The whole content, or "<missing>" when the file cannot be read.
+std::string read_file(const std::string &path);
+
+// The names in a directory, without "." and ".."; empty when it cannot be read.
+std::set<std::string> list_directory(const std::string &path);
+
+// Whether there is anything at path (a dangling link included).
+bool exists(const std::string &path);
+
+// The permission bits, or -1 when there is no such file.
+int file_mode(const std::string &path);
+
+// Makes the directory and its missing parents.
+bool make_dirs(const std::string &path);
+
+// The directory of this program's executable, or "".
+std::string executable_directory();
+
+}  // namespace tarn_test
+
+#endif
