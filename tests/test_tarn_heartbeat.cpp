@@ -17,7 +17,6 @@
 #include <fcntl.h>
 #include <inttypes.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -40,6 +39,7 @@
 
 #include "child_process.h"
 #include "fakes.h"
+#include "log_checks.h"
 #include "tarn_heartbeat.h"
 #include "tarn_heartbeat_internal.h"
 
@@ -93,7 +93,9 @@ int tarn_glock_init(const char *name, tarn_glock_t **lock) {
 
 namespace {
 
+using tarn_test::dump_logs;
 using tarn_test::fork_child;
+using tarn_test::format;
 using tarn_test::killed_by;
 using tarn_test::Peer;
 using tarn_test::Pipe;
@@ -107,16 +109,6 @@ constexpr uint64_t kTick = 5000000000ull;  // above 32 bits on purpose
 constexpr int32_t kFakePid = 100000;       // above the machine's pid_max: never a real process
 
 int32_t self_pid() { return (int32_t)getpid(); }
-
-std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char *fmt, ...) {
-  char buffer[1024];
-  va_list args;
-  va_start(args, fmt);
-  vsnprintf(buffer, sizeof(buffer), fmt, args);
-  va_end(args);
-  return buffer;
-}
 
 proc_heartbeat_info_t make_info(int32_t pid, uint32_t ptype, uint32_t interval, uint32_t idx = 0,
                                 uint64_t tick = 0) {
@@ -158,18 +150,7 @@ std::string describe(const proc_heartbeat_info_t &e) {
                 e.ptype, e.tick);
 }
 
-std::string dump_logs() {
-  std::string text;
-  for (const tarn_test::LogLine &line : tarn_test::logs()) text += "  " + line.line;
-  return text.empty() ? "  (no lines)\n" : text;
-}
-
 size_t count_lines() { return tarn_test::logs().size(); }
-
-#define EXPECT_LOGGED(word, message)                                  \
-  EXPECT_TRUE(tarn_test::logged(word, message))                       \
-      << "expected [" << (word) << "] " << (message) << "captured:\n" \
-      << dump_logs()
 
 #define EXPECT_NO_LINES_AT(word) \
   EXPECT_TRUE(tarn_test::messages(word).empty()) << "captured:\n" << dump_logs()
