@@ -1,10 +1,14 @@
-// Bounded formatting, copying and comparison of byte strings.
+// Bounded formatting, copying, comparison and splitting of byte strings.
 
 #include "tarnbase/tarn_str.h"
 
+#include <errno.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+
+#include "tarnbase/tarn_mem.h"
 
 extern "C" TARNBASE_API int tarn_str_snprintf(char *buf, size_t len, const char *fmt, ...) {
   if (buf == nullptr || len == 0 || fmt == nullptr) return -1;
@@ -60,4 +64,42 @@ extern "C" TARNBASE_API char *tarn_str_strncat(char *dst, const char *src, size_
   const size_t used = (size_t)(end - dst);
   tarn_strlcpy(dst + used, src, size - used);
   return dst;
+}
+
+extern "C" TARNBASE_API char **tarn_str_split(const char *str, const char *sep, uint32_t *count) {
+  if (str == nullptr || sep == nullptr || count == nullptr || sep[0] == '\0') {
+    errno = EINVAL;
+    return nullptr;
+  }
+  const size_t sep_length = strlen(sep);
+  size_t pieces = 1;
+  for (const char *at = strstr(str, sep); at != nullptr; at = strstr(at + sep_length, sep)) ++pieces;
+  if (pieces > UINT32_MAX) {
+    errno = EINVAL;
+    return nullptr;
+  }
+
+  char **array = static_cast<char **>(tarn_zero_malloc_(pieces * sizeof(char *)));
+  if (array == nullptr) return nullptr;
+  const char *start = str;
+  for (size_t i = 0; i < pieces; ++i) {
+    const char *end = strstr(start, sep);
+    const size_t length = end != nullptr ? (size_t)(end - start) : strlen(start);
+    array[i] = static_cast<char *>(tarn_zero_malloc_(length + 1));
+    if (array[i] == nullptr) {
+      tarn_str_split_free(array, (uint32_t)i);
+      errno = ENOMEM;
+      return nullptr;
+    }
+    memcpy(array[i], start, length);
+    if (end != nullptr) start = end + sep_length;
+  }
+  *count = (uint32_t)pieces;
+  return array;
+}
+
+extern "C" TARNBASE_API void tarn_str_split_free(char **pieces, uint32_t count) {
+  if (pieces == nullptr) return;
+  for (uint32_t i = 0; i < count; ++i) tarn_free_(pieces[i]);
+  tarn_free_(pieces);
 }

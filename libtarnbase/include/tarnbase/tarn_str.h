@@ -1,13 +1,16 @@
-/* tarn_str.h -- bounded string formatting, copying and comparison.
+/* tarn_str.h -- bounded string formatting, copying, comparison and
+ * splitting.
  *
- * Every function here that writes always terminates its output (when it is
- * given room for at least the terminator) and never writes past the length
- * it is given; text that does not fit is cut silently.
+ * Every function here that writes into a caller's buffer always terminates
+ * its output (when it is given room for at least the terminator) and never
+ * writes past the length it is given; text that does not fit is cut
+ * silently.
  */
 #ifndef TARN_STR_H
 #define TARN_STR_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "tarn_base_api.h"
 
@@ -46,6 +49,20 @@ TARNBASE_API int tarn_strnicmp(const char *a, const char *b, size_t n);
  * bytes, dst[size - 1] is set to zero and nothing is appended. Nothing is
  * written when dst is null or size is 0; a null src appends nothing. */
 TARNBASE_API char *tarn_str_strncat(char *dst, const char *src, size_t size);
+
+/* Splits str at every occurrence of the separator string sep. Returns a
+ * newly allocated array of newly allocated pieces, in order, and stores
+ * their number in *count. Every separator ends a piece, so empty pieces are
+ * kept: "1..3" at "." gives "1", "" and "3"; "" gives one empty piece; a
+ * string without sep gives one piece, a copy of str. Returns null (and
+ * leaves *count alone) when str, sep or count is null or sep is empty
+ * (errno EINVAL), or when memory runs out (errno ENOMEM; nothing is left
+ * allocated). Free the result with tarn_str_split_free. */
+TARNBASE_API char **tarn_str_split(const char *str, const char *sep, uint32_t *count);
+
+/* Frees an array from tarn_str_split and its count pieces. Null is
+ * ignored. */
+TARNBASE_API void tarn_str_split_free(char **pieces, uint32_t count);
 
 TARNBASE_END_DECLS
 
