@@ -33,6 +33,7 @@
 
 #include <gtest/gtest.h>
 
+#include "child_logs.h"
 #include "child_process.h"
 #include "fakes.h"
 #include "log_frame.h"
@@ -736,93 +737,6 @@ TEST_F(LogFrame, AnOverlongDestinationIsCutAt1023Bytes) {
 // ---------------------------------------------------------------------------
 // Out of memory
 
-// The lines captured in a forked child, sent to the parent when the child
-// exits.
-int g_report_fd = -1;
-
-void write_text(int fd, const std::string &text) {
-  const uint32_t size = (uint32_t)text.size();
-  if (write(fd, &size, sizeof(size)) != (ssize_t)sizeof(size)) return;
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n <= 0) return;
-    done += (size_t)n;
-  }
-}
-
-void send_captured_lines() {
-  if (g_report_fd < 0) return;
-  for (const tarn_test::LogLine &line : tarn_test::logs()) {
-    write_text(g_report_fd, std::to_string(line.number));
-    write_text(g_report_fd, line.word);
-    write_text(g_report_fd, line.message);
-    write_text(g_report_fd, line.line);
-  }
-  close(g_report_fd);
-  g_report_fd = -1;
-}
-
-bool read_exact(int fd, void *data, size_t size) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = read(fd, static_cast<char *>(data) + done, size - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += (size_t)n;
-  }
-  return true;
-}
-
-bool read_text(int fd, std::string *text) {
-  uint32_t size = 0;
-  if (!read_exact(fd, &size, sizeof(size))) return false;
-  text->assign(size, '\0');
-  return size == 0 || read_exact(fd, &(*text)[0], size);
-}
-
-struct ChildOutcome {
-  bool exited = false;
-  int exit_status = -1;
-  int signal = 0;
-  std::vector<tarn_test::LogLine> lines;
-};
-
-// Runs body in a forked child that starts with no captured lines; the
-// lines it captured reach the parent when it exits (also through exit()).
-// A child whose body returns exits with status 3.
-ChildOutcome run_in_child(const std::function<void()> &body) {
-  ChildOutcome outcome;
-  int fds[2];
-  if (pipe(fds) != 0) return outcome;
-  const pid_t pid = tarn_test::fork_flushed();
-  if (pid == 0) {
-    close(fds[0]);
-    g_report_fd = fds[1];
-    tarn_test::clear_logs();
-    atexit(send_captured_lines);
-    body();
-    send_captured_lines();
-    _exit(3);
-  }
-  close(fds[1]);
-  if (pid > 0) {
-    std::string number, word, message, line;
-    while (read_text(fds[0], &number) && read_text(fds[0], &word) && read_text(fds[0], &message) &&
-           read_text(fds[0], &line)) {
-      outcome.lines.push_back({(uint32_t)strtoul(number.c_str(), nullptr, 10), word, message, line});
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    outcome.exited = WIFEXITED(status);
-    outcome.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-  }
-  close(fds[0]);
-  return outcome;
-}
-
 // Two places in one function where memory runs out, on the lines that the
 // constants name.
 constexpr int kFirstSiteLine = __LINE__ + 4;
@@ -837,7 +751,7 @@ void run_out_of_memory_at(int site) {
 }
 
 TEST_F(LogFrame, OutOfMemoryLogsAtFatalAndEndsTheProcessWithStatusZero) {
-  const ChildOutcome outcome = run_in_child([] {
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child([] {
     run_out_of_memory_at(1);
     LOG(error, "still running\n");
   });
@@ -853,7 +767,7 @@ TEST_F(LogFrame, OutOfMemoryLogsAtFatalAndEndsTheProcessWithStatusZero) {
 
 TEST_F(LogFrame, OutOfMemoryIsLoggedAtLevelZeroToo) {
   tarn_test::set_log_level(0);
-  const ChildOutcome outcome = run_in_child([] { LOG_OUT_OF_MEMORY(); });
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child([] { LOG_OUT_OF_MEMORY(); });
   EXPECT_TRUE(outcome.exited);
   EXPECT_EQ(0, outcome.exit_status);
   ASSERT_EQ(1u, outcome.lines.size());
@@ -862,8 +776,8 @@ TEST_F(LogFrame, OutOfMemoryIsLoggedAtLevelZeroToo) {
 }
 
 TEST_F(LogFrame, TwoOutOfMemorySitesReportTheirOwnLines) {
-  const ChildOutcome first = run_in_child([] { run_out_of_memory_at(1); });
-  const ChildOutcome second = run_in_child([] { run_out_of_memory_at(2); });
+  const tarn_test::ChildOutcome first = tarn_test::run_in_child([] { run_out_of_memory_at(1); });
+  const tarn_test::ChildOutcome second = tarn_test::run_in_child([] { run_out_of_memory_at(2); });
 
   EXPECT_EQ(0, first.exit_status);
   EXPECT_EQ(0, second.exit_status);
@@ -886,7 +800,7 @@ void check_remainder(long offset, long size) { CHECK_EXPR(offset % size == 0, "u
 #pragma GCC diagnostic pop
 
 TEST_F(LogFrame, FailedCheckLogsAConditionWithAPercentSignAsItStands) {
-  const ChildOutcome outcome = run_in_child([] { check_remainder(5, 4); });
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child([] { check_remainder(5, 4); });
   EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
   EXPECT_EQ(3, outcome.exit_status);
   ASSERT_EQ(1u, outcome.lines.size());

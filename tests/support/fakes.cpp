@@ -1,6 +1,7 @@
 #include "fakes.h"
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
 
@@ -9,6 +10,7 @@
 #include <optional>
 
 #include <tarnbase/tarn_log.h>
+#include <tarnbase/tarn_mem.h>
 #include <tarnbase/tarn_process.h>
 #include <tarnbase/tarn_time.h>
 
@@ -20,6 +22,19 @@ uint32_t g_level = 3;
 bool g_configured_level = false;
 std::optional<uint64_t> g_tick;
 std::map<int, bool> g_process_exists;
+unsigned g_allocation_calls = 0;
+std::optional<unsigned> g_failing_allocation;  // the call number that fails
+
+// Counts one allocation; true when it is the one that must fail.
+bool allocation_fails() {
+  std::lock_guard<std::mutex> guard(g_mutex);
+  const unsigned call = g_allocation_calls++;
+  if (g_failing_allocation && *g_failing_allocation == call) {
+    g_failing_allocation.reset();
+    return true;
+  }
+  return false;
+}
 
 template <typename Fn>
 Fn real(const char *name) {
@@ -91,6 +106,22 @@ int tarn_process_is_exist(int pid) {
   return real<int (*)(int)>("tarn_process_is_exist")(pid);
 }
 
+void *tarn_zero_malloc_(size_t size) {
+  if (allocation_fails()) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return real<void *(*)(size_t)>("tarn_zero_malloc_")(size);
+}
+
+char *tarn_strdup(const char *s) {
+  if (s != nullptr && allocation_fails()) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return real<char *(*)(const char *)>("tarn_strdup")(s);
+}
+
 }  // extern "C"
 
 namespace tarn_test {
@@ -158,8 +189,20 @@ void clear_process_overrides() {
   g_process_exists.clear();
 }
 
+unsigned allocation_calls() {
+  std::lock_guard<std::mutex> guard(g_mutex);
+  return g_allocation_calls;
+}
+
+void fail_allocation_after(unsigned succeeding) {
+  std::lock_guard<std::mutex> guard(g_mutex);
+  g_failing_allocation = g_allocation_calls + succeeding;
+}
+
 void reset_fakes() {
   std::lock_guard<std::mutex> guard(g_mutex);
+  g_allocation_calls = 0;
+  g_failing_allocation.reset();
   g_lines.clear();
   g_level = 3;
   g_configured_level = false;

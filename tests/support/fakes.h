@@ -10,6 +10,8 @@
 //   when set_tick was called, else the real monotonic tick.
 // - tarn_process_is_exist: the answer given by set_process_exists for that
 //   pid, else the real answer.
+// - tarn_zero_malloc_, tarn_strdup: counted, and made to fail once by
+//   fail_allocation_after.
 //
 // The state is per process; a forked child starts with its parent's.
 #ifndef TARN_TEST_FAKES_H
@@ -45,6 +47,13 @@ void use_real_tick();
 
 void set_process_exists(int pid, bool exists);
 void clear_process_overrides();
+
+// The calls of tarn_zero_malloc_ and tarn_strdup since the last
+// reset_fakes (from any library or the test itself).
+unsigned allocation_calls();
+// Lets the next `succeeding` calls of tarn_zero_malloc_ and tarn_strdup
+// through and makes the one after fail (null, errno ENOMEM), once.
+void fail_allocation_after(unsigned succeeding);
 
 // Restores every default above and clears the captured lines.
 void reset_fakes();
