@@ -1,4 +1,5 @@
-/* tarn_apphome.h -- the app home record: finding, checking and updating it.
+/* tarn_apphome.h -- the app home record: finding, checking, updating and
+ * rebuilding it.
  *
  * The agent's installation lives in a directory below the install root
  * "/usr/share/velmora/TARN" whose name is a UUID. Which of the directories
@@ -138,6 +139,47 @@ TARNAUX_API int32_t tarn_apphome_create_flag(const char *apphome_path, const cha
  * untouched, for a null buf, when the install root cannot be had or when
  * the executable does not exist (logged at warn). */
 TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len);
+
+/* Brings back a usable record after loss or damage, trusting in turn:
+ *
+ * 1. the record, when tarn_apphome_check_validity says it is valid
+ *    (info "apphome file is validity, path is %s\n"): nothing is written;
+ * 2. the backup, when it is valid and copies over the record (info "resum
+ *    apphome successed from backup\n"); a backup that is invalid or cannot
+ *    be copied leads on to the scan;
+ * 3. a scan of the install root. The version of the installed service is
+ *    read first (tarn_apphome_get_service_version). The root's own entries
+ *    are then walked (tarn_dirwalk.h: by name, byte for byte, so "0a..."
+ *    before "1b..." and "B..." before "a..."; links are not followed).
+ *    A directory qualifies when its name is UUID text
+ *    (tarn_apphome_check_format; else info "%s not apphome path\n" with
+ *    the entry's path), it is operational (which may restore its flag from
+ *    the spare), and its manifest config/component_info/tarn_base.ejs
+ *    loads and has the string members "package" equal to "tarn_base" and
+ *    "version" equal to the service's version text (else, for a manifest
+ *    that does not load, info "load plugin config: %s failed\n"). A
+ *    qualifying directory that holds the tarn_base and tarn_sys manifests
+ *    but not tarn_service.ejs is a companion app home; any other is a main
+ *    app home. Of each kind the first in walk order is taken; the others
+ *    are ignored. The two names are then recorded with
+ *    tarn_apphome_update (the companion's only where the machine needs
+ *    one; where it does and none was found, the update refuses).
+ *
+ * Returns 0 when the record is valid, restored or rebuilt (the last logged
+ * at info "apphome reduction successed, apphome is %s, apphome_arch is %s",
+ * without a line end, with "(null)" for a missing companion); -1 when the
+ * install root cannot be had (warn "get_tarn_path is failed\n"), the
+ * service's version cannot be read or is empty (warn "get tarn_service
+ * version is failed, errcode is %d, service ver str is %s\n"), the walk
+ * cannot be opened (warn "tarn_dirwalk_create is failed, path is %s\n")
+ * or no main app home qualifies (warn "get apphome is failed\n"); or
+ * tarn_apphome_update's non-zero result (warn "apphome update failed,
+ * errcode %d\n"). Until the update, nothing is written: a failed scan
+ * leaves both files as they were. Once it succeeded, the next call stops at
+ * the first check. Directories are never created, renamed or removed.
+ * When memory runs out while a name is kept, the process logs "Out of
+ * memory" at fatal and ends with exit status 0. */
+TARNAUX_API int32_t tarn_apphome_reduction_file(void);
 
 TARNAUX_END_DECLS
 

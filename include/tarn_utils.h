@@ -1,11 +1,24 @@
-/* tarn_utils.h -- app home helpers of the upgrade tools.
+/* tarn_utils.h -- helpers of the upgrade tools and the package code.
  *
- * These read and write the app home record "tarn_apphome.ini" at the
- * install root "/usr/share/velmora/TARN" (section "apphome"; see
- * tarn_apphome.h for the file and its lock). Unlike the readers of
- * tarn_directory.h they take the record's lock, "<record>.lock", while
- * they load it; the writer holds it for the whole update. They never touch
- * the backup record or the files' permissions.
+ * App home helpers: these read and write the app home record
+ * "tarn_apphome.ini" at the install root "/usr/share/velmora/TARN"
+ * (section "apphome"; see tarn_apphome.h for the file and its lock).
+ * Unlike the readers of tarn_directory.h they take the record's lock,
+ * "<record>.lock", while they load it; the writer holds it for the whole
+ * update. They never touch the backup record or the files' permissions.
+ *
+ * Package helpers: the presence check of a component's file, the base name
+ * and directory part of a path (both edit the caller's buffer), and running
+ * commands through the shell with their output logged.
+ *
+ * execute_cmd and execute_command hand a command line to the shell
+ * ("/bin/sh -c"), which interprets every quote, blank, ';', '$', '`',
+ * redirection and the like in it. Pass them only trusted text: never a
+ * path, argument or command built from input that an untrusted party
+ * controls.
+ *
+ * Messages named below are logged through the library's log with the level
+ * given; each ends with a line end.
  */
 #ifndef TARN_UTILS_H
 #define TARN_UTILS_H
@@ -15,6 +28,8 @@
 #include "tarnaux_api.h"
 
 TARNAUX_BEGIN_DECLS
+
+struct argment_paras; /* the argument parser's handle, parameter_parsing.h */
 
 /* A newly allocated copy of the install root, "/usr/share/velmora/TARN"
  * (24 bytes with the terminator); the caller frees it with free(). Never
@@ -49,6 +64,87 @@ TARNAUX_API int32_t get_app_home_path(const char *suffix, char *out, uint32_t ou
  * it, in which case nothing is written (both logged at warn). */
 TARNAUX_API int32_t update_app_home_dir(const char *ini_path, const char *app_home,
                                         const char *suffix, const char *companion_home);
+
+/* The last component of path without its extension, found in place:
+ * trailing slashes are cut from path (POSIX basename), then the component
+ * is cut at its last '.'. "/tmp/pkg.tgz" gives "pkg", "dir/name" gives
+ * "name", "a.tar.gz" gives "a.tar", "/" gives "/". The result points into
+ * path, which the caller owns and which is changed; null for a null or
+ * empty path. Nothing is logged. */
+TARNAUX_API char *get_basename(char *path);
+
+/* The directory part of path, found in place with POSIX dirname: a zero is
+ * written into path after the directory part, so a caller that still needs
+ * the full path must rebuild it. "/a/b/c.so" gives "/a/b", "/x" gives "/".
+ * The result usually points at path itself, but for a path without a '/'
+ * it is the static string "." (do not write into it). Null for a null or
+ * empty path. Nothing is logged. */
+TARNAUX_API char *get_basedir(char *path);
+
+/* The check made when a component's files are verified: only whether path
+ * exists (access(2) with F_OK). The digest is logged, never computed or
+ * compared. Returns 0 when the file exists, logging at info
+ * "file: <path> hash: <hash>"; 1 when it does not, logging at warn
+ * "file does not exist, file path:<path>"; 1 with "Invalid input" at warn
+ * when path or hash is null. */
+TARNAUX_API int32_t check_file_hash(const char *path, const char *hash);
+
+/* Runs cmd through the shell (tarn_shell.h's tarn_shell_execute: standard
+ * input /dev/null, standard error the caller's) and logs at info
+ * "exitcode:[<code>] cmd:[<cmd>] cmd_result:[<output>]" with the
+ * command's standard output, at most 102399 bytes of it and without its
+ * final line ends. The output is kept in one buffer static to the library
+ * and shared by every call, unguarded: call it from one thread at a time.
+ * cmd goes to the shell as it stands: see the warning at the top.
+ * Returns the command's exit code: 0, its exit status, 128 + the signal
+ * number that ended it, or -1 when it could not be run; -1 with
+ * "Invalid input" at warn (and nothing run) for a null cmd. */
+TARNAUX_API int32_t execute_cmd(const char *cmd);
+
+/* Starts the child package manager: runs through execute_cmd the command
+ * line
+ *
+ *   <program> -p <option> <argument>... <option> <argument>...
+ *
+ * rebuilt from handle (parameter_parsing.h). " -p" always comes first, then
+ * each option of the handle in its table order (the order in which the
+ * options first appeared, each with all of its arguments: -a x -b -a y
+ * gives " -a x y -b"), each word after one blank. An option "-p" of the
+ * handle is passed again in its place. An argument that contains a blank
+ * is written with each blank replaced by quote, blank, quote, so that the
+ * shell keeps it one word: my file becomes my" "file. Nothing else is
+ * quoted or escaped: quotes, '$', ';' and the like in program or in the
+ * arguments reach the shell as they stand (see the warning at the top).
+ * The line is held in a buffer of (args_count + 1) * 1025 + 3 bytes
+ * (args_count from argment_paras_get_args_count) and each argument is
+ * quoted in one of 1124 bytes; text that does not fit is cut silently.
+ * Logs "run child packman, cmd is <line>" at info, then execute_cmd's line.
+ * Returns execute_cmd's result, the child's exit code; 0xFFFFFFFF (-1),
+ * without a message, for a null program or handle. When memory for the
+ * line runs out, logs "Out of memory" at fatal and ends the process with
+ * exit status 0. */
+TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *handle);
+
+/* Unpacks the package archive archive (a gzip-compressed tar file whose
+ * name ends in exactly ".tgz") into the existing directory dest by running
+ * through execute_cmd (which logs its line at info) the command
+ *
+ *   tar -zxf "<archive>" -C "<dest>"
+ *
+ * (cut at 2047 characters). The paths stand inside double quotes, so they
+ * may hold blanks, but '"', '$', '`' and '\' in them reach the shell: see
+ * the warning at the top.
+ * Returns 0 when tar exited with 0; 1, without logging or running
+ * anything, when archive or dest is null, dest is not a directory, nothing
+ * exists at archive, or its extension is not exactly ".tgz" ("pkg.TGZ" and
+ * "pkg.tar.gz" are refused); otherwise tar's exit code as execute_cmd
+ * returns it, after logging at warn "unzip tgz failed with %d, cmd:%s" (the
+ * code and the command) and removing the unpack cache: when the archive
+ * has a base name NAME (get_basename; not empty, "." or "..") and
+ * "<dest>/NAME" is a directory, logs at info "remove unpack cache dir [%s]"
+ * with that path and removes it with everything in it (a directory of that
+ * name that was there before the call is removed too). */
+TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest);
 
 TARNAUX_END_DECLS
 

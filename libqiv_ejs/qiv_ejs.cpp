@@ -44,11 +44,11 @@ struct Fd {
   }
 };
 
-void set_error(json_error_t *error, const char *path, const char *text) {
+void set_error(json_error_t *error, const char *path, const char *text, int position) {
   if (error == nullptr) return;
   error->line = -1;
   error->column = -1;
-  error->position = -1;
+  error->position = position;
   snprintf(error->source, sizeof(error->source), "%s", path != nullptr ? path : "<null>");
   snprintf(error->text, sizeof(error->text), "%s", text);
 }
@@ -57,7 +57,9 @@ void set_error(json_error_t *error, const char *path, const char *text) {
 // returns null with errno set.
 unsigned char *read_whole_file(const char *path, size_t *size) {
   Fd file;
-  file.fd = open(path, O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: a named pipe without a writer is refused below instead of
+  // blocking the open; it changes nothing for regular files.
+  file.fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (file.fd < 0) return nullptr;
   struct stat info;
   if (fstat(file.fd, &info) != 0) return nullptr;
@@ -106,7 +108,7 @@ bool open_protected(const char *path, char **text, size_t *length, const char **
   size_t size = 0;
   Bytes data(read_whole_file(path, &size));
   if (!data) {
-    *why = errno == EFBIG ? "file too large" : "cannot read file";
+    *why = errno == EFBIG ? "file too large" : errno == ENOMEM ? "out of memory" : "cannot read file";
     return false;
   }
 
@@ -234,18 +236,22 @@ QIV_EJS_API int qiv_ejs_seal_file(const char *path, const void *text, size_t len
   memcpy(data.get(), kHeader, sizeof(kHeader));
   unsigned char *nonce = data.get() + sizeof(kHeader);
   randombytes_buf(nonce, kNonceSize);
-  crypto_aead_xchacha20poly1305_ietf_encrypt(nonce + kNonceSize, nullptr,
-                                             static_cast<const unsigned char *>(text), length,
-                                             kHeader, sizeof(kHeader), nullptr, nonce, kKey);
+  // An empty text may come as a null pointer, which libsodium must not see.
+  static const unsigned char kEmpty[1] = {0};
+  const unsigned char *plain = length != 0 ? static_cast<const unsigned char *>(text) : kEmpty;
+  crypto_aead_xchacha20poly1305_ietf_encrypt(nonce + kNonceSize, nullptr, plain, length, kHeader,
+                                             sizeof(kHeader), nullptr, nonce, kKey);
   return replace_file(path, data.get(), size);
 }
 
 QIV_EJS_API json_t *qiv_json_load_file_ejs_ex(const char *path, size_t flags, json_error_t *error) {
   if (path == nullptr) {
-    set_error(error, path, "wrong arguments");
+    set_error(error, path, "wrong arguments", -1);
     errno = EINVAL;
     return nullptr;
   }
+  // As jansson does, a successful load leaves the record empty.
+  set_error(error, path, "", 0);
   char *text = nullptr;
   size_t length = 0;
   const char *why = nullptr;
@@ -253,7 +259,7 @@ QIV_EJS_API json_t *qiv_json_load_file_ejs_ex(const char *path, size_t flags, js
     const int saved = errno;
     char reason[JSON_ERROR_TEXT_LENGTH];
     snprintf(reason, sizeof(reason), "%s: %s", why, strerror(saved));
-    set_error(error, path, reason);
+    set_error(error, path, reason, -1);
     errno = saved;
     return nullptr;
   }

@@ -1,17 +1,377 @@
-// Component helpers. For now: joining a relative path to a base directory
-// or, by default, to the app home.
+// Component manifests: loading a manifest into a component record, freeing
+// records and lists, logging a component's architectures, looking up one
+// file's digest; packages: listing the manifests under an install
+// directory, unpacking a package and loading its manifest, checking that a
+// component's files are there, fresh identifiers; and joining a relative
+// path to a base directory or, by default, to the app home.
 
 #include "com_info.h"
 
 #include <string.h>
 
+#include <qiv_ejs/qiv_ejs.h>
+#include <tarnbase/tarn_dirutils.h>
+#include <tarnbase/tarn_mem.h>
+#include <tarnbase/tarn_path.h>
 #include <tarnbase/tarn_str.h>
+#include <tarnbase/tarn_uuid.h>
 
+#include "com_info_internal.h"
 #include "log_frame.h"
 #include "tarn_apphome_internal.h"
 #include "tarn_directory.h"
+#include "tarn_utils.h"
+
+namespace {
+
+// Allocations that have no error return end the process, as the agent's
+// processes expect.
+void *zero_slots(size_t count, size_t size) {
+  void *slots = tarn_zero_malloc_(count * size);
+  if (slots == nullptr) LOG_OUT_OF_MEMORY();
+  return slots;
+}
+
+char *copy_text(const char *text) {
+  char *copy = tarn_strdup(text);
+  if (copy == nullptr) LOG_OUT_OF_MEMORY();
+  return copy;
+}
+
+const json_t *member(const json_t *object, const char *key) {
+  return qiv_json_object_get_ejs(object, key);
+}
+
+const char *member_text(const json_t *object, const char *key) {
+  return qiv_json_string_value_ejs(member(object, key));
+}
+
+uint32_t member_is_true(const json_t *object, const char *key) {
+  return json_is_true(member(object, key)) ? 1 : 0;
+}
+
+// The manifest at path as a tree; null, after logging, when it does not load.
+JsonTree load_manifest(const char *path) {
+  JsonTree tree(qiv_json_load_file_ejs(path));
+  if (!tree) LOG(warn, "load plugin config: %s failed\n", path);
+  return tree;
+}
+
+// The "package" and "version" strings of a manifest's tree; false, after
+// logging, when either is missing.
+bool name_and_version(const json_t *root, const char *path, const char **package,
+                      const char **version) {
+  *package = member_text(root, "package");
+  *version = member_text(root, "version");
+  if (*package != nullptr && *version != nullptr) return true;
+  LOG(warn, "get package name or version failed, in config: %s\n", path);
+  return false;
+}
+
+// Parses a manifest's "version" into *version; false, after logging, when
+// it does not parse.
+bool parse_version(const char *text, version_mgr_version *version) {
+  if (version_mgr_parser_version(text, version) == 0) return true;
+  LOG(info, "version string is invalid, %s\n", text);
+  return false;
+}
+
+// The "name" and "sha256" strings of an entry of "files"; false when the
+// entry is not an object holding both.
+bool file_entry(const json_t *entry, const char **name, const char **sha256) {
+  *name = member_text(entry, "name");
+  *sha256 = member_text(entry, "sha256");
+  return *name != nullptr && *sha256 != nullptr;
+}
+
+// Each array below is allocated at the length of its JSON array and an
+// entry is stored at the slot of its JSON index: a skipped entry leaves an
+// empty slot and the count counts the stored entries only.
+
+void load_strings(const json_t *array, char ***slots, uint32_t *count) {
+  const size_t size = qiv_json_array_size_ejs(array);
+  if (size == 0) return;
+  *slots = static_cast<char **>(zero_slots(size, sizeof(char *)));
+  for (size_t i = 0; i < size; ++i) {
+    const char *text = qiv_json_string_value_ejs(qiv_json_array_get_ejs(array, i));
+    if (text == nullptr) continue;
+    (*slots)[i] = copy_text(text);
+    ++*count;
+  }
+}
+
+// version is the component's own version string: every dependency entry
+// carries it, whatever the dependency's own version may be.
+uint32_t load_depends(const json_t *array, const char *version, com_info_var *info) {
+  const size_t size = qiv_json_array_size_ejs(array);
+  if (size == 0) return 0;
+  // Sized as component records, larger than the entries need; the entries
+  // are indexed as com_depend.
+  info->depends = static_cast<com_depend *>(zero_slots(size, sizeof(com_info_var)));
+  for (size_t i = 0; i < size; ++i) {
+    const char *name = qiv_json_string_value_ejs(qiv_json_array_get_ejs(array, i));
+    if (name == nullptr) continue;
+    com_depend &entry = info->depends[i];
+    entry.name = copy_text(name);
+    // Counted with its name, so that freeing the record after a failed
+    // parse below frees the name too.
+    ++info->depend_count;
+    if (version_mgr_parser_version(version, &entry.version) != 0) {
+      LOG(info, "version string is invalid, %s", version);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+uint32_t load_files(const json_t *array, com_info_var *info) {
+  const size_t size = qiv_json_array_size_ejs(array);
+  if (size == 0) return 1;
+  info->files = static_cast<com_file *>(zero_slots(size, sizeof(com_file)));
+  for (size_t i = 0; i < size; ++i) {
+    const char *name = nullptr;
+    const char *sha256 = nullptr;
+    if (!file_entry(qiv_json_array_get_ejs(array, i), &name, &sha256)) continue;
+    info->files[i].name = copy_text(name);
+    info->files[i].sha256 = copy_text(sha256);
+    ++info->file_count;
+  }
+  return 0;
+}
+
+// Fills the zero-filled *info from the manifest's tree; 1 on failure, after
+// logging, with whatever was stored left for the caller to free.
+uint32_t fill_com_info(const json_t *root, const char *path, com_info_var *info) {
+  info->scripts_skippable = member_is_true(root, "scripts_skippable");
+  const char *package = nullptr;
+  const char *version = nullptr;
+  if (!name_and_version(root, path, &package, &version)) return 1;
+  info->package = copy_text(package);
+  if (!parse_version(version, &info->version)) return 1;
+  info->requirement = member_is_true(root, "requirement");
+  load_strings(member(root, "arch"), &info->archs, &info->arch_count);
+  load_strings(member(root, "platform"), &info->platforms, &info->platform_count);
+  load_plat_support_info(member(root, "platform_version"), info);
+  if (load_depends(member(root, "depends"), version, info) != 0) return 1;
+  // Cut to 32 bits; 0 when absent or not an integer.
+  info->arch_bind = (int32_t)(uint32_t)json_integer_value(member(root, "arch_bind"));
+  info->retry = member_is_true(root, "retry");
+  return load_files(member(root, "files"), info);
+}
+
+// Frees the stored entries of an array of slots and the array, and zeroes
+// its pointer and count. The stored entries are the non-empty slots, and
+// there are count of them; because a skipped entry leaves an empty slot,
+// some may stand past the count, so the walk goes on until it has met count
+// of them (the last one is inside the array). free_entry frees an entry's
+// members and tells whether the slot held one.
+template <typename Entry, typename FreeEntry>
+void free_slots(Entry *&slots, uint32_t &count, FreeEntry free_entry) {
+  if (slots != nullptr) {
+    for (uint32_t i = 0, found = 0; found < count; ++i) {
+      if (free_entry(slots[i])) ++found;
+    }
+  }
+  tarn_free_(slots);
+  slots = nullptr;
+  count = 0;
+}
+
+bool free_string(char *text) {
+  tarn_free_(text);
+  return text != nullptr;
+}
+
+// The first entry of "files" named file_name: its digest, or null. The walk
+// stops at the first index that holds no entry.
+const char *find_digest(const json_t *files, const char *file_name) {
+  const json_t *entry = nullptr;
+  for (size_t i = 0; (entry = json_array_get(files, i)) != nullptr; ++i) {
+    const char *name = nullptr;
+    const char *sha256 = nullptr;
+    if (file_entry(entry, &name, &sha256) && strcmp(name, file_name) == 0) return sha256;
+  }
+  return nullptr;
+}
+
+// ---- Packages ----
+
+constexpr char kManifestDir[] = "config/component_info";
+constexpr char kManifestExt[] = ".ejs";
+// The manifest path of an unpacked package: destination, name, directory
+// and name again.
+constexpr size_t kManifestPathSize = 2048;
+constexpr int kNameAttempts = 3;
+constexpr size_t kNameLength = TARN_UUID_CSTR_SIZE - 1;
+constexpr char kRootPrefix[] = "__ROOT";
+
+// The manifests found in one directory, owned until the list goes. The
+// array has a fixed size: manifests past it are left out, never written
+// past its end.
+struct ManifestPaths {
+  char *paths[COM_INFO_MAX_LOCAL_MANIFESTS] = {};
+  uint32_t count = 0;
+  ManifestPaths() = default;
+  ManifestPaths(const ManifestPaths &) = delete;
+  ManifestPaths &operator=(const ManifestPaths &) = delete;
+  ~ManifestPaths() {
+    for (uint32_t i = 0; i < count; ++i) tarn_free_(paths[i]);
+  }
+};
+
+// tarn_dirutils_listdir's callback: keeps the path of each entry that is
+// not a directory and ends in ".ejs". Never stops the walk.
+int collect_manifest(int type, const char *path, void *user) {
+  auto *found = static_cast<ManifestPaths *>(user);
+  if (type == TARN_DIRUTILS_DIR || strcmp(tarn_path_get_ext_u(path), kManifestExt) != 0) {
+    LOG(info, "%s is not ejs\n", path);
+    return 0;
+  }
+  if (found->count == COM_INFO_MAX_LOCAL_MANIFESTS) {
+    LOG(warn, "too many manifests, %s ignored\n", path);
+    return 0;
+  }
+  found->paths[found->count++] = copy_text(path);
+  return 0;
+}
+
+// Stores the package name and version of the manifest at path in the empty
+// *entry; false, after logging, when the manifest gives none (*entry is then
+// left empty).
+bool load_local_manifest(const char *path, com_depend *entry) {
+  const JsonTree tree(load_manifest(path));
+  if (!tree) return false;
+  const char *package = nullptr;
+  const char *version = nullptr;
+  if (!name_and_version(tree.get(), path, &package, &version)) return false;
+  entry->name = copy_text(package);
+  if (parse_version(version, &entry->version)) return true;
+  tarn_free_(entry->name);
+  entry->name = nullptr;
+  return false;
+}
+
+// A file's name below the package directory: a name that begins with
+// "__ROOT" loses it and the separator after it.
+const char *below_package_root(const char *name) {
+  const size_t length = sizeof(kRootPrefix) - 1;
+  if (strncmp(name, kRootPrefix, length) != 0) return name;
+  return name[length] == '\0' ? name + length : name + length + 1;
+}
+
+}  // namespace
+
+const char *archive_package_name(const char *archive, char *buf, size_t len) {
+  tarn_strlcpy(buf, archive, len);
+  const char *name = get_basename(buf);
+  if (name == nullptr || name[0] == '\0' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
+    return nullptr;
+  }
+  return name;
+}
+
+void remove_unpack_cache(const char *path) {
+  LOG(info, "remove unpack cache dir [%s]\n", path);
+  (void)tarn_dirutils_rmdir(path);
+}
+
+int32_t load_plat_support_info(const json_t *value, com_info_var *info) {
+  (void)value;
+  return info != nullptr ? 0 : 1;
+}
 
 extern "C" {
+
+TARNAUX_API uint32_t load_com_info(const char *path, com_info_var *info) {
+  if (path == nullptr || info == nullptr) return 1;
+  memset(info, 0, sizeof(*info));
+  // Nothing in the record points into the tree, so it is deleted on every
+  // path, success included.
+  const JsonTree tree(load_manifest(path));
+  if (!tree) return 1;
+  if (fill_com_info(tree.get(), path, info) != 0) {
+    free_com_info_var(info);
+    return 1;
+  }
+  return 0;
+}
+
+TARNAUX_API void free_com_info_var(com_info_var *info) {
+  if (info == nullptr) return;
+  tarn_free_(info->package);
+  info->package = nullptr;
+  free_slots(info->platforms, info->platform_count, free_string);
+  free_slots(info->archs, info->arch_count, free_string);
+  free_slots(info->depends, info->depend_count,
+             [](com_depend &entry) { return free_string(entry.name); });
+  free_slots(info->files, info->file_count, [](com_file &entry) {
+    const bool stored = entry.name != nullptr || entry.sha256 != nullptr;
+    tarn_free_(entry.name);
+    tarn_free_(entry.sha256);
+    return stored;
+  });
+}
+
+TARNAUX_API void free_com_list_var(com_list_var *list) {
+  if (list == nullptr || list->items == nullptr) return;
+  for (uint32_t i = 0; i < list->count; ++i) {
+    if (list->kind == 0) {
+      tarn_free_(static_cast<com_depend *>(list->items)[i].name);
+    } else {
+      free_com_info_var(&static_cast<com_info_var *>(list->items)[i]);
+    }
+  }
+  tarn_free_(list->items);
+  list->items = nullptr;
+  list->count = 0;
+}
+
+TARNAUX_API void print_arch_failed_info(const com_info_var *info) {
+  if (info == nullptr) return;
+  for (uint32_t i = 0; i < info->arch_count; ++i) {
+    // An empty slot holds no architecture to show.
+    if (info->archs[i] == nullptr) continue;
+    LOG(info, "%s arch: %s\n", info->package, info->archs[i]);
+  }
+}
+
+TARNAUX_API kep_result_t tarn_get_component_file_sha256(const char *path, const char *file_name,
+                                                        char *buf, uint32_t len) {
+  if (path == nullptr) return KEP_E_INVALID_PARAM;
+  if (buf == nullptr) return KEP_E_NULL_BUFFER;
+  if (file_name == nullptr) return KEP_E_NULL_NAME;
+  if (tarn_path_is_exist_u(path) == 0) return KEP_E_FILE_NOT_EXIST;
+
+  json_error_t error;
+  memset(&error, 0, sizeof(error));
+  const JsonTree jroot(qiv_json_load_file_ejs_ex(path, JSON_DECODE_ANY, &error));
+  CHECK_EXPR(jroot, "load driver config file[%s] fail!\n, err[%s]", path, error.text);
+  if (!jroot) return KEP_E_LOAD_FAILED;
+
+  const json_t *jarr = json_object_get(jroot.get(), "files");
+  CHECK_EXPR(jarr, "find json object[files] fail!\n");
+  if (jarr == nullptr) return KEP_E_NOT_FOUND;
+  const size_t size_val = json_array_size(jarr);
+  CHECK_EXPR(size_val > 0, "[files] array size = 0!\n");
+  if (size_val == 0) return KEP_E_NOT_FOUND;
+
+  // The next two messages keep the wording that readers of the agent's
+  // logs search for; each names the check made at that line.
+  const char *sha256 = find_digest(jarr, file_name);
+  if (sha256 == nullptr) {
+    LOG(warn, "expr[KEP_E_SUCCESS == uRet] false! find [%s] in file[%s] fail!\n", file_name, path);
+    return KEP_E_NOT_FOUND;
+  }
+  const size_t digest_length = strlen(sha256);
+  if (len <= digest_length) {
+    LOG(warn,
+        "expr[buflen > tarn_strlen(sha256)] false! sha256 strlen[%d], buffer len[%d], too short!\n",
+        (int)digest_length, (int)len);
+    return KEP_E_NOT_FOUND;
+  }
+  tarn_strlcpy(buf, sha256, len);
+  return KEP_E_SUCCESS;
+}
 
 TARNAUX_API kep_result_t tarn_apphome_path_cat_auto(const char *base, const char *rel, char *out,
                                                     int32_t out_len) {
@@ -41,6 +401,88 @@ TARNAUX_API kep_result_t tarn_apphome_path_cat_auto(const char *base, const char
   }
   tarn_strlcpy(out, joined, (size_t)buf_len);
   return KEP_E_SUCCESS;
+}
+
+TARNAUX_API uint32_t load_local_pack(const char *dir, com_list_var *list) {
+  if (dir == nullptr || list == nullptr) return 1;
+  char path[TARN_PATH_BUFFER_SIZE];
+  memset(path, 0, sizeof(path));
+  if (strchr(dir, '@') != nullptr) {
+    // A cut expansion is used as it stands: its listing finds nothing.
+    (void)tarn_dirutils_path_transform(dir, path, sizeof(path));
+  } else {
+    tarn_strlcpy(path, dir, sizeof(path));
+  }
+  tarn_str_strncat(path, "/", sizeof(path));
+  tarn_str_strncat(path, kManifestDir, sizeof(path));
+  LOG(info, "current dir: %s\n", path);
+
+  // A directory that cannot be listed holds no manifest.
+  ManifestPaths found;
+  (void)tarn_dirutils_listdir(path, &found, collect_manifest);
+  if (found.count == 0) return 1;
+
+  auto *items = static_cast<com_depend *>(zero_slots(found.count, sizeof(com_depend)));
+  uint32_t stored = 0;
+  for (uint32_t i = 0; i < found.count; ++i) {
+    if (load_local_manifest(found.paths[i], &items[stored])) ++stored;
+  }
+  list->items = items;
+  list->count = stored;
+  return 0;
+}
+
+TARNAUX_API uint32_t unpack_com(const char *archive, const char *dest, com_info_var *info) {
+  if (archive == nullptr || dest == nullptr || info == nullptr) return 1;
+  if (unpack_tgz(archive, dest) != 0) {
+    LOG(warn, "unzip component failed, tgz: %s\n", archive);
+    return 1;
+  }
+  char copy[TARN_PATH_BUFFER_SIZE];
+  const char *name = archive_package_name(archive, copy, sizeof(copy));
+  if (name == nullptr) {
+    LOG(debug, "get base name failed from: [%s]\n", archive);
+    return 1;
+  }
+  char manifest[kManifestPathSize];
+  memset(manifest, 0, sizeof(manifest));
+  tarn_str_snprintf(manifest, sizeof(manifest), "%s/%s/%s/%s%s", dest, name, kManifestDir, name,
+                    kManifestExt);
+  if (load_com_info(manifest, info) == 0) return 0;
+
+  LOG(info, "load component info failed from (%s)\n", manifest);
+  char unpacked[TARN_PATH_BUFFER_SIZE];
+  memset(unpacked, 0, sizeof(unpacked));
+  tarn_str_snprintf(unpacked, sizeof(unpacked), "%s/%s", dest, name);
+  remove_unpack_cache(unpacked);
+  return 1;
+}
+
+TARNAUX_API int32_t check_file(const char *dir, const com_info_var *info) {
+  if (dir == nullptr || info == nullptr || tarn_path_is_dir_u(dir) == 0) return 1;
+  if (info->files == nullptr) return 0;
+  for (uint32_t i = 0; i < info->file_count; ++i) {
+    const com_file &file = info->files[i];
+    if (file.name == nullptr || file.sha256 == nullptr) continue;
+    char path[TARN_PATH_BUFFER_SIZE];
+    memset(path, 0, sizeof(path));
+    tarn_str_snprintf(path, sizeof(path), "%s/%s", dir, below_package_root(file.name));
+    const int32_t ret = check_file_hash(path, file.sha256);
+    if (ret != 0) return ret;
+  }
+  return 0;
+}
+
+TARNAUX_API char *generate_new_name(const char *previous) {
+  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+    tarn_uuid_t uuid;
+    char text[TARN_UUID_CSTR_SIZE];
+    memset(text, 0, sizeof(text));
+    if (tarn_uuid_create(&uuid) != 0 || tarn_uuid_make_cstr(&uuid, text, sizeof(text)) != 0) continue;
+    if (previous != nullptr && strncmp(text, previous, kNameLength) == 0) continue;
+    return copy_text(text);
+  }
+  return copy_text(COM_INFO_FALLBACK_NAME);
 }
 
 }  // extern "C"

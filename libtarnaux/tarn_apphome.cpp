@@ -1,7 +1,8 @@
 // The app home record: its file and the architecture strings that decide
 // its keys, reading and checking it, updating it together with its backup,
-// restoring it from the backup, the app home's operational flags, and the
-// installed service's version.
+// restoring it from the backup, the app home's operational flags, the
+// installed service's version, and rebuilding a lost record from the app
+// home directories found below the install root (reduction).
 //
 // Every read or write of either ini file happens under that file's lock
 // ("<file>.lock"), and the file is loaded afresh each time. The update holds
@@ -16,14 +17,17 @@
 #include <string.h>
 
 #include <tarnbase/tarn_dirutils.h>
+#include <tarnbase/tarn_dirwalk.h>
 #include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_flock.h>
 #include <tarnbase/tarn_ini.h>
+#include <tarnbase/tarn_mem.h>
 #include <tarnbase/tarn_path.h>
 #include <tarnbase/tarn_platform.h>
 #include <tarnbase/tarn_shell.h>
 #include <tarnbase/tarn_str.h>
 
+#include "com_info_internal.h"
 #include "log_frame.h"
 #include "tarn_apphome_internal.h"
 #include "tarn_directory.h"
@@ -110,6 +114,84 @@ bool copy_backup_to_record(const char *backup_path, const char *record_path,
   }
   LOG(info, "restore ini from file successful!\n");
   return true;
+}
+
+// The manifests that reduction reads in a candidate app home directory.
+constexpr char kComponentInfoDir[] = "config/component_info";
+constexpr char kBaseComponent[] = "tarn_base";
+constexpr char kSysComponent[] = "tarn_sys";
+constexpr char kServiceComponent[] = "tarn_service";
+
+// The manifest of component in the app home dir:
+// "<dir>/config/component_info/<component>.ejs".
+void manifest_path(char (&path)[TARN_PATH_BUFFER_SIZE], const char *dir, const char *component) {
+  memset(path, 0, sizeof(path));
+  tarn_str_snprintf(path, sizeof(path), "%s/%s/%s.ejs", dir, kComponentInfoDir, component);
+}
+
+bool has_manifest(const char *dir, const char *component) {
+  char path[TARN_PATH_BUFFER_SIZE];
+  manifest_path(path, dir, component);
+  return tarn_path_is_exist_u(path) != 0;
+}
+
+// Whether the base manifest of dir loads and names the package "tarn_base"
+// at exactly version.
+bool is_base_of_version(const char *dir, const char *version) {
+  char path[TARN_PATH_BUFFER_SIZE];
+  manifest_path(path, dir, kBaseComponent);
+  const JsonTree manifest(qiv_json_load_file_ejs(path));
+  if (!manifest) {
+    LOG(info, "load plugin config: %s failed\n", path);
+    return false;
+  }
+  const char *package = json_string_value(json_object_get(manifest.get(), "package"));
+  const char *found = json_string_value(json_object_get(manifest.get(), "version"));
+  return package != nullptr && found != nullptr && strcmp(package, kBaseComponent) == 0 &&
+         strcmp(found, version) == 0;
+}
+
+// A companion app home carries the base and system components but not the
+// service, which only the main app home has.
+bool is_companion_home(const char *dir) {
+  return has_manifest(dir, kBaseComponent) && has_manifest(dir, kSysComponent) &&
+         !has_manifest(dir, kServiceComponent);
+}
+
+struct TarnFreeString {
+  void operator()(char *text) const { tarn_free_(text); }
+};
+using TarnString = std::unique_ptr<char, TarnFreeString>;
+
+struct TarnDirwalkClose {
+  void operator()(tarn_dirwalk_t *walk) const { tarn_dirwalk_close(walk); }
+};
+using TarnDirwalk = std::unique_ptr<tarn_dirwalk_t, TarnDirwalkClose>;
+
+// Reads the walk of the install root to its end and keeps in main and
+// companion the names of the first directories, in walk order, that are
+// operational app homes of the service's version, of either kind.
+void find_apphomes(tarn_dirwalk_t *walk, const char *version, TarnString &main,
+                   TarnString &companion) {
+  int kind = TARN_DIRWALK_NOT_DIR;
+  for (const char *entry = tarn_dirwalk_read(walk, &kind); entry != nullptr;
+       entry = tarn_dirwalk_read(walk, &kind)) {
+    if (kind == TARN_DIRWALK_NOT_DIR || (main && companion)) continue;
+    const char *name = tarn_path_get_name_u(entry);
+    if (tarn_apphome_check_format(name) != 0) {
+      LOG(info, "%s not apphome path\n", entry);
+      continue;
+    }
+    int32_t err = 0;
+    if (tarn_apphome_is_operational_path(entry, &err) == 0) continue;
+    if (!is_base_of_version(entry, version)) continue;
+    TarnString &slot = is_companion_home(entry) ? companion : main;
+    if (slot) continue;
+    // A directory entry's name (at most NAME_MAX bytes) is always within
+    // the 1024 characters that a record's value may hold.
+    slot.reset(tarn_strdup(name));
+    if (!slot) LOG_OUT_OF_MEMORY();
+  }
 }
 
 }  // namespace
@@ -451,6 +533,63 @@ TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len) {
   // The shell drops the output's final line end, so the version compares
   // exactly with the text of a manifest.
   return tarn_shell_execute(command, buf, len > 0 ? (size_t)len : 0);
+}
+
+// ---------------------------------------------------------------------------
+// Reduction: rebuilding the record.
+
+TARNAUX_API int32_t tarn_apphome_reduction_file(void) {
+  char root[TARN_PATH_BUFFER_SIZE];
+  memset(root, 0, sizeof(root));
+  if (get_tarn_path(root, sizeof(root)) != 0) {
+    LOG(warn, "get_tarn_path is failed\n");
+    return -1;
+  }
+  char path[TARN_PATH_BUFFER_SIZE];
+  memset(path, 0, sizeof(path));
+  tarn_str_snprintf(path, sizeof(path), "%s/%s", root, TARN_APPHOME_FILE_NAME);
+  if (tarn_apphome_check_validity(path) == TARN_APPHOME_VALID) {
+    LOG(info, "apphome file is validity, path is %s\n", path);
+    return 0;
+  }
+  tarn_str_snprintf(path, sizeof(path), "%s/%s", root, TARN_APPHOME_BACKUP_FILE_NAME);
+  if (tarn_apphome_check_validity(path) == TARN_APPHOME_VALID &&
+      tarn_apphome_restore_from_backup() == 0) {
+    LOG(info, "resum apphome successed from backup\n");
+    return 0;
+  }
+
+  char version[TARN_PATH_BUFFER_SIZE];
+  memset(version, 0, sizeof(version));
+  const int32_t ret = tarn_apphome_get_service_version(version, sizeof(version));
+  if (ret != 0 || version[0] == '\0') {
+    LOG(warn, "get tarn_service version is failed, errcode is %d, service ver str is %s\n", ret,
+        version);
+    return -1;
+  }
+
+  TarnString main;
+  TarnString companion;
+  {
+    TarnDirwalk walk(tarn_dirwalk_create(root, 0, 0, nullptr));
+    if (!walk) {
+      LOG(warn, "tarn_dirwalk_create is failed, path is %s\n", root);
+      return -1;
+    }
+    find_apphomes(walk.get(), version, main, companion);
+  }
+  if (!main) {
+    LOG(warn, "get apphome is failed\n");
+    return -1;
+  }
+  const int32_t result = tarn_apphome_update(main.get(), companion.get());
+  if (result != 0) {
+    LOG(warn, "apphome update failed, errcode %d\n", result);
+    return result;
+  }
+  LOG(info, "apphome reduction successed, apphome is %s, apphome_arch is %s", main.get(),
+      companion ? companion.get() : "(null)");
+  return 0;
 }
 
 }  // extern "C"

@@ -3,29 +3,64 @@
 // lock counter kept in it. The record's lock is held while it is loaded
 // (and, by the writer, until it is saved); the backup record is not
 // touched here.
+//
+// Package helpers: the presence check of a component's file, path pieces
+// found in the caller's buffer, shell commands whose output is logged, and
+// package archives unpacked by the system's tar.
+//
+// Upgrade support (internal): the exit information file, the agent id
+// directory, the backup tool started as a process of its own, and single
+// files copied or moved into place.
 
 #include "tarn_utils.h"
 
 #include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 
+#include <tarnbase/tarn_dirutils.h>
+#include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_flock.h>
 #include <tarnbase/tarn_ini.h>
+#include <tarnbase/tarn_log.h>
+#include <tarnbase/tarn_mem.h>
+#include <tarnbase/tarn_path.h>
+#include <tarnbase/tarn_process.h>
+#include <tarnbase/tarn_shell.h>
 #include <tarnbase/tarn_str.h>
+#include <tarnbase/tarn_time.h>
 
+#include "com_info_internal.h"
 #include "log_frame.h"
+#include "parameter_parsing.h"
 #include "tarn_apphome_internal.h"
+#include "tarn_directory.h"
 #include "utils_internal.h"
 
+// Last: libgen.h turns basename into the POSIX version, which must not
+// rename the GNU declarations of string.h.
+#include <libgen.h>
+
 namespace {
+
+// The output of the last command that execute_cmd ran, shared by every call.
+char g_command_output[102400];
 
 struct FreeString {
   void operator()(char *text) const { free(text); }
 };
 using StringPtr = std::unique_ptr<char, FreeString>;
+
+// Appends a blank and word to the command line in line (size bytes in all).
+void append_word(char *line, size_t size, const char *word) {
+  tarn_str_strncat(line, " ", size);
+  tarn_str_strncat(line, word, size);
+}
 
 // The record's path below the install root.
 void record_path_of(char (&path)[TARN_PATH_BUFFER_SIZE], const char *root) {
@@ -170,4 +205,285 @@ TARNAUX_API int32_t update_app_home_dir(const char *ini_path, const char *app_ho
   return ret;
 }
 
+TARNAUX_API int32_t check_file_hash(const char *path, const char *hash) {
+  if (path == nullptr || hash == nullptr) {
+    LOG(warn, "Invalid input\n");
+    return 1;
+  }
+  // Presence only: the digest is recorded in the log, not verified.
+  if (access(path, F_OK) != 0) {
+    LOG(warn, "file does not exist, file path:%s\n", path);
+    return 1;
+  }
+  LOG(info, "file: %s hash: %s\n", path, hash);
+  return 0;
+}
+
+TARNAUX_API int32_t execute_cmd(const char *cmd) {
+  if (cmd == nullptr) {
+    LOG(warn, "Invalid input\n");
+    return -1;
+  }
+  const int32_t code = tarn_shell_execute(cmd, g_command_output, sizeof(g_command_output));
+  LOG(info, "exitcode:[%d] cmd:[%s] cmd_result:[%s]\n", code, cmd, g_command_output);
+  return code;
+}
+
+TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *handle) {
+  if (program == nullptr || handle == nullptr) return (int32_t)0xFFFFFFFF;
+  const size_t size = ((size_t)argment_paras_get_args_count(handle) + 1) * 1025 + 3;
+  std::unique_ptr<char, decltype(&tarn_free_)> line(static_cast<char *>(tarn_zero_malloc_(size)),
+                                                    tarn_free_);
+  if (!line) LOG_OUT_OF_MEMORY();
+  tarn_strlcpy(line.get(), program, size);
+  append_word(line.get(), size, "-p");
+
+  const uint32_t options = argment_paras_get_option_count(handle);
+  for (uint32_t i = 0; i < options; ++i) {
+    const char *option = argment_paras_get_option_pos_at(handle, (int32_t)i);
+    append_word(line.get(), size, option);
+    const uint32_t arguments = argment_paras_get_option_args_count(handle, option);
+    for (uint32_t j = 0; j < arguments; ++j) {
+      const char *argument = argment_paras_get_option_arg_pos_at(handle, option, (int32_t)j);
+      if (argument != nullptr && strchr(argument, ' ') != nullptr) {
+        // Quote, blank, quote for each blank keeps the argument one word.
+        char quoted[1124];
+        tarn_strlcpy(quoted, argument, sizeof(quoted));
+        tarn_str_replace(quoted, sizeof(quoted), " ", "\" \"", 1);
+        append_word(line.get(), size, quoted);
+      } else {
+        append_word(line.get(), size, argument);
+      }
+    }
+  }
+  LOG(info, "run child packman, cmd is %s\n", line.get());
+  return execute_cmd(line.get());
+}
+
+TARNAUX_API char *get_basename(char *path) {
+  if (path == nullptr || path[0] == '\0') return nullptr;
+  return tarn_path_remove_ext_u(basename(path));
+}
+
+TARNAUX_API char *get_basedir(char *path) {
+  if (path == nullptr || path[0] == '\0') return nullptr;
+  return dirname(path);
+}
+
+TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
+  if (archive == nullptr || dest == nullptr || tarn_path_is_dir_u(dest) == 0 ||
+      tarn_path_is_exist_u(archive) == 0 || strcmp(tarn_path_get_ext_u(archive), ".tgz") != 0) {
+    return 1;
+  }
+  char command[2048];
+  memset(command, 0, sizeof(command));
+  tarn_str_snprintf(command, sizeof(command), "tar -zxf \"%s\" -C \"%s\"", archive, dest);
+  const int32_t code = execute_cmd(command);
+  if (code == 0) return 0;
+
+  LOG(warn, "unzip tgz failed with %d, cmd:%s\n", code, command);
+  // What tar unpacked before it failed goes, so that a retry starts clean.
+  char copy[TARN_PATH_BUFFER_SIZE];
+  const char *name = archive_package_name(archive, copy, sizeof(copy));
+  if (name != nullptr) {
+    char unpacked[TARN_PATH_BUFFER_SIZE];
+    memset(unpacked, 0, sizeof(unpacked));
+    tarn_str_snprintf(unpacked, sizeof(unpacked), "%s/%s", dest, name);
+    if (tarn_path_is_dir_u(unpacked) != 0) remove_unpack_cache(unpacked);
+  }
+  return code;
+}
+
 }  // extern "C"
+
+// ---------------------------------------------------------------------------
+// Upgrade support.
+
+namespace {
+
+// Directories below the data root (appended to it without a separator),
+// both created open to everyone: every process of the agent, whatever its
+// user, writes there.
+constexpr char kConfigDir[] = "/velmora/TARN3_CFG";
+constexpr char kAgentIdDir[] = "/velmora/TARN3_CFG/agent_id/";
+constexpr int kSharedDirMode = 0777;
+
+constexpr char kExitInfoFileName[] = "tarn_exit_info.eni";
+constexpr char kExitInfoSection[] = "config";
+
+// The app home path and the backup tool's path are given room beyond a
+// path buffer; the command line that holds the tool's path is not.
+constexpr size_t kBackupPathSize = 4096;
+constexpr size_t kBackupCommandSize = 1024;
+
+constexpr int kDestDirMode = 0755;
+
+// Writes the data root followed by subdir into path and creates that
+// directory (mode 0777) when it is not one; its failure shows in whatever
+// the caller does there next. Returns false when there is no data root.
+bool make_data_dir(char (&path)[TARN_PATH_BUFFER_SIZE], const char *subdir) {
+  memset(path, 0, sizeof(path));
+  if (tarn_log_dir(path, sizeof(path)) == 0) return false;
+  tarn_str_strncat(path, subdir, sizeof(path));
+  if (tarn_path_is_dir_u(path) == 0) (void)tarn_dirutils_mkdir(path, kSharedDirMode);
+  return true;
+}
+
+// Sets the exit type and the current time in ini.
+int set_exit_info(tarn_ini_t *ini, int32_t exit_type) {
+  char exit_time[32];
+  memset(exit_time, 0, sizeof(exit_time));
+  tarn_str_snprintf(exit_time, sizeof(exit_time), "%ld", tarn_time());
+  int ret = tarn_ini_file_set_int(ini, kExitInfoSection, "exit_type", exit_type);
+  if (ret == 0) ret = tarn_ini_file_set(ini, kExitInfoSection, "exit_time", exit_time);
+  return ret;
+}
+
+// Refuses a null (-1) or empty (1) source or destination path; 0 lets both
+// through.
+int32_t refuse_paths(const char *src, const char *dst) {
+  if (src == nullptr || dst == nullptr) return -1;
+  if (src[0] == '\0' || dst[0] == '\0') return 1;
+  return 0;
+}
+
+// Creates the directory that is to hold dst (with its parents).
+void make_dest_dir(const char *dst) {
+  char copy[TARN_PATH_BUFFER_SIZE];
+  memset(copy, 0, sizeof(copy));
+  tarn_strlcpy(copy, dst, sizeof(copy));
+  const char *dir = get_basedir(copy);
+  if (dir != nullptr && tarn_dirutils_mkdir(dir, kDestDirMode) != 0) {
+    LOG(warn, "create dest dir [%s] failed\n", dir);
+  }
+}
+
+// Gives dst the permission bits of src: 0, or 1 when src cannot be
+// examined or dst cannot be changed.
+int32_t copy_mode(const char *src, const char *dst) {
+  struct stat st;
+  if (stat(src, &st) != 0) return 1;
+  return chmod(dst, st.st_mode & 07777) == 0 ? 0 : 1;
+}
+
+// Puts src at dst with place (a copy or a move, named by verb in the
+// failure message), its directory created first. Returns 0, the refusal of
+// refuse_paths, or place's error.
+int32_t place_file(const char *src, const char *dst, int (*place)(const char *, const char *),
+                   const char *verb) {
+  const int32_t refused = refuse_paths(src, dst);
+  if (refused != 0) return refused;
+  make_dest_dir(dst);
+  const int ret = place(src, dst);
+  if (ret != 0) {
+    const int error = errno;
+    LOG(warn, "%s file failed from [%s] to [%s], errcode: %d\n", verb, src, dst, error);
+  }
+  return ret;
+}
+
+}  // namespace
+
+int32_t tarn_update_exit_info(int32_t exit_type) {
+  char dir[TARN_PATH_BUFFER_SIZE];
+  if (!make_data_dir(dir, kConfigDir)) {
+    LOG(warn, "get log dir is error\n");
+    return -1;
+  }
+  char path[TARN_PATH_BUFFER_SIZE];
+  char lock_path[TARN_PATH_BUFFER_SIZE];
+  memset(path, 0, sizeof(path));
+  memset(lock_path, 0, sizeof(lock_path));
+  tarn_str_snprintf(path, sizeof(path), "%s/%s", dir, kExitInfoFileName);
+  tarn_str_snprintf(lock_path, sizeof(lock_path), TARN_LOCK_PATH_FORMAT, path);
+
+  TarnFileLock lock;
+  int ret = lock.init(lock_path);
+  if (ret != 0) {
+    LOG(warn, "flock init failed with errcode %d\n", ret);
+    return ret;
+  }
+  ret = lock.acquire();
+  if (ret != 0) {
+    LOG(warn, "flock acquire failed with errcode %d\n", ret);
+    return ret;
+  }
+  // Other processes' keys in the file are kept; a file that cannot be
+  // loaded is started afresh.
+  TarnIniPtr ini(tarn_ini_file_load(path));
+  if (!ini) {
+    ini.reset(tarn_ini_file_load(nullptr));
+    LOG(info, "after load\n");
+  }
+  ret = ini ? set_exit_info(ini.get(), exit_type) : ENOMEM;
+  if (ret == 0) ret = tarn_ini_file_save_directio(ini.get(), path, 0);
+  if (ret != 0) {
+    LOG(warn, "update %s failed, result is %d\n", path, ret);
+    return ret;
+  }
+  LOG(info, "update file %s is successed, exit type is %d\n", path, exit_type);
+  return 0;
+}
+
+int32_t set_tarn_agentid_dir(void) {
+  char dir[TARN_PATH_BUFFER_SIZE];
+  if (!make_data_dir(dir, kAgentIdDir)) {
+    LOG(warn, "set_tarn_agentid_dir failed! \n");
+    return 0;
+  }
+  char command[TARN_PATH_BUFFER_SIZE + 16];
+  memset(command, 0, sizeof(command));
+  tarn_str_snprintf(command, sizeof(command), "chmod -R 777 %s", dir);
+  FILE *stream = popen(command, "r");
+  if (stream == nullptr) {
+    LOG(warn, "excute shell failed: [%s]\n", command);
+    return 0;
+  }
+  // pclose waits for the command to end.
+  pclose(stream);
+  LOG(info, "excute shell succed: [%s]\n", command);
+  return 0;
+}
+
+int32_t tarn_backup_by_subprocess(const char *backup_arg) {
+  LOG(info, "start backup by subprocess\n");
+  if (backup_arg == nullptr || backup_arg[0] == '\0') {
+    LOG(warn, "invalid parameter\n");
+    return 1;
+  }
+  char apphome[kBackupPathSize];
+  memset(apphome, 0, sizeof(apphome));
+  if (get_apphome_path_main(apphome, (int32_t)sizeof(apphome)) != 0) {
+    LOG(warn, "Failed to obtain tarn main apphome path\n");
+    return 1;
+  }
+  char tool[kBackupPathSize];
+  char command[kBackupCommandSize];
+  memset(tool, 0, sizeof(tool));
+  memset(command, 0, sizeof(command));
+  tarn_str_snprintf(tool, sizeof(tool), "%s/bin/tarn_backup", apphome);
+  // bash runs the tool with the quoted path and argument as one word each.
+  tarn_str_snprintf(command, sizeof(command), "bash -c '\"%s\" -b \"%s\"'", tool, backup_arg);
+  LOG(info, "backup cmd: %s\n", command);
+  const int result = tarn_process_create(command, 0);
+  if (result < 0) {
+    const int error = errno;
+    LOG(warn, "Starting child process for backup faile. error code %d\n", error);
+    return 1;
+  }
+  return result;
+}
+
+int32_t tarn_copy_file_to(const char *src, const char *dst) {
+  const int32_t ret = place_file(src, dst, tarn_file_copy, "copy");
+  return ret != 0 ? ret : copy_mode(src, dst);
+}
+
+int32_t tarn_move_file_to(const char *src, const char *dst) {
+  return place_file(src, dst, tarn_file_rename, "move");
+}
+
+int32_t tarn_copy_file_keep_mode(const char *src, const char *dst, int32_t option) {
+  const int ret = tarn_file_copy_ex(src, dst, option);
+  return ret != 0 ? ret : copy_mode(src, dst);
+}

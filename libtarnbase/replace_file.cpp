@@ -54,6 +54,16 @@ void take_over_attributes(int fd, const char *path) {
   if (fchmod(fd, old.st_mode & 07777) != 0) { /* keeps 0666 less the umask */ }
 }
 
+// Gives the temporary file its final name: renamed over path, or, with
+// no_replace, linked to path (which fails when path exists) and then
+// unlinked. Returns 0 or an errno.
+int place(const std::string &temporary, const std::string &path, bool no_replace) {
+  if (!no_replace) return rename(temporary.c_str(), path.c_str()) == 0 ? 0 : errno;
+  if (link(temporary.c_str(), path.c_str()) != 0) return errno;
+  unlink(temporary.c_str());
+  return 0;
+}
+
 }  // namespace
 
 int write_all(int fd, const void *data, size_t size) {
@@ -85,7 +95,7 @@ int replace_file(const char *path, const WriteContent &write, const ReplaceOptio
   if (result == 0) result = write(fd);
   if (result == 0 && options.durable && fsync(fd) != 0) result = errno;
   if (close(fd) != 0 && result == 0 && errno != EINTR) result = errno;
-  if (result == 0 && rename(temporary.c_str(), path) != 0) result = errno;
+  if (result == 0) result = place(temporary, target, options.no_replace);
   if (result != 0) {
     unlink(temporary.c_str());
     errno = result;

@@ -22,11 +22,15 @@ struct ReplaceOptions {
   // (with its owner and group where the caller may set them), or, for a new
   // file, 0666 less the umask.
   const mode_t *mode = nullptr;
+  // Fail with EEXIST, leaving it as it is, when something is at path
+  // already: the new file is linked to path instead of renamed over it, so
+  // that the check and the placing are one step.
+  bool no_replace = false;
 };
 
-// Replaces path with what write puts into the temporary file. Returns 0, or
-// the errno of the failed step; on failure path is unchanged and the
-// temporary file is removed.
+// Replaces path with what write puts into the temporary file (or, with
+// no_replace, places it there). Returns 0, or the errno of the failed step;
+// on failure path is unchanged and the temporary file is removed.
 int replace_file(const char *path, const WriteContent &write, const ReplaceOptions &options);
 
 // Writes all of data to fd, retrying after signals; returns 0 or an errno.

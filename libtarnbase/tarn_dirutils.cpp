@@ -1,12 +1,19 @@
-// Directories: creating a tree with an exact mode, and "@" paths.
+// Directories: creating a tree with an exact mode, listing one directory,
+// removing a tree without following links, and "@" paths.
 
 #include "tarnbase/tarn_dirutils.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <new>
 #include <string>
+#include <vector>
 
 #include "exe_path.h"
 
@@ -28,6 +35,127 @@ int make_one(const std::string &path, mode_t mode) {
   struct stat st;
   if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
   return error;
+}
+
+struct Fd {
+  int fd = -1;
+  explicit Fd(int descriptor) : fd(descriptor) {}
+  ~Fd() {
+    if (fd >= 0) close(fd);
+  }
+  Fd(const Fd &) = delete;
+  Fd &operator=(const Fd &) = delete;
+};
+
+// The names in the open directory fd, "." and ".." excepted, sorted byte
+// for byte. The caller keeps fd. Returns 0 or the errno of reading.
+int read_names(int fd, std::vector<std::string> *names) {
+  const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) return errno;
+  DIR *dir = fdopendir(copy);
+  if (dir == nullptr) {
+    const int error = errno;
+    close(copy);
+    return error;
+  }
+  // readdir continues from where another walk of the same open file stopped.
+  rewinddir(dir);
+  int error = 0;
+  try {
+    for (;;) {
+      errno = 0;
+      const dirent *entry = readdir(dir);
+      if (entry == nullptr) {
+        error = errno;
+        break;
+      }
+      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+        names->emplace_back(entry->d_name);
+      }
+    }
+    std::sort(names->begin(), names->end());
+  } catch (const std::bad_alloc &) {
+    error = ENOMEM;
+  }
+  closedir(dir);
+  return error;
+}
+
+// The type that the listing reports for name in the directory fd, or -1
+// when the entry is gone.
+int entry_type(int fd, const char *name) {
+  struct stat st;
+  if (fstatat(fd, name, &st, 0) == 0) {
+    if (S_ISREG(st.st_mode)) return TARN_DIRUTILS_FILE;
+    if (S_ISDIR(st.st_mode)) return TARN_DIRUTILS_DIR;
+    return TARN_DIRUTILS_OTHER;
+  }
+  return fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 ? TARN_DIRUTILS_OTHER : -1;
+}
+
+// Walks dir for tarn_dirutils_listdir: returns the value that stopped the
+// walk or 0, and stores in *error 0 or the reason that nothing was listed.
+int list(const char *dir, void *user, tarn_dirutils_listdir_fn callback, int *error) {
+  Fd fd(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.fd < 0) {
+    *error = errno;
+    return 0;
+  }
+  std::vector<std::string> names;
+  *error = read_names(fd.fd, &names);
+  if (*error != 0) return 0;
+  std::string path(dir);
+  if (path.back() != '/') path += '/';
+  const size_t prefix = path.size();
+  for (const std::string &name : names) {
+    const int type = entry_type(fd.fd, name.c_str());
+    if (type < 0) continue;
+    path.resize(prefix);
+    path += name;
+    const int result = callback(type, path.c_str(), user);
+    if (result != 0) return result;
+  }
+  return 0;
+}
+
+// Keeps the first failure of a walk that goes on after failures.
+void note(int *first, int error) {
+  if (*first == 0) *first = error;
+}
+
+// Removes everything in the open directory fd; symbolic links are unlinked,
+// never followed (O_NOFOLLOW also stops a directory that is swapped for a
+// link between the check and the open). Returns 0 or the first errno.
+int remove_contents(int fd) {
+  std::vector<std::string> names;
+  int first = read_names(fd, &names);
+  for (const std::string &name : names) {
+    struct stat st;
+    if (fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno != ENOENT) note(&first, errno);
+      continue;
+    }
+    int flags = 0;
+    if (S_ISDIR(st.st_mode)) {
+      Fd child(openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      if (child.fd < 0) {
+        note(&first, errno);
+        continue;
+      }
+      note(&first, remove_contents(child.fd));
+      flags = AT_REMOVEDIR;
+    }
+    if (unlinkat(fd, name.c_str(), flags) != 0 && errno != ENOENT) note(&first, errno);
+  }
+  return first;
+}
+
+int remove_tree(const char *path) {
+  Fd fd(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.fd < 0) return errno == ELOOP ? ENOTDIR : errno;
+  int first = remove_contents(fd.fd);
+  if (rmdir(path) != 0) note(&first, errno);
+  return first;
 }
 
 }  // namespace
@@ -55,6 +183,31 @@ TARNBASE_API int tarn_dirutils_path_transform(const char *in, char *out, size_t 
   memcpy(out, expanded.data(), kept);
   out[kept] = '\0';
   return kept == expanded.size() ? 0 : fail(ENAMETOOLONG);
+}
+
+TARNBASE_API int tarn_dirutils_listdir(const char *dir, void *user, tarn_dirutils_listdir_fn callback) {
+  int error = EINVAL;
+  int result = 0;
+  if (dir != nullptr && dir[0] != '\0' && callback != nullptr) {
+    try {
+      result = list(dir, user, callback, &error);
+    } catch (const std::bad_alloc &) {
+      error = ENOMEM;
+    }
+  }
+  errno = error;
+  return result;
+}
+
+TARNBASE_API int tarn_dirutils_rmdir(const char *path) {
+  if (path == nullptr || path[0] == '\0') return fail(EINVAL);
+  int result = 0;
+  try {
+    result = remove_tree(path);
+  } catch (const std::bad_alloc &) {
+    result = ENOMEM;
+  }
+  return result == 0 ? 0 : fail(result);
 }
 
 }  // extern "C"

@@ -1,5 +1,5 @@
-// Files: removing, copying crash-safely, opening close-on-exec, and opening
-// to all users.
+// Files: removing, copying crash-safely, moving, opening close-on-exec, and
+// opening to all users.
 
 #include "tarnbase/tarn_file.h"
 
@@ -43,7 +43,12 @@ TARNBASE_API int tarn_file_unlink(const char *path) {
 }
 
 TARNBASE_API int tarn_file_copy(const char *src, const char *dst) {
+  return tarn_file_copy_ex(src, dst, TARN_FILE_COPY_REPLACE);
+}
+
+TARNBASE_API int tarn_file_copy_ex(const char *src, const char *dst, int option) {
   if (is_empty(src) || is_empty(dst)) return fail(EINVAL);
+  if (option != TARN_FILE_COPY_REPLACE && option != TARN_FILE_COPY_NO_REPLACE) return fail(EINVAL);
   const int in = open(src, O_RDONLY | O_CLOEXEC);
   if (in < 0) return errno;
   struct stat st;
@@ -54,10 +59,23 @@ TARNBASE_API int tarn_file_copy(const char *src, const char *dst) {
     options.durable = true;
     const mode_t mode = st.st_mode & 07777;
     options.mode = &mode;
+    options.no_replace = option == TARN_FILE_COPY_NO_REPLACE;
     result = tarnbase::replace_file(dst, [in](int out) { return copy_content(in, out); }, options);
   }
   close(in);
   return result == 0 ? 0 : fail(result);
+}
+
+TARNBASE_API int tarn_file_rename(const char *src, const char *dst) {
+  if (is_empty(src) || is_empty(dst)) return fail(EINVAL);
+  if (rename(src, dst) == 0) return 0;
+  if (errno != EXDEV) return errno;
+  struct stat st;
+  if (lstat(src, &st) != 0) return errno;
+  if (!S_ISREG(st.st_mode)) return fail(EXDEV);
+  const int result = tarn_file_copy(src, dst);
+  if (result != 0) return result;
+  return unlink(src) == 0 ? 0 : errno;
 }
 
 TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode) {

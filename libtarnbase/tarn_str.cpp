@@ -1,4 +1,5 @@
-// Bounded formatting, copying, comparison and splitting of byte strings.
+// Bounded formatting, copying, comparison, splitting and replacing of byte
+// strings.
 
 #include "tarnbase/tarn_str.h"
 
@@ -103,3 +104,41 @@ extern "C" TARNBASE_API void tarn_str_split_free(char **pieces, uint32_t count) 
   for (uint32_t i = 0; i < count; ++i) tarn_free_(pieces[i]);
   tarn_free_(pieces);
 }
+
+extern "C" TARNBASE_API int tarn_str_replace(char *buf, size_t buf_len, const char *old_str,
+                                             const char *new_str, int all) {
+  if (buf == nullptr || buf_len == 0 || old_str == nullptr || new_str == nullptr ||
+      old_str[0] == '\0') {
+    errno = EINVAL;
+    return -1;
+  }
+  if (memchr(buf, '\0', buf_len) == nullptr) buf[buf_len - 1] = '\0';
+  const size_t capacity = buf_len - 1;
+  const size_t old_length = strlen(old_str);
+  const size_t new_length = strlen(new_str);
+  size_t length = strlen(buf);
+  size_t from = 0;
+  int replaced = 0;
+  for (const char *at = strstr(buf + from, old_str); at != nullptr; at = strstr(buf + from, old_str)) {
+    const size_t position = (size_t)(at - buf);
+    const size_t tail = position + old_length;
+    // The rest of the string moves first, so that a longer new text does not
+    // overwrite it; what does not fit is cut.
+    const size_t kept_new = new_length < capacity - position ? new_length : capacity - position;
+    const size_t tail_to = position + kept_new;
+    size_t kept_tail = 0;
+    if (kept_new == new_length) {
+      kept_tail = length - tail < capacity - tail_to ? length - tail : capacity - tail_to;
+    }
+    memmove(buf + tail_to, buf + tail, kept_tail);
+    memcpy(buf + position, new_str, kept_new);
+    length = tail_to + kept_tail;
+    buf[length] = '\0';
+    ++replaced;
+    from = tail_to;
+    if (all == 0 || kept_new < new_length) break;
+  }
+  return replaced;
+}
+
+extern "C" TARNBASE_API size_t tarn_strlen(const char *s) { return s == nullptr ? 0 : strlen(s); }

@@ -1,11 +1,14 @@
 // Tests of the app home record: the record file's path, the architecture
 // strings, the UUID form of app home names, reading and checking the record
 // and its backup, updating both, restoring the record from the backup, the
-// operational flags, and the service version; then several processes
-// updating and reading at once, and updaters killed in the middle of a save.
+// operational flags, the service version, and rebuilding the record from
+// the app home directories below the install root (reduction); then several
+// processes updating and reading at once, and updaters killed in the middle
+// of a save.
 //
 // The platform answers are interposed below, so each test says whether the
-// machine needs the companion "app_home_x86". Failures of locks, saves,
+// machine needs the companion "app_home_x86"; so is the opening of the
+// directory walk, so that a test can make it fail. Failures of locks, saves,
 // permission grants and copies are injected by file_faults.h, which also
 // writes down the order of lock and save calls. Every test starts and ends
 // with an empty install root.
@@ -30,14 +33,17 @@
 #include <string>
 #include <vector>
 
+#include <tarnbase/tarn_dirwalk.h>
 #include <tarnbase/tarn_ini.h>
 #include <tarnbase/tarn_platform.h>
 
+#include "child_logs.h"
 #include "child_process.h"
 #include "fakes.h"
 #include "file_faults.h"
 #include "install_root.h"
 #include "log_checks.h"
+#include "manifests.h"
 #include "tarn_apphome.h"
 #include "tarn_apphome_internal.h"
 
@@ -55,6 +61,14 @@ struct PlatformAnswer {
   int cpu_calls = 0;
 };
 PlatformAnswer g_answer;
+
+// The walks opened, with their arguments, and the error that makes the
+// opening fail when it is not 0.
+struct WalkAnswer {
+  int error = 0;
+  std::vector<std::string> calls;  // "<root> <depth> <flags> <err null or not>"
+};
+WalkAnswer g_walk;
 
 template <typename Fn>
 Fn next_definition(const char *name) {
@@ -79,6 +93,18 @@ int tarn_get_cpu_arch(void) {
   ++g_answer.cpu_calls;
   if (!g_answer.cpu_set) return next_definition<int (*)(void)>("tarn_get_cpu_arch")();
   return g_answer.cpu;
+}
+
+tarn_dirwalk_t *tarn_dirwalk_create(const char *root, int depth, int flags, int *err) {
+  g_walk.calls.push_back(std::string(root != nullptr ? root : "<null>") + " " + std::to_string(depth) +
+                         " " + std::to_string(flags) + (err == nullptr ? " null" : " err"));
+  if (g_walk.error != 0) {
+    if (err != nullptr) *err = g_walk.error;
+    errno = g_walk.error;
+    return nullptr;
+  }
+  return next_definition<tarn_dirwalk_t *(*)(const char *, int, int, int *)>("tarn_dirwalk_create")(
+      root, depth, flags, err);
 }
 
 }  // extern "C"
@@ -188,6 +214,7 @@ class AppHomeTest : public ::testing::Test {
     tarn_test::reset_fakes();
     tarn_test::clear_file_faults();
     g_answer = PlatformAnswer();
+    g_walk = WalkAnswer();
     tarn_test::clear_install_root();
   }
 };
@@ -1094,6 +1121,361 @@ TEST_F(AppHomeTest, ServiceVersionReturnsTheCommandsExitStatus) {
   char buf[64];
   EXPECT_EQ(tarn_apphome_get_service_version(buf, sizeof(buf)), 3);
   EXPECT_STREQ(buf, "broken");
+}
+
+// ---------------------------------------------------------------------------
+// Reduction: rebuilding the record.
+
+constexpr char kVersion[] = "3.1.4.159";
+constexpr char kRunsPath[] = "/usr/share/velmora/TARN/service_runs";
+
+// A service at the install root that answers " -v" with version (nothing
+// when it is empty) and exit status, and writes down each run.
+void install_service(const std::string &version, int status = 0) {
+  std::string script = "#!/bin/sh\n[ \"$#\" = 1 ] && [ \"$1\" = \"-v\" ] || exit 9\n";
+  script += std::string("echo run >> ") + kRunsPath + "\n";
+  if (!version.empty()) script += "echo " + version + "\n";
+  script += "exit " + std::to_string(status) + "\n";
+  write_service(script);
+}
+
+// How many times the service ran.
+size_t service_runs() {
+  const std::string runs = read_file(kRunsPath);
+  return runs == "<missing>" ? 0 : (size_t)std::count(runs.begin(), runs.end(), '\n');
+}
+
+std::string manifest_of(const std::string &home, const std::string &component) {
+  return under_root(home) + "/config/component_info/" + component + ".ejs";
+}
+
+// Seals the manifest of component in the app home home with json.
+void seal(const std::string &home, const std::string &component, const std::string &json) {
+  ASSERT_TRUE(tarn_test::make_dirs(under_root(home) + "/config/component_info"));
+  ASSERT_TRUE(tarn_test::seal_manifest(manifest_of(home, component), json)) << home << " " << component;
+}
+
+std::string manifest_json(const std::string &package, const std::string &version) {
+  return "{\"package\": \"" + package + "\", \"version\": \"" + version + "\", \"files\": []}";
+}
+
+// An operational app home holding the manifests of components, each
+// naming itself at version.
+void make_home(const std::string &name, const std::vector<std::string> &components,
+               const std::string &version = kVersion) {
+  make_apphome(name, true, true);
+  for (const std::string &component : components) seal(name, component, manifest_json(component, version));
+}
+// A main app home, and a companion one (no service manifest).
+void make_main_home(const std::string &name) {
+  make_home(name, {"tarn_base", "tarn_sys", "tarn_service"});
+}
+void make_companion_home(const std::string &name) { make_home(name, {"tarn_base", "tarn_sys"}); }
+
+std::string reduced_message(const std::string &main, const std::string &arch) {
+  return "apphome reduction successed, apphome is " + main + ", apphome_arch is " + arch;
+}
+
+std::string service_version_failed(int code, const std::string &text) {
+  return format("get tarn_service version is failed, errcode is %d, service ver str is %s\n", code,
+                text.c_str());
+}
+
+// Lock events on the backup's lock file.
+bool backup_lock_touched() {
+  for (const std::string &event : tarn_test::file_events()) {
+    if (event.find(kBackupLockPath) != std::string::npos) return true;
+  }
+  return false;
+}
+
+TEST_F(AppHomeTest, ReductionOfAValidRecordStopsAfterOneCheckWithoutReadingTheBackup) {
+  make_apphome(kHomeA, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeB)));
+  install_service(kVersion);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0);
+  EXPECT_EQ(tarn_test::messages("info"),
+            (std::vector<std::string>{format("apphome file is validity, path is %s\n", kRecordPath)}));
+  EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
+  EXPECT_FALSE(backup_lock_touched()) << joined(tarn_test::file_events());
+  EXPECT_EQ(service_runs(), 0u);
+  EXPECT_TRUE(g_walk.calls.empty());
+  EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  EXPECT_EQ(read_file(kBackupPath), record_text(kHomeB));
+}
+
+TEST_F(AppHomeTest, ReductionOfADamagedRecordCopiesAValidBackupWithoutAScan) {
+  make_apphome(kHomeA, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, "[apphome\ngarbage\n"));
+  ASSERT_TRUE(write_file(kBackupPath, "[apphome]\napp_home=" + std::string(kHomeA) + "\nextra=kept\n"));
+  install_service(kVersion);
+  make_main_home(kHomeB);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(read_file(kRecordPath), read_file(kBackupPath));
+  EXPECT_EQ(load_ini(kRecordPath), (Sections{{"apphome", {{"app_home", kHomeA}, {"extra", "kept"}}}}));
+  EXPECT_LOGGED("info", "resum apphome successed from backup\n");
+  EXPECT_LOGGED("warn", "tarn_apphome_get_apphome get apphome is failed\n");
+  EXPECT_EQ(service_runs(), 0u);
+  EXPECT_TRUE(g_walk.calls.empty());
+}
+
+TEST_F(AppHomeTest, ReductionWhoseBackupCannotBeCopiedScans) {
+  make_main_home(kHomeA);
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  install_service(kVersion);
+  // The record cannot be written: neither the restore nor the update can
+  // save it.
+  tarn_test::fail_save(kRecordPath, EIO);
+  EXPECT_EQ(tarn_apphome_reduction_file(), EIO);
+  EXPECT_LOGGED("warn", format("error occurd when write [%s] to [%s]\n", kBackupPath, kRecordPath));
+  EXPECT_NOT_LOGGED("info", "resum apphome successed from backup\n");
+  EXPECT_EQ(service_runs(), 1u);
+  EXPECT_EQ(g_walk.calls, (std::vector<std::string>{std::string(kInstallRoot) + " 0 0 null"}));
+  EXPECT_LOGGED("warn", format("apphome update failed, errcode %d\n", EIO));
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, ReductionScanRecordsTheMainAppHomeAndItsBackup) {
+  install_service(kVersion);
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(kHomeA));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_LOGGED("info", reduced_message(kHomeA, "(null)"));
+  // The whole walk of the install root's own entries, links not followed.
+  EXPECT_EQ(g_walk.calls, (std::vector<std::string>{std::string(kInstallRoot) + " 0 0 null"}));
+  // Neither file existed, so each check stopped at once.
+  EXPECT_LOGGED("warn", format("file %s is no exist, errcode:0x%x\n", kRecordPath, ENOENT));
+  EXPECT_LOGGED("warn", format("file %s is no exist, errcode:0x%x\n", kBackupPath, ENOENT));
+}
+
+TEST_F(AppHomeTest, ReductionRunTwiceStopsAtTheFirstCheckTheSecondTime) {
+  install_service(kVersion);
+  make_main_home(kHomeA);
+  ASSERT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  const std::string record = read_file(kRecordPath);
+  tarn_test::clear_logs();
+  tarn_test::clear_file_events();
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0);
+  EXPECT_EQ(tarn_test::messages("info"),
+            (std::vector<std::string>{format("apphome file is validity, path is %s\n", kRecordPath)}));
+  EXPECT_FALSE(backup_lock_touched());
+  EXPECT_EQ(service_runs(), 1u);
+  EXPECT_EQ(g_walk.calls.size(), 1u);
+  EXPECT_EQ(read_file(kRecordPath), record);
+}
+
+TEST_F(AppHomeTest, ReductionTakesTheFirstQualifyingDirectoryInWalkOrder) {
+  install_service(kVersion);
+  // Made in the opposite order: the walk goes by name, "0a1b..." first.
+  make_main_home(kHomeB);
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(kHomeA));
+  EXPECT_LOGGED("info", reduced_message(kHomeA, "(null)"));
+}
+
+TEST_F(AppHomeTest, ReductionWalkOrderIsByteOrderSoUpperCaseNamesComeFirst) {
+  install_service(kVersion);
+  const std::string lower = "abcdef01-2345-4678-9abc-def012345678";
+  const std::string upper = "ABCDEF01-2345-4678-9ABC-DEF012345678";
+  make_main_home(lower);
+  make_main_home(upper);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(upper));
+}
+
+TEST_F(AppHomeTest, ReductionNeverChoosesAnotherPackageOrVersion) {
+  install_service(kVersion);
+  const std::string other_package = "00000000-0000-4000-8000-000000000001";
+  const std::string older = "00000000-0000-4000-8000-000000000002";
+  const std::string longer = "00000000-0000-4000-8000-000000000003";
+  const std::string no_version = "00000000-0000-4000-8000-000000000004";
+  const std::string number_version = "00000000-0000-4000-8000-000000000005";
+  const std::string no_package = "00000000-0000-4000-8000-000000000006";
+  const std::string chosen = "ffffffff-0000-4000-8000-000000000000";
+  make_home(other_package, {"tarn_sys", "tarn_service"});
+  seal(other_package, "tarn_base", manifest_json("tarn_other", kVersion));
+  make_home(older, {"tarn_base", "tarn_sys", "tarn_service"}, "3.1.4.158");
+  make_home(longer, {"tarn_base", "tarn_sys", "tarn_service"}, "3.1.4.1590");
+  make_home(no_version, {"tarn_sys", "tarn_service"});
+  seal(no_version, "tarn_base", "{\"package\": \"tarn_base\"}");
+  make_home(number_version, {"tarn_sys", "tarn_service"});
+  seal(number_version, "tarn_base", "{\"package\": \"tarn_base\", \"version\": 3}");
+  make_home(no_package, {"tarn_sys", "tarn_service"});
+  seal(no_package, "tarn_base", "{\"version\": \"3.1.4.159\"}");
+  make_main_home(chosen);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(chosen));
+}
+
+TEST_F(AppHomeTest, ReductionWithoutAQualifyingDirectoryIsMinusOneAndChangesNothing) {
+  install_service(kVersion);
+  const std::string record = "[apphome]\napp_home=" + std::string(kHomeB) + "\n";
+  ASSERT_TRUE(write_file(kRecordPath, record));
+  ASSERT_TRUE(write_file(kBackupPath, record));
+  // Not UUID text; not operational (its manifests would qualify); a
+  // manifest that does not authenticate; a file of a UUID name; a link to a
+  // directory that would qualify.
+  ASSERT_TRUE(tarn_test::make_dirs(under_root("notes")));
+  make_home(kHomeA, {"tarn_base", "tarn_sys", "tarn_service"});
+  ASSERT_EQ(unlink((under_root(kHomeA) + "/config/flags/flag_operational").c_str()), 0);
+  ASSERT_EQ(unlink((under_root(kHomeA) + "/config/flags/flag_operational_backup").c_str()), 0);
+  make_home(kHomeX86, {"tarn_base", "tarn_sys", "tarn_service"});
+  ASSERT_TRUE(tarn_test::tamper_file(manifest_of(kHomeX86, "tarn_base")));
+  ASSERT_TRUE(write_file(under_root("4e5f6a7b-8c9d-4e0f-8a1b-2c3d4e5f6a7b"), "a file"));
+  tarn_test::ScratchDirectory elsewhere("tarn_reduction");
+  const std::string real_home = elsewhere / "home";
+  ASSERT_TRUE(tarn_test::make_dirs(real_home + "/config/flags"));
+  ASSERT_TRUE(write_file(real_home + "/config/flags/flag_operational", ""));
+  ASSERT_TRUE(tarn_test::make_dirs(real_home + "/config/component_info"));
+  ASSERT_TRUE(tarn_test::seal_manifest(real_home + "/config/component_info/tarn_base.ejs",
+                                       manifest_json("tarn_base", kVersion)));
+  ASSERT_EQ(symlink(real_home.c_str(), under_root("5f6a7b8c-9d0e-4f1a-8b2c-3d4e5f6a7b8c").c_str()), 0);
+
+  EXPECT_EQ(tarn_apphome_reduction_file(), -1);
+  EXPECT_EQ(tarn_test::messages("warn").back(), "get apphome is failed\n") << dump_logs();
+  EXPECT_LOGGED("info", under_root("notes") + " not apphome path\n");
+  EXPECT_LOGGED("info", format("current path %s not operational path, errcode:0x%x\n",
+                               under_root(kHomeA).c_str(), ENOENT));
+  EXPECT_LOGGED("info", format("current path %s not operational backup path, errcode:0x%x\n",
+                               under_root(kHomeA).c_str(), ENOENT));
+  EXPECT_LOGGED("info", format("load plugin config: %s failed\n",
+                               manifest_of(kHomeX86, "tarn_base").c_str()));
+  // The record and its backup name kHomeB, which is not there.
+  EXPECT_LOGGED("warn", format("apphome is invalid, %s no exists, errcode:0x%x\n",
+                               under_root(kHomeB).c_str(), ENOENT));
+  EXPECT_EQ(read_file(kRecordPath), record);
+  EXPECT_EQ(read_file(kBackupPath), record);
+  EXPECT_NOT_LOGGED("info", reduced_message(kHomeA, "(null)"));
+}
+
+TEST_F(AppHomeTest, ReductionRestoresTheFlagOfACandidateThatHasOnlyItsSpare) {
+  install_service(kVersion);
+  make_main_home(kHomeA);
+  const std::string flag = under_root(kHomeA) + "/config/flags/flag_operational";
+  ASSERT_EQ(unlink(flag.c_str()), 0);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_TRUE(exists(flag));
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(kHomeA));
+}
+
+TEST_F(AppHomeTest, ReductionWithoutTheServiceIsMinusOne) {
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), -1);
+  EXPECT_LOGGED("warn", format("file %s is no exist\n", kServicePath));
+  EXPECT_EQ(tarn_test::messages("warn").back(), service_version_failed(-1, ""));
+  EXPECT_TRUE(g_walk.calls.empty());
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, ReductionWithAnEmptyServiceVersionIsMinusOne) {
+  install_service("");
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), -1);
+  EXPECT_EQ(tarn_test::messages("warn").back(), service_version_failed(0, ""));
+  EXPECT_TRUE(g_walk.calls.empty());
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, ReductionWithAFailingServiceIsMinusOne) {
+  install_service(kVersion, 3);
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), -1);
+  EXPECT_EQ(tarn_test::messages("warn").back(), service_version_failed(3, kVersion));
+  EXPECT_TRUE(g_walk.calls.empty());
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, ReductionWhoseWalkCannotBeOpenedIsMinusOne) {
+  install_service(kVersion);
+  make_main_home(kHomeA);
+  g_walk.error = EMFILE;
+  EXPECT_EQ(tarn_apphome_reduction_file(), -1);
+  EXPECT_EQ(tarn_test::messages("warn").back(),
+            format("tarn_dirwalk_create is failed, path is %s\n", kInstallRoot));
+  EXPECT_EQ(g_walk.calls, (std::vector<std::string>{std::string(kInstallRoot) + " 0 0 null"}));
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, ReductionWhoseUpdateFailsReturnsItsCode) {
+  install_service(kVersion);
+  make_main_home(kHomeA);
+  tarn_test::fail_save(kRecordPath, ENOSPC);
+  EXPECT_EQ(tarn_apphome_reduction_file(), ENOSPC);
+  EXPECT_EQ(tarn_test::messages("warn").back(), format("apphome update failed, errcode %d\n", ENOSPC));
+  EXPECT_NOT_LOGGED("info", reduced_message(kHomeA, "(null)"));
+  EXPECT_FALSE(exists(kRecordPath));
+  EXPECT_FALSE(exists(kBackupPath));
+}
+
+TEST_F(AppHomeTest, ReductionOfOnlyCompanionCandidatesFindsNoAppHome) {
+  companion_machine();
+  install_service(kVersion);
+  make_companion_home(kHomeX86);
+  EXPECT_EQ(tarn_apphome_reduction_file(), -1);
+  EXPECT_EQ(tarn_test::messages("warn").back(), "get apphome is failed\n");
+  EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, ReductionOnACompanionMachineRecordsTheCompanionUnderItsKey) {
+  companion_machine();
+  install_service(kVersion);
+  // Main and companion app homes in walk order: A, B (main); X86, X86B.
+  make_main_home(kHomeB);
+  make_companion_home(kHomeX86B);
+  make_companion_home(kHomeX86);
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_with_arch(kHomeA, kHomeX86));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_LOGGED("info", reduced_message(kHomeA, kHomeX86));
+  // The record is now valid, companion included.
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 0);
+}
+
+TEST_F(AppHomeTest, ReductionOnACompanionMachineWithoutACompanionCandidateIsRefused) {
+  companion_machine();
+  install_service(kVersion);
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 1);
+  const std::vector<std::string> warnings = tarn_test::messages("warn");
+  ASSERT_GE(warnings.size(), 2u);
+  EXPECT_EQ(warnings[warnings.size() - 2], "arch apphome is NULL, need arch apphome\n");
+  EXPECT_EQ(warnings.back(), "apphome update failed, errcode 1\n");
+  EXPECT_FALSE(exists(kRecordPath));
+  EXPECT_FALSE(exists(kBackupPath));
+}
+
+TEST_F(AppHomeTest, ReductionOnAPlainMachineRecordsNoCompanion) {
+  install_service(kVersion);
+  make_companion_home(kHomeX86);
+  make_main_home(kHomeA);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(kHomeA));
+  EXPECT_LOGGED("info", reduced_message(kHomeA, kHomeX86));
+}
+
+TEST_F(AppHomeTest, ReductionOutOfMemoryForANameEndsTheProcessWithStatusZero) {
+  install_service(kVersion);
+  // The allocations made before the scan: those of a reduction that finds
+  // nothing.
+  tarn_test::reset_fakes();
+  ASSERT_EQ(tarn_apphome_reduction_file(), -1);
+  const unsigned before_scan = tarn_test::allocation_calls();
+  make_main_home(kHomeA);
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child([before_scan] {
+    tarn_test::reset_fakes();
+    tarn_test::fail_allocation_after(before_scan);
+    tarn_apphome_reduction_file();
+  });
+  EXPECT_TRUE(outcome.exited);
+  EXPECT_EQ(outcome.exit_status, 0);
+  ASSERT_FALSE(outcome.lines.empty());
+  EXPECT_EQ(outcome.lines.back().word, "fatal");
+  EXPECT_EQ(outcome.lines.back().message, "Out of memory\n");
+  EXPECT_FALSE(exists(kRecordPath));
 }
 
 // ---------------------------------------------------------------------------

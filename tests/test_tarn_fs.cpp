@@ -1,7 +1,8 @@
 // The base library's file-system families through libtarnbase.so: path
 // questions and path text, bounded string copies, files (removing, copying
-// crash-safely, opening, opening to all users), directory trees and "@"
-// paths, and file locks between processes and between handles.
+// crash-safely, opening, opening to all users), directory trees (creating,
+// listing, removing) and "@" paths, and file locks between processes and
+// between handles.
 //
 // The program runs in its own sandbox: /tmp is private and its contents
 // vanish with it. Each test works in a fresh directory of its own.
@@ -21,6 +22,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -43,6 +45,7 @@ using tarn_test::executable_directory;
 using tarn_test::fork_child;
 using tarn_test::kill_and_reap;
 using tarn_test::list_directory;
+using tarn_test::make_dirs;
 using tarn_test::make_temp_directory;
 using tarn_test::monotonic_ms;
 using tarn_test::Pipe;
@@ -82,20 +85,33 @@ class Umask {
   mode_t saved_;
 };
 
-std::string removed_name(const char *path) {
+// What an in-place path edit leaves of path, after checking that it
+// returns the buffer that it was given.
+std::string edited(const char *path, char *(*edit)(char *)) {
   std::string text(path);
   std::vector<char> buffer(text.begin(), text.end());
   buffer.push_back('\0');
-  EXPECT_EQ(buffer.data(), tarn_path_remove_name_w(buffer.data()));
+  EXPECT_EQ(buffer.data(), edit(buffer.data()));
   return buffer.data();
 }
 
-std::string formatted(const char *path) {
-  std::string text(path);
-  std::vector<char> buffer(text.begin(), text.end());
-  buffer.push_back('\0');
-  EXPECT_EQ(buffer.data(), tarn_path_format_u(buffer.data()));
-  return buffer.data();
+std::string removed_name(const char *path) { return edited(path, tarn_path_remove_name_w); }
+std::string formatted(const char *path) { return edited(path, tarn_path_format_u); }
+std::string without_ext(const char *path) { return edited(path, tarn_path_remove_ext_u); }
+
+// The text of tarn_str_replace's buffer of size bytes that starts as text,
+// and its result.
+struct Replaced {
+  int result;
+  std::string text;
+};
+Replaced replaced(const char *text, size_t size, const char *old_str, const char *new_str,
+                  int all) {
+  std::vector<char> buffer(size, 'x');
+  tarn_strlcpy(buffer.data(), text, size);
+  const int result = tarn_str_replace(buffer.data(), size, old_str, new_str, all);
+  EXPECT_NE(nullptr, memchr(buffer.data(), '\0', size)) << "not terminated";
+  return {result, buffer.data()};
 }
 
 // ---------------------------------------------------------------------------
@@ -198,6 +214,34 @@ TEST(PathText, FormatNormalisesSeparators) {
   EXPECT_EQ(nullptr, tarn_path_format_u(nullptr));
 }
 
+TEST(PathText, GetExtPointsAtTheLastDotOfTheLastComponent) {
+  const char *path = "/tmp/a.tar.gz";
+  EXPECT_EQ(path + 10, tarn_path_get_ext_u(path));
+  EXPECT_STREQ(".gz", tarn_path_get_ext_u(path));
+  EXPECT_STREQ(".ejs", tarn_path_get_ext_u("config/component_info/core.ejs"));
+  EXPECT_STREQ(".ejs", tarn_path_get_ext_u(".ejs"));
+  EXPECT_STREQ(".", tarn_path_get_ext_u("name."));
+  const char *no_ext = "dir.d/name";
+  EXPECT_EQ(no_ext + strlen(no_ext), tarn_path_get_ext_u(no_ext));
+  EXPECT_STREQ("", tarn_path_get_ext_u("a.b/"));
+  EXPECT_STREQ("", tarn_path_get_ext_u("name"));
+  EXPECT_STREQ("", tarn_path_get_ext_u(""));
+  ASSERT_NE(nullptr, tarn_path_get_ext_u(nullptr));
+  EXPECT_STREQ("", tarn_path_get_ext_u(nullptr));
+}
+
+TEST(PathText, RemoveExtCutsAtTheLastDotOfTheLastComponent) {
+  EXPECT_EQ("/tmp/pkg", without_ext("/tmp/pkg.tgz"));
+  EXPECT_EQ("a.tar", without_ext("a.tar.gz"));
+  EXPECT_EQ("dir.d/name", without_ext("dir.d/name"));
+  EXPECT_EQ("dir.d/", without_ext("dir.d/"));
+  EXPECT_EQ("", without_ext(".ejs"));
+  EXPECT_EQ("/a/", without_ext("/a/.hidden"));
+  EXPECT_EQ("name", without_ext("name."));
+  EXPECT_EQ("", without_ext(""));
+  EXPECT_EQ(nullptr, tarn_path_remove_ext_u(nullptr));
+}
+
 // ---------------------------------------------------------------------------
 // Bounded strings
 
@@ -270,6 +314,83 @@ TEST(BoundedStrings, StrncatAppendsWithinTheWholeSize) {
   EXPECT_EQ(untouched, tarn_str_strncat(untouched, "x", 0));
   EXPECT_STREQ("ab", untouched);
   EXPECT_EQ(nullptr, tarn_str_strncat(nullptr, "x", 4));
+}
+
+TEST(BoundedStrings, ReplaceWithAllSetReplacesEveryOccurrence) {
+  Replaced r = replaced("my file name", 64, " ", "\" \"", 1);
+  EXPECT_EQ(2, r.result);
+  EXPECT_EQ("my\" \"file\" \"name", r.text);
+  r = replaced("abcabc", 64, "bc", "X", 1);
+  EXPECT_EQ(2, r.result);
+  EXPECT_EQ("aXaX", r.text);
+  r = replaced("aaa", 64, "aa", "b", 1);
+  EXPECT_EQ(1, r.result);
+  EXPECT_EQ("ba", r.text);
+  r = replaced("a-b", 64, "-", "", 1);
+  EXPECT_EQ(1, r.result);
+  EXPECT_EQ("ab", r.text);
+}
+
+TEST(BoundedStrings, ReplaceWithAllClearReplacesTheFirstOnly) {
+  Replaced r = replaced("a b c", 64, " ", "_", 0);
+  EXPECT_EQ(1, r.result);
+  EXPECT_EQ("a_b c", r.text);
+}
+
+TEST(BoundedStrings, ReplaceSearchesOnAfterTheInsertedText) {
+  Replaced r = replaced("a.a", 64, "a", "aa", 1);
+  EXPECT_EQ(2, r.result);
+  EXPECT_EQ("aa.aa", r.text);
+}
+
+TEST(BoundedStrings, ReplaceWithoutAnOccurrenceChangesNothing) {
+  Replaced r = replaced("plain", 64, " ", "\" \"", 1);
+  EXPECT_EQ(0, r.result);
+  EXPECT_EQ("plain", r.text);
+  r = replaced("", 64, " ", "x", 1);
+  EXPECT_EQ(0, r.result);
+  EXPECT_EQ("", r.text);
+}
+
+TEST(BoundedStrings, ReplaceCutsWhatNoLongerFits) {
+  // The rest of the string is cut first.
+  Replaced r = replaced("a b", 6, " ", "\" \"", 1);
+  EXPECT_EQ(1, r.result);
+  EXPECT_EQ("a\" \"b", r.text);
+  r = replaced("a b c", 7, " ", "\" \"", 1);
+  EXPECT_EQ(2, r.result);
+  EXPECT_EQ("a\" \"b\"", r.text);
+  // Then the new text itself, after which nothing more is replaced.
+  r = replaced("ab c d", 5, " ", "\" \"", 1);
+  EXPECT_EQ(1, r.result);
+  EXPECT_EQ("ab\" ", r.text);
+  // A shorter new text never cuts.
+  r = replaced("a--b--c", 8, "--", "-", 1);
+  EXPECT_EQ(2, r.result);
+  EXPECT_EQ("a-b-c", r.text);
+}
+
+TEST(BoundedStrings, ReplaceTerminatesABufferWithoutTerminator) {
+  char buf[4] = {'a', ' ', 'b', 'c'};
+  EXPECT_EQ(1, tarn_str_replace(buf, sizeof(buf), " ", "_", 1));
+  EXPECT_STREQ("a_b", buf);
+}
+
+TEST(BoundedStrings, ReplaceRefusesBadArgumentsWithEinval) {
+  char buf[8] = "a b";
+  const struct {
+    char *buf;
+    size_t len;
+    const char *old_str;
+    const char *new_str;
+  } cases[] = {{nullptr, 8, " ", "_"}, {buf, 0, " ", "_"},   {buf, 8, nullptr, "_"},
+               {buf, 8, " ", nullptr}, {buf, 8, "", "_"}};
+  for (const auto &c : cases) {
+    errno = 0;
+    EXPECT_EQ(-1, tarn_str_replace(c.buf, c.len, c.old_str, c.new_str, 1));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_STREQ("a b", buf);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -789,6 +910,415 @@ TEST_F(FsTest, FlockOfALockFileThatTheUserMayOnlyReadStillExcludes) {
   ASSERT_EQ(0, tarn_flock_release(lock.get()));
   EXPECT_EQ('a', report.receive());
   EXPECT_EQ(0, reap(pid));
+}
+
+// ---------------------------------------------------------------------------
+// Listing a directory
+
+struct Listed {
+  int type;
+  std::string path;
+};
+
+struct Listing {
+  std::vector<Listed> entries;
+  int stop_at = -1;  // the index whose call returns stop_value
+  int stop_value = 0;
+  std::function<void(const std::string &)> on_entry;
+};
+
+int collect(int type, const char *path, void *user) {
+  Listing *listing = static_cast<Listing *>(user);
+  listing->entries.push_back({type, path});
+  if (listing->on_entry) listing->on_entry(path);
+  return (int)listing->entries.size() - 1 == listing->stop_at ? listing->stop_value : 0;
+}
+
+std::vector<std::string> listed_paths(const Listing &listing) {
+  std::vector<std::string> paths;
+  for (const Listed &entry : listing.entries) paths.push_back(entry.path);
+  return paths;
+}
+
+TEST_F(FsTest, ListdirReportsEachEntrySortedByNameWithItsTypeAndPath) {
+  ASSERT_TRUE(write_file(at("b_file"), "x"));
+  ASSERT_EQ(0, mkdir(at("a_dir").c_str(), 0755));
+  ASSERT_TRUE(write_file(at("a_dir/inner"), "x"));
+  ASSERT_EQ(0, mkfifo(at("c_fifo").c_str(), 0644));
+  ASSERT_EQ(0, symlink(at("b_file").c_str(), at("d_link_to_file").c_str()));
+  ASSERT_EQ(0, symlink(at("a_dir").c_str(), at("e_link_to_dir").c_str()));
+  ASSERT_EQ(0, symlink(at("nowhere").c_str(), at("f_dangling").c_str()));
+  ASSERT_TRUE(write_file(at("B_upper"), "x"));
+  ASSERT_TRUE(write_file(at(".hidden"), "x"));
+  Listing listing;
+  errno = EINVAL;
+  EXPECT_EQ(0, tarn_dirutils_listdir(dir_.c_str(), &listing, collect));
+  EXPECT_EQ(0, errno);
+  // Byte order: '.' < 'B' < 'a'; a link has the type of its target.
+  const std::vector<std::pair<int, std::string>> expected = {
+      {TARN_DIRUTILS_FILE, at(".hidden")},        {TARN_DIRUTILS_FILE, at("B_upper")},
+      {TARN_DIRUTILS_DIR, at("a_dir")},           {TARN_DIRUTILS_FILE, at("b_file")},
+      {TARN_DIRUTILS_OTHER, at("c_fifo")},        {TARN_DIRUTILS_FILE, at("d_link_to_file")},
+      {TARN_DIRUTILS_DIR, at("e_link_to_dir")},   {TARN_DIRUTILS_OTHER, at("f_dangling")}};
+  ASSERT_EQ(expected.size(), listing.entries.size()) << testing::PrintToString(listed_paths(listing));
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(expected[i].first, listing.entries[i].type) << expected[i].second;
+    EXPECT_EQ(expected[i].second, listing.entries[i].path);
+  }
+  EXPECT_EQ(0, TARN_DIRUTILS_FILE) << "a file is type 0";
+}
+
+TEST_F(FsTest, ListdirOfADirectoryEndingInASlashAddsNoSecondOne) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  Listing listing;
+  EXPECT_EQ(0, tarn_dirutils_listdir((dir_ + "/").c_str(), &listing, collect));
+  EXPECT_EQ(std::vector<std::string>{at("file")}, listed_paths(listing));
+  Listing root;
+  ASSERT_EQ(0, tarn_dirutils_listdir("/", &root, collect));
+  ASSERT_FALSE(root.entries.empty());
+  for (const Listed &entry : root.entries) EXPECT_NE("//", entry.path.substr(0, 2)) << entry.path;
+}
+
+TEST_F(FsTest, ListdirStopsAtTheFirstNonZeroResultAndReturnsIt) {
+  for (const char *name : {"1", "2", "3", "4"}) ASSERT_TRUE(write_file(at(name), "x"));
+  for (int stop_value : {1, -1, 42}) {
+    Listing listing;
+    listing.stop_at = 1;
+    listing.stop_value = stop_value;
+    errno = EINVAL;
+    EXPECT_EQ(stop_value, tarn_dirutils_listdir(dir_.c_str(), &listing, collect));
+    EXPECT_EQ(0, errno);
+    EXPECT_EQ((std::vector<std::string>{at("1"), at("2")}), listed_paths(listing));
+  }
+}
+
+TEST_F(FsTest, ListdirOfAnEmptyDirectoryCallsNothing) {
+  Listing listing;
+  errno = EINVAL;
+  EXPECT_EQ(0, tarn_dirutils_listdir(dir_.c_str(), &listing, collect));
+  EXPECT_EQ(0, errno);
+  EXPECT_TRUE(listing.entries.empty());
+}
+
+TEST_F(FsTest, ListdirSkipsAnEntryRemovedBeforeItsTurn) {
+  for (const char *name : {"a", "b", "c"}) ASSERT_TRUE(write_file(at(name), "x"));
+  Listing listing;
+  listing.on_entry = [this](const std::string &path) {
+    if (path == at("a")) unlink(at("b").c_str());
+  };
+  EXPECT_EQ(0, tarn_dirutils_listdir(dir_.c_str(), &listing, collect));
+  EXPECT_EQ((std::vector<std::string>{at("a"), at("c")}), listed_paths(listing));
+}
+
+TEST_F(FsTest, ListdirThatCannotListReturnsZeroWithTheReasonInErrno) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  struct Case {
+    const char *dir;
+    bool with_callback;
+    int error;
+  };
+  const std::string missing = at("missing");
+  const std::string file = at("file");
+  const Case cases[] = {{missing.c_str(), true, ENOENT}, {file.c_str(), true, ENOTDIR},
+                        {nullptr, true, EINVAL},         {"", true, EINVAL},
+                        {dir_.c_str(), false, EINVAL}};
+  for (const Case &c : cases) {
+    Listing listing;
+    errno = 0;
+    EXPECT_EQ(0, tarn_dirutils_listdir(c.dir, &listing, c.with_callback ? collect : nullptr));
+    EXPECT_EQ(c.error, errno) << (c.dir != nullptr ? c.dir : "(null)");
+    EXPECT_TRUE(listing.entries.empty());
+  }
+}
+
+TEST_F(FsTest, ListdirOfADirectoryThatCannotBeReadIsEacces) {
+  ASSERT_EQ(0, mkdir(at("closed").c_str(), 0700));
+  ASSERT_TRUE(write_file(at("closed/file"), "x"));
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  const std::string closed = at("closed");
+  const pid_t pid = fork_child([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
+    Listing listing;
+    errno = 0;
+    if (tarn_dirutils_listdir(closed.c_str(), &listing, collect) != 0) return 11;
+    if (!listing.entries.empty()) return 12;
+    return errno == EACCES ? 0 : 13;
+  });
+  EXPECT_EQ(0, reap(pid));
+}
+
+// ---------------------------------------------------------------------------
+// Removing a tree
+
+TEST_F(FsTest, RmdirRemovesAWholeTree) {
+  ASSERT_TRUE(make_dirs(at("tree/a/b/c")));
+  ASSERT_TRUE(write_file(at("tree/top"), "x"));
+  ASSERT_TRUE(write_file(at("tree/a/b/c/deep"), "x", 0400));
+  ASSERT_EQ(0, mkdir(at("tree/empty").c_str(), 0500));
+  ASSERT_EQ(0, mkfifo(at("tree/a/fifo").c_str(), 0644));
+  ASSERT_EQ(0, symlink(at("nowhere").c_str(), at("tree/a/dangling").c_str()));
+  ASSERT_EQ(0, tarn_dirutils_rmdir(at("tree").c_str()));
+  EXPECT_FALSE(tarn_test::exists(at("tree")));
+  EXPECT_TRUE(list_directory(dir_).empty());
+}
+
+TEST_F(FsTest, RmdirNeverFollowsALinkOutOfTheTree) {
+  ASSERT_TRUE(make_dirs(at("outside/sub")));
+  ASSERT_TRUE(write_file(at("outside/keep"), "keep"));
+  ASSERT_TRUE(write_file(at("outside/sub/keep"), "keep"));
+  ASSERT_TRUE(write_file(at("outside_file"), "keep"));
+  ASSERT_TRUE(make_dirs(at("tree/inner")));
+  ASSERT_EQ(0, symlink(at("outside").c_str(), at("tree/link_to_dir").c_str()));
+  ASSERT_EQ(0, symlink(at("outside").c_str(), at("tree/inner/link_to_dir").c_str()));
+  ASSERT_EQ(0, symlink(at("outside_file").c_str(), at("tree/inner/link_to_file").c_str()));
+  ASSERT_EQ(0, tarn_dirutils_rmdir(at("tree").c_str()));
+  EXPECT_FALSE(tarn_test::exists(at("tree")));
+  EXPECT_EQ("keep", read_file(at("outside/keep")));
+  EXPECT_EQ("keep", read_file(at("outside/sub/keep")));
+  EXPECT_EQ("keep", read_file(at("outside_file")));
+  EXPECT_EQ((std::set<std::string>{"keep", "sub"}), list_directory(at("outside")));
+}
+
+TEST_F(FsTest, RmdirRefusesALinkToADirectoryAndAFile) {
+  ASSERT_TRUE(make_dirs(at("real")));
+  ASSERT_TRUE(write_file(at("real/keep"), "keep"));
+  ASSERT_EQ(0, symlink(at("real").c_str(), at("link").c_str()));
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  errno = 0;
+  EXPECT_EQ(ENOTDIR, tarn_dirutils_rmdir(at("link").c_str()));
+  EXPECT_EQ(ENOTDIR, errno);
+  EXPECT_EQ(ENOTDIR, tarn_dirutils_rmdir(at("file").c_str()));
+  EXPECT_EQ((std::set<std::string>{"file", "link", "real"}), list_directory(dir_));
+  EXPECT_EQ("keep", read_file(at("real/keep")));
+}
+
+TEST_F(FsTest, RmdirBadArgumentsAndAMissingPath) {
+  errno = 0;
+  EXPECT_EQ(EINVAL, tarn_dirutils_rmdir(nullptr));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(EINVAL, tarn_dirutils_rmdir(""));
+  errno = 0;
+  EXPECT_EQ(ENOENT, tarn_dirutils_rmdir(at("missing").c_str()));
+  EXPECT_EQ(ENOENT, errno);
+}
+
+TEST_F(FsTest, RmdirGoesOnPastAFailureAndReturnsTheFirst) {
+  // A tree that nobody owns, with one subdirectory that only root may
+  // change: the rest goes, that part stays, and the result is EACCES.
+  ASSERT_TRUE(make_dirs(at("tree/a_free")));
+  ASSERT_TRUE(write_file(at("tree/a_free/file"), "x"));
+  ASSERT_TRUE(make_dirs(at("tree/b_locked")));
+  ASSERT_TRUE(write_file(at("tree/b_locked/file"), "x"));
+  ASSERT_TRUE(write_file(at("tree/c_file"), "x"));
+  for (const char *name : {"tree", "tree/a_free", "tree/a_free/file", "tree/c_file"}) {
+    ASSERT_EQ(0, chown(at(name).c_str(), 65534, 65534)) << name;
+  }
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  const std::string tree = at("tree");
+  const pid_t pid = fork_child([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
+    const int result = tarn_dirutils_rmdir(tree.c_str());
+    return result == EACCES && errno == EACCES ? 0 : 11;
+  });
+  EXPECT_EQ(0, reap(pid));
+  EXPECT_EQ(std::set<std::string>{"b_locked"}, list_directory(at("tree")));
+  EXPECT_EQ("x", read_file(at("tree/b_locked/file")));
+}
+
+// ---------------------------------------------------------------------------
+// Path text with '/' as the only separator
+
+TEST(PathText, RemoveNameUDropsTheLastComponentAtSlashesOnly) {
+  const auto removed_name_u = [](const char *path) { return edited(path, tarn_path_remove_name_u); };
+  EXPECT_EQ("/a/b", removed_name_u("/a/b/c.eni"));
+  EXPECT_EQ("/a", removed_name_u("/a/b/"));
+  EXPECT_EQ("/a//config", removed_name_u("/a//config/product_register.eni"));
+  EXPECT_EQ("/a", removed_name_u("/a//config"));
+  EXPECT_EQ("/", removed_name_u("/x"));
+  EXPECT_EQ("/", removed_name_u("//x"));
+  EXPECT_EQ("/", removed_name_u("/"));
+  EXPECT_EQ("a", removed_name_u("a/b"));
+  EXPECT_EQ("", removed_name_u("name"));
+  EXPECT_EQ("", removed_name_u(""));
+  EXPECT_EQ("a\\b", removed_name_u("a\\b/c"));
+  EXPECT_EQ("", removed_name_u("a\\b"));
+  EXPECT_EQ("", removed_name_u("C:\\dir\\file.txt"));
+  EXPECT_EQ(nullptr, tarn_path_remove_name_u(nullptr));
+}
+
+TEST(PathText, GetNameUPointsJustAfterTheLastSlash) {
+  const char *path = "/dir/sub/core.ejs";
+  EXPECT_EQ(path + 9, tarn_path_get_name_u(path));
+  EXPECT_STREQ("core.ejs", tarn_path_get_name_u(path));
+  const char *bare = "core.ejs";
+  EXPECT_EQ(bare, tarn_path_get_name_u(bare));
+  EXPECT_STREQ("c", tarn_path_get_name_u("a\\b/c"));
+  EXPECT_STREQ("a\\b", tarn_path_get_name_u("a\\b"));
+  const char *dir = "/dir/";
+  EXPECT_EQ(dir + 5, tarn_path_get_name_u(dir));
+  EXPECT_STREQ("", tarn_path_get_name_u("/"));
+  EXPECT_STREQ("", tarn_path_get_name_u(""));
+  ASSERT_NE(nullptr, tarn_path_get_name_u(nullptr));
+  EXPECT_STREQ("", tarn_path_get_name_u(nullptr));
+}
+
+// ---------------------------------------------------------------------------
+// Copying with an option, and moving
+
+// A fresh directory below /dev/shm (another file system than /tmp in the
+// sandbox), removed with its content at the end.
+class ScratchShm {
+ public:
+  ScratchShm() {
+    char name[] = "/dev/shm/tarn_fs_XXXXXX";
+    if (mkdtemp(name) != nullptr) path_ = name;
+  }
+  ~ScratchShm() {
+    if (!path_.empty()) tarn_dirutils_rmdir(path_.c_str());
+  }
+  ScratchShm(const ScratchShm &) = delete;
+  ScratchShm &operator=(const ScratchShm &) = delete;
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+dev_t device_of(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_dev : (dev_t)-1;
+}
+
+TEST_F(FsTest, CopyExWithReplaceCopiesAsCopyDoes) {
+  ASSERT_TRUE(write_file(at("src"), "new content"));
+  ASSERT_EQ(0, chmod(at("src").c_str(), 0751));
+  ASSERT_TRUE(write_file(at("dst"), "old"));
+  ASSERT_EQ(0, tarn_file_copy_ex(at("src").c_str(), at("dst").c_str(), TARN_FILE_COPY_REPLACE));
+  EXPECT_EQ("new content", read_file(at("dst")));
+  EXPECT_EQ(0751u, mode_of(at("dst")));
+  EXPECT_EQ((std::set<std::string>{"src", "dst"}), list_directory(dir_));
+}
+
+TEST_F(FsTest, CopyExWithNoReplaceLeavesWhateverIsAtTheDestination) {
+  ASSERT_TRUE(write_file(at("src"), "new content"));
+  ASSERT_EQ(0, chmod(at("src").c_str(), 0640));
+  ASSERT_TRUE(write_file(at("file"), "old"));
+  ASSERT_EQ(0, mkdir(at("dir").c_str(), 0755));
+  ASSERT_EQ(0, symlink(at("nowhere").c_str(), at("dangling").c_str()));
+  for (const char *name : {"file", "dir", "dangling"}) {
+    errno = 0;
+    EXPECT_EQ(EEXIST, tarn_file_copy_ex(at("src").c_str(), at(name).c_str(), TARN_FILE_COPY_NO_REPLACE))
+        << name;
+    EXPECT_EQ(EEXIST, errno);
+  }
+  EXPECT_EQ("old", read_file(at("file")));
+  EXPECT_FALSE(tarn_test::exists(at("nowhere")));
+  // A free name gets the copy with the source's mode; no temporary file stays.
+  ASSERT_EQ(0, tarn_file_copy_ex(at("src").c_str(), at("fresh").c_str(), TARN_FILE_COPY_NO_REPLACE));
+  EXPECT_EQ("new content", read_file(at("fresh")));
+  EXPECT_EQ(0640u, mode_of(at("fresh")));
+  EXPECT_EQ((std::set<std::string>{"src", "file", "dir", "dangling", "fresh"}), list_directory(dir_));
+}
+
+TEST_F(FsTest, CopyExWithNoReplaceByManyProcessesAtOnceLetsExactlyOneWin) {
+  constexpr int kCopiers = 6;
+  for (int i = 0; i < kCopiers; ++i) {
+    ASSERT_TRUE(write_file(at("src" + std::to_string(i)), "content of " + std::to_string(i)));
+  }
+  Barrier barrier;
+  std::vector<pid_t> children;
+  const std::string dst = at("dst");
+  for (int i = 0; i < kCopiers; ++i) {
+    const std::string src = at("src" + std::to_string(i));
+    children.push_back(barrier.start([src, dst, i] {
+      const int result = tarn_file_copy_ex(src.c_str(), dst.c_str(), TARN_FILE_COPY_NO_REPLACE);
+      if (result == 0) return 100 + i;
+      return result == EEXIST ? 0 : 1;
+    }));
+    ASSERT_GT(children.back(), 0);
+  }
+  barrier.open();
+  std::vector<int> winners;
+  for (pid_t pid : children) {
+    const int status = reap(pid);
+    EXPECT_TRUE(status == 0 || status >= 100) << status;
+    if (status >= 100) winners.push_back(status - 100);
+  }
+  ASSERT_EQ(1u, winners.size());
+  EXPECT_EQ("content of " + std::to_string(winners[0]), read_file(dst));
+  EXPECT_EQ((size_t)kCopiers + 1, list_directory(dir_).size());
+}
+
+TEST_F(FsTest, CopyExRefusesAnUnknownOption) {
+  ASSERT_TRUE(write_file(at("src"), "x"));
+  errno = 0;
+  EXPECT_EQ(EINVAL, tarn_file_copy_ex(at("src").c_str(), at("dst").c_str(), 2));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(EINVAL, tarn_file_copy_ex(at("src").c_str(), at("dst").c_str(), -1));
+  EXPECT_EQ(EINVAL, tarn_file_copy_ex(nullptr, at("dst").c_str(), 0));
+  EXPECT_EQ((std::set<std::string>{"src"}), list_directory(dir_));
+}
+
+TEST_F(FsTest, RenameWithinAFileSystemIsOneStepAndReplacesTheDestination) {
+  ASSERT_TRUE(write_file(at("src"), "moved"));
+  ASSERT_TRUE(write_file(at("dst"), "old"));
+  struct stat before;
+  ASSERT_EQ(0, stat(at("src").c_str(), &before));
+  ASSERT_EQ(0, tarn_file_rename(at("src").c_str(), at("dst").c_str()));
+  struct stat after;
+  ASSERT_EQ(0, stat(at("dst").c_str(), &after));
+  EXPECT_EQ(before.st_ino, after.st_ino);
+  EXPECT_EQ("moved", read_file(at("dst")));
+  EXPECT_FALSE(tarn_test::exists(at("src")));
+  // A directory moves too.
+  ASSERT_TRUE(make_dirs(at("tree")));
+  ASSERT_TRUE(write_file(at("tree/leaf"), "leaf"));
+  ASSERT_EQ(0, tarn_file_rename(at("tree").c_str(), at("moved_tree").c_str()));
+  EXPECT_EQ("leaf", read_file(at("moved_tree/leaf")));
+}
+
+TEST_F(FsTest, RenameAcrossFileSystemsCopiesAFileAndRemovesTheSource) {
+  // /tmp and /dev/shm are separate file systems in the sandbox.
+  ScratchShm shm;
+  ASSERT_NE(device_of(dir_), device_of(shm.path()));
+  ASSERT_TRUE(write_file(at("src"), "across"));
+  ASSERT_EQ(0, chmod(at("src").c_str(), 0751));
+  const std::string dst = shm.path() + "/dst";
+  ASSERT_TRUE(write_file(dst, "old"));
+  ASSERT_EQ(0, tarn_file_rename(at("src").c_str(), dst.c_str()));
+  EXPECT_EQ("across", read_file(dst));
+  EXPECT_EQ(0751u, mode_of(dst));
+  EXPECT_FALSE(tarn_test::exists(at("src")));
+  EXPECT_EQ((std::set<std::string>{"dst"}), list_directory(shm.path()));
+}
+
+TEST_F(FsTest, RenameAcrossFileSystemsOfAnythingButAFileIsExdev) {
+  ScratchShm shm;
+  ASSERT_EQ(0, mkdir(at("dir").c_str(), 0755));
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  ASSERT_EQ(0, symlink(at("file").c_str(), at("link").c_str()));
+  for (const char *name : {"dir", "link"}) {
+    errno = 0;
+    EXPECT_EQ(EXDEV, tarn_file_rename(at(name).c_str(), (shm.path() + "/" + name).c_str())) << name;
+    EXPECT_EQ(EXDEV, errno);
+  }
+  EXPECT_EQ((std::set<std::string>{"dir", "file", "link"}), list_directory(dir_));
+  EXPECT_TRUE(list_directory(shm.path()).empty());
+}
+
+TEST_F(FsTest, RenameFailuresLeaveBothPathsAsTheyWere) {
+  ASSERT_TRUE(write_file(at("src"), "x"));
+  errno = 0;
+  EXPECT_EQ(ENOENT, tarn_file_rename(at("missing").c_str(), at("dst").c_str()));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(ENOENT, tarn_file_rename(at("src").c_str(), at("no/such/dst").c_str()));
+  ASSERT_EQ(0, mkdir(at("full").c_str(), 0755));
+  ASSERT_TRUE(write_file(at("full/inside"), "x"));
+  EXPECT_EQ(EISDIR, tarn_file_rename(at("src").c_str(), at("full").c_str()));
+  EXPECT_EQ(EINVAL, tarn_file_rename(nullptr, at("dst").c_str()));
+  EXPECT_EQ(EINVAL, tarn_file_rename(at("src").c_str(), ""));
+  EXPECT_EQ("x", read_file(at("src")));
+  EXPECT_EQ((std::set<std::string>{"src", "full"}), list_directory(dir_));
 }
 
 }  // namespace

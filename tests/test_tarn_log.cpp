@@ -1180,6 +1180,16 @@ TEST(TarnTime, TickIsTheSameInAnotherProcess) {
   EXPECT_GE((uint64_t)after, child_tick);
 }
 
+TEST(TarnTime, WallClockIsTimeInSeconds) {
+  for (int round = 0; round < 100; ++round) {
+    const time_t before = time(nullptr);
+    const long now = tarn_time();
+    const time_t after = time(nullptr);
+    ASSERT_LE((long)before, now);
+    ASSERT_GE((long)after, now);
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Atomics
 

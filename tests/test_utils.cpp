@@ -1,6 +1,7 @@
-// Tests of the upgrade tools' app home helpers: the install root as an
+// Tests of the upgrade tools' app home helpers (the install root as an
 // allocated string, the locked readers of the record, its writer, and the
-// upgrade lock counter.
+// upgrade lock counter) and of the package helpers (the presence check of a
+// file, path pieces, and shell commands with a real child program).
 //
 // Failures of locks and saves are injected by file_faults.h, which also
 // writes down the lock and save calls. Every test starts and ends with an
@@ -15,18 +16,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <initializer_list>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <tarnbase/tarn_ini.h>
+#include <tarnbase/tarn_str.h>
 
+#include "argv_words.h"
+#include "child_logs.h"
 #include "child_process.h"
 #include "fakes.h"
 #include "file_faults.h"
 #include "install_root.h"
 #include "log_checks.h"
+#include "parameter_parsing.h"
 #include "tarn_utils.h"
 #include "utils_internal.h"
 
@@ -407,6 +414,272 @@ TEST_F(UtilsTest, UpgradeLockCountIsZeroWhenTheLockCannotBeHad) {
   EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
   EXPECT_LOGGED("warn", format("tarn_flock_acquire is failed, ret is %d\n", ENOLCK));
   EXPECT_EQ(tarn_test::file_events(), lock_events(kRecordLockPath));
+}
+
+// ---------------------------------------------------------------------------
+// The presence check of a component's file.
+
+TEST_F(UtilsTest, CheckFileHashOfAnExistingFileWithAWrongDigestIsZero) {
+  const std::string dir = tarn_test::make_temp_directory("check_file");
+  const std::string path = dir + "/core.so";
+  ASSERT_TRUE(write_file(path, "not what the digest says"));
+  EXPECT_EQ(check_file_hash(path.c_str(), "deadbeef"), 0);
+  EXPECT_EQ(tarn_test::messages("info"),
+            std::vector<std::string>{format("file: %s hash: deadbeef\n", path.c_str())});
+  EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
+}
+
+TEST_F(UtilsTest, CheckFileHashOfAMissingFileIsOne) {
+  const std::string path = tarn_test::make_temp_directory("check_file") + "/missing.so";
+  EXPECT_EQ(check_file_hash(path.c_str(), "deadbeef"), 1);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            std::vector<std::string>{format("file does not exist, file path:%s\n", path.c_str())});
+  EXPECT_TRUE(tarn_test::messages("info").empty()) << dump_logs();
+}
+
+TEST_F(UtilsTest, CheckFileHashRefusesANullPathOrDigest) {
+  EXPECT_EQ(check_file_hash(nullptr, "deadbeef"), 1);
+  EXPECT_EQ(check_file_hash(kInstallRoot, nullptr), 1);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{"Invalid input\n", "Invalid input\n"}));
+  EXPECT_EQ(tarn_test::logs().size(), 2u) << dump_logs();
+}
+
+// ---------------------------------------------------------------------------
+// Path pieces, found in the caller's buffer.
+
+// The result of piece on a writable copy of path: its text (or "<null>"),
+// where in the copy it points (-1 when it is outside the copy), and what
+// the copy holds afterwards.
+struct Piece {
+  std::string text;
+  long offset;
+  std::string buffer;
+};
+Piece piece_of(char *(*piece)(char *), const char *path) {
+  char buffer[256];
+  tarn_strlcpy(buffer, path, sizeof(buffer));
+  const char *result = piece(buffer);
+  const bool inside = result >= buffer && result < buffer + sizeof(buffer);
+  return {result != nullptr ? result : "<null>", inside ? (long)(result - buffer) : -1, buffer};
+}
+
+TEST_F(UtilsTest, BasenameIsTheLastComponentWithoutItsExtension) {
+  Piece p = piece_of(get_basename, "/tmp/pkg.tgz");
+  EXPECT_EQ(p.text, "pkg");
+  EXPECT_EQ(p.offset, 5);
+  EXPECT_EQ(p.buffer, "/tmp/pkg");
+  p = piece_of(get_basename, "dir/name");
+  EXPECT_EQ(p.text, "name");
+  EXPECT_EQ(p.offset, 4);
+  EXPECT_EQ(piece_of(get_basename, "a/b.tar.gz").text, "b.tar");
+  EXPECT_EQ(piece_of(get_basename, "pkg.tgz").text, "pkg");
+  p = piece_of(get_basename, "/tmp/pkg.d/");
+  EXPECT_EQ(p.text, "pkg");
+  EXPECT_EQ(p.buffer, "/tmp/pkg");  // the trailing slash is cut in place too
+  p = piece_of(get_basename, "/");
+  EXPECT_EQ(p.text, "/");
+  EXPECT_EQ(p.offset, 0);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, BasenameOfAnEmptyOrNullPathIsNull) {
+  char empty[1] = "";
+  EXPECT_EQ(get_basename(empty), nullptr);
+  EXPECT_EQ(get_basename(nullptr), nullptr);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, BasedirCutsThePathInPlace) {
+  Piece p = piece_of(get_basedir, "/a/b/c.so");
+  EXPECT_EQ(p.text, "/a/b");
+  EXPECT_EQ(p.offset, 0);
+  EXPECT_EQ(p.buffer, "/a/b");
+  EXPECT_EQ(piece_of(get_basedir, "/x").text, "/");
+  EXPECT_EQ(piece_of(get_basedir, "/a/b/").text, "/a");
+  p = piece_of(get_basedir, "name");
+  EXPECT_EQ(p.text, ".");
+  EXPECT_EQ(p.buffer, "name");
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, BasedirOfAnEmptyOrNullPathIsNull) {
+  char empty[1] = "";
+  EXPECT_EQ(get_basedir(empty), nullptr);
+  EXPECT_EQ(get_basedir(nullptr), nullptr);
+  EXPECT_NO_LINES();
+}
+
+// ---------------------------------------------------------------------------
+// Shell commands.
+
+TEST_F(UtilsTest, ExecuteCmdLogsTheExitCodeTheCommandAndItsOutput) {
+  const char *cmd = "echo first line; echo second; exit 3";
+  EXPECT_EQ(execute_cmd(cmd), 3);
+  EXPECT_EQ(tarn_test::messages("info"),
+            std::vector<std::string>{format(
+                "exitcode:[3] cmd:[%s] cmd_result:[first line\nsecond]\n", cmd)});
+  EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
+}
+
+TEST_F(UtilsTest, ExecuteCmdLogsOnlyTheLastCommandsOutput) {
+  EXPECT_EQ(execute_cmd("echo earlier"), 0);
+  tarn_test::clear_logs();
+  EXPECT_EQ(execute_cmd("true"), 0);
+  EXPECT_LOGGED("info", "exitcode:[0] cmd:[true] cmd_result:[]\n");
+}
+
+TEST_F(UtilsTest, ExecuteCmdKeepsAtMostTheBuffersLengthOfOutput) {
+  const char *cmd = "head -c 150000 /dev/zero | tr '\\0' a";
+  EXPECT_EQ(execute_cmd(cmd), 0);
+  const std::string expected = std::string("exitcode:[0] cmd:[") + cmd + "] cmd_result:[" +
+                               std::string(102399, 'a') + "]\n";
+  EXPECT_EQ(tarn_test::messages("info"), std::vector<std::string>{expected});
+}
+
+TEST_F(UtilsTest, ExecuteCmdGivesTheShellsCodeForACommandNotFound) {
+  EXPECT_EQ(execute_cmd("/nonexistent/program"), 127);
+  EXPECT_LOGGED("info", "exitcode:[127] cmd:[/nonexistent/program] cmd_result:[]\n");
+}
+
+TEST_F(UtilsTest, ExecuteCmdRefusesANullCommand) {
+  EXPECT_EQ(execute_cmd(nullptr), -1);
+  EXPECT_EQ(tarn_test::messages("warn"), std::vector<std::string>{"Invalid input\n"});
+  EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
+}
+
+// ---------------------------------------------------------------------------
+// The child package manager, a real program: a script that writes each of
+// its arguments on a line of argv.txt beside it, prints how many it got and
+// exits with that number.
+
+class Packman {
+ public:
+  Packman() : dir_(tarn_test::make_temp_directory("packman")) {
+    EXPECT_TRUE(write_file(path(),
+                           "#!/bin/sh\n"
+                           "out=\"$(dirname \"$0\")/argv.txt\"\n"
+                           ": > \"$out\"\n"
+                           "for word in \"$@\"; do printf '%s\\n' \"$word\" >> \"$out\"; done\n"
+                           "echo \"packman got $# words\"\n"
+                           "exit $#\n",
+                           0755));
+  }
+  std::string path() const { return dir_ + "/packman"; }
+  bool ran() const { return exists(dir_ + "/argv.txt"); }
+  // The arguments that the last run received, in order.
+  std::vector<std::string> words() const {
+    std::vector<std::string> words;
+    const std::string text = read_file(dir_ + "/argv.txt");
+    size_t start = 0;
+    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+      words.push_back(text.substr(start, end - start));
+    }
+    return words;
+  }
+
+ private:
+  std::string dir_;
+};
+
+struct FreeHandle {
+  void operator()(argment_paras *handle) const { argment_paras_free_args(handle); }
+};
+using Handle = std::unique_ptr<argment_paras, FreeHandle>;
+
+Handle parse(std::initializer_list<const char *> words) {
+  tarn_test::Argv args(words);
+  Handle handle(argment_paras_create(args.argc(), args.argv()));
+  EXPECT_NE(handle, nullptr);
+  return handle;
+}
+
+// The two info lines of a run of line whose child got `count` words.
+std::vector<std::string> run_lines(const std::string &line, int count) {
+  const std::string n = std::to_string(count);
+  return {"run child packman, cmd is " + line + "\n",
+          "exitcode:[" + n + "] cmd:[" + line + "] cmd_result:[packman got " + n + " words]\n"};
+}
+
+TEST_F(UtilsTest, ExecuteCommandRunsTheChildWithPFirstThenTheOptions) {
+  Packman packman;
+  Handle handle = parse({"prog", "-a", "x", "-b"});
+  tarn_test::clear_logs();
+  EXPECT_EQ(execute_command(packman.path().c_str(), handle.get()), 4);
+  EXPECT_EQ(packman.words(), (std::vector<std::string>{"-p", "-a", "x", "-b"}));
+  EXPECT_EQ(tarn_test::messages("info"), run_lines(packman.path() + " -p -a x -b", 4));
+  EXPECT_EQ(tarn_test::logs().size(), 2u) << dump_logs();
+}
+
+TEST_F(UtilsTest, ExecuteCommandFollowsTheTableOrderNotTheCommandLine) {
+  Packman packman;
+  Handle handle = parse({"prog", "-b", "1", "-a", "2", "-b", "3", "-p", "z"});
+  tarn_test::clear_logs();
+  EXPECT_EQ(execute_command(packman.path().c_str(), handle.get()), 8);
+  EXPECT_EQ(packman.words(),
+            (std::vector<std::string>{"-p", "-b", "1", "3", "-a", "2", "-p", "z"}));
+  EXPECT_EQ(tarn_test::messages("info"), run_lines(packman.path() + " -p -b 1 3 -a 2 -p z", 8));
+}
+
+TEST_F(UtilsTest, ExecuteCommandKeepsAnArgumentWithBlanksOneWord) {
+  Packman packman;
+  Handle handle = parse({"prog", "-f", "my file", "-g", "a  b", "-h", " lead"});
+  tarn_test::clear_logs();
+  EXPECT_EQ(execute_command(packman.path().c_str(), handle.get()), 7);
+  EXPECT_EQ(packman.words(),
+            (std::vector<std::string>{"-p", "-f", "my file", "-g", "a  b", "-h", " lead"}));
+  EXPECT_EQ(tarn_test::messages("info"),
+            run_lines(packman.path() + " -p -f my\" \"file -g a\" \"\" \"b -h \" \"lead", 7));
+}
+
+TEST_F(UtilsTest, ExecuteCommandCutsAQuotedArgumentAtItsBuffer) {
+  Packman packman;
+  // Quoting happens in 1124 bytes: the copy keeps 1123, and the quote,
+  // blank, quote that replaces the blank pushes two more out.
+  const std::string argument = "a " + std::string(2000, 'b');
+  Handle handle = parse({"prog", "-a", argument.c_str()});
+  tarn_test::clear_logs();
+  EXPECT_EQ(execute_command(packman.path().c_str(), handle.get()), 3);
+  EXPECT_EQ(packman.words(), (std::vector<std::string>{"-p", "-a", "a " + std::string(1119, 'b')}));
+}
+
+TEST_F(UtilsTest, ExecuteCommandCutsTheLineAtItsBuffer) {
+  Packman packman;
+  // Two words after the program name: (2 + 1) * 1025 + 3 bytes, so the line
+  // keeps 3077 characters.
+  const std::string argument(5000, 'c');
+  Handle handle = parse({"prog", "-a", argument.c_str()});
+  tarn_test::clear_logs();
+  EXPECT_EQ(execute_command(packman.path().c_str(), handle.get()), 3);
+  const std::string prefix = packman.path() + " -p -a ";
+  const std::string kept(3077 - prefix.size(), 'c');
+  EXPECT_EQ(packman.words(), (std::vector<std::string>{"-p", "-a", kept}));
+  EXPECT_EQ(tarn_test::messages("info"), run_lines(prefix + kept, 3));
+}
+
+TEST_F(UtilsTest, ExecuteCommandRefusesANullProgramOrHandleSilently) {
+  Packman packman;
+  Handle handle = parse({"prog", "-a"});
+  tarn_test::clear_logs();
+  EXPECT_EQ(execute_command(nullptr, handle.get()), (int32_t)0xFFFFFFFF);
+  EXPECT_EQ(execute_command(packman.path().c_str(), nullptr), -1);
+  EXPECT_FALSE(packman.ran());
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, ExecuteCommandOutOfMemoryEndsTheProcessWithStatusZero) {
+  Packman packman;
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child([&packman] {
+    Handle handle = parse({"prog", "-a", "x"});
+    tarn_test::fail_allocation_after(0);
+    execute_command(packman.path().c_str(), handle.get());
+  });
+  EXPECT_TRUE(outcome.exited);
+  EXPECT_EQ(outcome.exit_status, 0);
+  ASSERT_FALSE(outcome.lines.empty());
+  EXPECT_EQ(outcome.lines.back().word, "fatal");
+  EXPECT_EQ(outcome.lines.back().message, "Out of memory\n");
+  EXPECT_FALSE(packman.ran());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 # 32-bit x86 Linux, built on an x86_64 Debian host with gcc's multilib
 # support (gcc-multilib, g++-multilib) and the i386 multiarch development
-# packages (libinih-dev:i386, libjansson-dev:i386, libsodium-dev:i386). scripts/setup-deps installs them.
+# packages (libinih-dev:i386, libjansson-dev:i386, libsodium-dev:i386) and the
+# runtime libuuid1:i386. scripts/setup-deps installs them.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 

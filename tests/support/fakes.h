@@ -49,7 +49,10 @@ void set_process_exists(int pid, bool exists);
 void clear_process_overrides();
 
 // The calls of tarn_zero_malloc_ and tarn_strdup since the last
-// reset_fakes (from any library or the test itself).
+// reset_fakes, made by the test itself or by the library objects linked into
+// the test program. The definitions are hidden, so calls made inside
+// libtarnbase.so (tarn_str_split, the containers) are neither counted nor
+// failed here: split_faults.h and container_faults.h reach those.
 unsigned allocation_calls();
 // Lets the next `succeeding` calls of tarn_zero_malloc_ and tarn_strdup
 // through and makes the one after fail (null, errno ENOMEM), once.

@@ -15,13 +15,17 @@
  * calls of the same stem, and jansson's own calls work on the same trees.
  *
  * Errors. A failed load returns null and sets errno:
- *   EINVAL   null path, or the text inside is not JSON that the flags accept
+ *   EINVAL   null path, or the text inside is not JSON that the flags
+ *            accept, or the path is neither a regular file nor a directory
+ *            (a named pipe is refused at once, without waiting for a writer)
  *   EBADMSG  not a protected file (too short, foreign header, plain JSON in
  *            a build that refuses it) or it fails authentication (changed,
  *            cut or appended bytes, another key)
  *   EFBIG    larger than QIV_EJS_MAX_FILE_SIZE
  *   ENOMEM   memory ran out
- *   other    the errno of opening or reading the file (ENOENT, EACCES...)
+ *   ENOSYS   libsodium could not be initialised
+ *   other    the errno of opening or reading the file (ENOENT, EACCES,
+ *            EISDIR for a directory...)
  * and, when an error record is given, fills it as jansson does: text says
  * what failed, source is the path, line, column and position are -1 for
  * failures that come before parsing.

@@ -1,7 +1,8 @@
-/* tarn_dirutils.h -- directories: creating a tree, and "@" paths.
+/* tarn_dirutils.h -- directories: creating, listing and removing a tree,
+ * and "@" paths.
  *
  * Results are 0 on success, otherwise a positive errno value; errno is also
- * set on failure.
+ * set on failure -- except tarn_dirutils_listdir, which says its own.
  */
 #ifndef TARN_DIRUTILS_H
 #define TARN_DIRUTILS_H
@@ -32,6 +33,46 @@ TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode);
  * fit. Returns 0, EINVAL (out untouched) for a null argument or out_len 0,
  * or ENAMETOOLONG when the output was cut (out then holds the cut text). */
 TARNBASE_API int tarn_dirutils_path_transform(const char *in, char *out, size_t out_len);
+
+/* The entry types that tarn_dirutils_listdir reports. A symbolic link has
+ * the type of what it points to; a dangling one is TARN_DIRUTILS_OTHER. */
+enum {
+  TARN_DIRUTILS_FILE = 0,  /* a regular file */
+  TARN_DIRUTILS_DIR = 1,   /* a directory */
+  TARN_DIRUTILS_OTHER = 2  /* anything else: device, pipe, socket, dangling link */
+};
+
+/* Called by tarn_dirutils_listdir for one entry: its type (above), its path
+ * (dir, a '/' unless dir already ends in one, and the entry's name; valid
+ * during the call only) and the caller's user pointer. Returns 0 to go on
+ * with the next entry, anything else to stop the walk. */
+typedef int (*tarn_dirutils_listdir_fn)(int type, const char *path, void *user);
+
+/* Calls callback for each entry of the directory dir, "." and ".."
+ * excepted, in the order of their names compared byte for byte (strcmp;
+ * "B" before "a"), not descending into subdirectories. The names are read
+ * first, so the callback may create or remove entries; an entry removed
+ * before its turn is skipped.
+ *
+ * Returns the non-zero value that callback returned when it stopped the
+ * walk, otherwise 0: after every entry was visited, and also when nothing
+ * could be listed. A search callback's "found" answer is thus never taken
+ * for a failure. errno tells the cases apart: after the call it is 0 when
+ * the directory was listed (whole or up to the stop), otherwise the reason:
+ * EINVAL (dir or callback null, dir empty), ENOENT, ENOTDIR, EACCES (the
+ * errno of opening or reading dir), ENOMEM. */
+TARNBASE_API int tarn_dirutils_listdir(const char *dir, void *user, tarn_dirutils_listdir_fn callback);
+
+/* Removes the directory path and everything below it. Symbolic links are
+ * removed as links and never followed, so nothing outside the tree is
+ * touched, even when a link inside it points to a directory elsewhere. path
+ * itself must be a directory, not a link to one. On a failure the walk goes
+ * on with the rest of the tree and the first failure is returned; what
+ * could be removed is gone. Returns 0; EINVAL for a null or empty path;
+ * ENOTDIR when path is not a directory (a file or a symbolic link: nothing
+ * is removed); or the errno of the first failed step (ENOENT for a missing
+ * path, EACCES, EBUSY, ...). */
+TARNBASE_API int tarn_dirutils_rmdir(const char *path);
 
 TARNBASE_END_DECLS
 

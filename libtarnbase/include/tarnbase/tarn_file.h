@@ -1,4 +1,5 @@
-/* tarn_file.h -- files: removing, copying, opening and opening to all users.
+/* tarn_file.h -- files: removing, copying, moving, opening and opening to
+ * all users.
  *
  * Results are 0 on success, otherwise a positive errno value, unless a
  * function says otherwise. errno is also set on failure.
@@ -29,6 +30,29 @@ TARNBASE_API int tarn_file_unlink(const char *path);
  * (ENOENT for a missing src or a missing directory of dst); on failure dst
  * is as it was and the temporary file is removed. */
 TARNBASE_API int tarn_file_copy(const char *src, const char *dst);
+
+/* Options of tarn_file_copy_ex. */
+#define TARN_FILE_COPY_REPLACE 0    /* replace dst, as tarn_file_copy does */
+#define TARN_FILE_COPY_NO_REPLACE 1 /* fail with EEXIST when anything is at dst */
+
+/* tarn_file_copy with an option: TARN_FILE_COPY_REPLACE copies exactly as
+ * tarn_file_copy; TARN_FILE_COPY_NO_REPLACE copies the same way but leaves
+ * an existing dst (a file, a directory, a link, even a dangling one) as it
+ * is and returns EEXIST; the test for dst and the placing of the copy are
+ * one step, so two processes copying to the same dst at once cannot both
+ * succeed. Returns as tarn_file_copy, and EINVAL for any other option. */
+TARNBASE_API int tarn_file_copy_ex(const char *src, const char *dst, int option);
+
+/* Moves the file src to dst, replacing dst. Within one file system this is
+ * rename(2): one step, and src may be of any kind (a directory too, over
+ * an empty directory or nothing). Across file systems (EXDEV) a regular
+ * file is copied as tarn_file_copy does (crash-safely, with its permission
+ * bits) and src is then removed; should that removal fail, dst holds the
+ * copy, src stays, and the error is returned. Returns 0, EINVAL for a null
+ * or empty argument, EXDEV for anything but a regular file across file
+ * systems, or the errno of the failed step (ENOENT for a missing src or a
+ * missing directory of dst, EISDIR, ENOTEMPTY...). */
+TARNBASE_API int tarn_file_rename(const char *src, const char *dst);
 
 /* fopen(3) with the descriptor closed on exec ("e" is added to mode), so
  * that programs started later do not inherit it. mode is fopen's ("r",

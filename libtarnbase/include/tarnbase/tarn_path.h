@@ -42,6 +42,37 @@ TARNBASE_API char *tarn_path_remove_name_w(char *path);
  * (null for a null path). */
 TARNBASE_API char *tarn_path_format_u(char *path);
 
+/* The extension of the last component of path (the text after the last
+ * '/'): a pointer into path at the last '.' of that component, so the
+ * extension is returned with its dot. When the last component has no dot
+ * the result points at path's terminating zero (an empty string), and a
+ * null path gives a static empty string; the result is never null.
+ *   "/tmp/a.tar.gz" -> ".gz"   "dir.d/name" -> ""   "a/" -> ""
+ *   ".ejs" -> ".ejs" (a leading dot counts like any other) */
+TARNBASE_API const char *tarn_path_get_ext_u(const char *path);
+
+/* Cuts the extension of the last component of path in place: the string
+ * ends at the last '.' of the text after the last '/'. A component without
+ * a dot is left as it is.
+ *   "/tmp/pkg.tgz" -> "/tmp/pkg"   "a.tar.gz" -> "a.tar"
+ *   "dir.d/name" -> "dir.d/name"   ".ejs" -> ""
+ * Returns path (null for a null path). */
+TARNBASE_API char *tarn_path_remove_ext_u(char *path);
+
+/* As tarn_path_remove_name_w with '/' as the only separator: a '\\' is
+ * text like any other character.
+ *   "/a/b/c.eni" -> "/a/b"    "/a//config/x.eni" -> "/a//config"   "/x" -> "/"
+ *   "a\\b/c" -> "a\\b"        "a\\b" -> ""                       "" -> ""
+ * Returns path (null for a null path). */
+TARNBASE_API char *tarn_path_remove_name_u(char *path);
+
+/* The last component of path: a pointer into path just after its last
+ * '/', or path itself when it holds none. A path that ends in '/' gives an
+ * empty string (its terminating zero); a null path gives a static empty
+ * string, so the result is never null.
+ *   "/dir/core.ejs" -> "core.ejs"   "core.ejs" -> "core.ejs"   "/dir/" -> "" */
+TARNBASE_API const char *tarn_path_get_name_u(const char *path);
+
 TARNBASE_END_DECLS
 
 #endif

@@ -1,5 +1,5 @@
-/* tarn_str.h -- bounded string formatting, copying, comparison and
- * splitting.
+/* tarn_str.h -- bounded string formatting, copying, comparison,
+ * splitting and replacing.
  *
  * Every function here that writes into a caller's buffer always terminates
  * its output (when it is given room for at least the terminator) and never
@@ -63,6 +63,26 @@ TARNBASE_API char **tarn_str_split(const char *str, const char *sep, uint32_t *c
 /* Frees an array from tarn_str_split and its count pieces. Null is
  * ignored. */
 TARNBASE_API void tarn_str_split_free(char **pieces, uint32_t count);
+
+/* Replaces old_str with new_str in the string in buf, in place; buf holds
+ * buf_len bytes in all. With all non-zero every occurrence is replaced,
+ * with all 0 only the first. The search goes on after each inserted text,
+ * so new_str may contain old_str ("a" -> "aa" doubles each "a" once).
+ * Text that no longer fits is cut silently at buf_len - 1 bytes (the rest
+ * of the string first, then new_str itself, after which nothing more is
+ * replaced); buf is always terminated. When buf holds no terminator within
+ * its buf_len bytes, buf[buf_len - 1] is set to zero first. new_str must
+ * not lie within buf.
+ * Example: with all set, replacing each blank in  a b c  by quote, blank,
+ * quote gives  a" "b" "c .
+ * Returns the number of occurrences replaced (0 when there is none), or -1
+ * with errno EINVAL, writing nothing, when buf, old_str or new_str is null,
+ * old_str is empty or buf_len is 0. */
+TARNBASE_API int tarn_str_replace(char *buf, size_t buf_len, const char *old_str,
+                                  const char *new_str, int all);
+
+/* The number of bytes before the terminating zero of s; 0 for a null s. */
+TARNBASE_API size_t tarn_strlen(const char *s);
 
 TARNBASE_END_DECLS
 

@@ -1,0 +1,39 @@
+/* com_info_internal.h -- internals of the component manifest family, shared
+ * with the version reader and the tests. Not exported.
+ */
+#ifndef TARNAUX_COM_INFO_INTERNAL_H
+#define TARNAUX_COM_INFO_INTERNAL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+
+#include <qiv_ejs/qiv_ejs.h>
+
+#include "com_info.h"
+
+/* A manifest's JSON tree, deleted with its owner. */
+struct JsonTreeDelete {
+  void operator()(json_t *tree) const { qiv_json_delete_ejs(tree); }
+};
+using JsonTree = std::unique_ptr<json_t, JsonTreeDelete>;
+
+/* The loader of a manifest's "platform_version" requirement. It stores
+ * nothing, on purpose: the requirement is accepted in any shape and has no
+ * effect on the record. Returns 0 when info is not null, 1 otherwise. */
+int32_t load_plat_support_info(const json_t *value, com_info_var *info);
+
+/* The package name that an archive path gives (get_basename of a copy of
+ * archive made in buf, which holds len bytes): a pointer into buf, or null
+ * when there is none or it is empty, "." or "..": the unpack cache
+ * "<dest>/<name>" must never name the destination itself or its parent,
+ * since it is removed after a failed unpack. */
+const char *archive_package_name(const char *archive, char *buf, size_t len);
+
+/* Logs at info "remove unpack cache dir [%s]" with path and removes the
+ * directory path with everything in it (a failure is not reported): the
+ * half-unpacked package of a failed unpack, so that a retry starts clean. */
+void remove_unpack_cache(const char *path);
+
+#endif

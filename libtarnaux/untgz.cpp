@@ -1,0 +1,320 @@
+// Unpacks a gzip-compressed tar archive in one pass over the decompressed
+// stream: one 512-byte block at a time, regular files and directories only,
+// and nothing written outside the destination directory.
+
+#include "untgz.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <memory>
+
+#include <tarnbase/tarn_dirutils.h>
+#include <tarnbase/tarn_file.h>
+#include <tarnbase/tarn_path.h>
+#include <tarnbase/tarn_str.h>
+
+#include "log_frame.h"
+#include "tarn_utils.h"
+
+namespace {
+
+constexpr int kBlockSize = 512;
+constexpr size_t kPathSize = 1024;
+constexpr int kDestinationMode = 0755;
+
+// The header fields that are read: offset and length.
+constexpr size_t kModeOffset = 100;
+constexpr size_t kModeLength = 8;
+constexpr size_t kSizeOffset = 124;
+constexpr size_t kSizeLength = 12;
+constexpr size_t kTypeOffset = 156;
+
+// Reads an octal text field of at most length characters: a zero byte ends
+// it, blanks are skipped, any other character than '0'..'7' makes it
+// invalid. Twelve digits at most, so the value fits.
+bool parse_octal(const unsigned char *field, size_t length, uint64_t *value) {
+  uint64_t result = 0;
+  for (size_t i = 0; i < length && field[i] != '\0'; ++i) {
+    if (field[i] == ' ') continue;
+    if (field[i] < '0' || field[i] > '7') return false;
+    result = result * 8 + (uint64_t)(field[i] - '0');
+  }
+  *value = result;
+  return true;
+}
+
+// A member name that could leave the destination: absolute, with a ".."
+// component, or missing (cut off by the path buffer).
+bool is_unsafe_name(const char *relative) {
+  if (relative == nullptr || relative[0] == '/') return true;
+  for (const char *piece = relative; *piece != '\0';) {
+    const char *end = strchrnul(piece, '/');
+    if (end - piece == 2 && piece[0] == '.' && piece[1] == '.') return true;
+    piece = *end == '/' ? end + 1 : end;
+  }
+  return false;
+}
+
+bool is_inside(const char *resolved, const char *root) {
+  const size_t length = strlen(root);
+  if (length == 0) return false;  // the destination could not be resolved
+  if (strcmp(root, "/") == 0) return true;
+  return strncmp(resolved, root, length) == 0 &&
+         (resolved[length] == '\0' || resolved[length] == '/');
+}
+
+// Checks each existing component of path from offset start on. Returns
+// true when the member may be created; false, with the offending prefix of
+// path in link, when a component is a symbolic link whose target is not
+// inside root, cannot be resolved, or, for a file, is the file itself.
+// The first component that does not exist ends the walk: what follows will
+// be created as plain directories.
+bool links_stay_inside(const char *path, size_t start, bool is_file, const char *root,
+                       char (&link)[kPathSize]) {
+  tarn_strlcpy(link, path, sizeof(link));
+  size_t length = strlen(link);
+  while (length > start && link[length - 1] == '/') --length;
+  for (size_t end = start; end <= length; ++end) {
+    if ((end < length && link[end] != '/') || end == start || link[end - 1] == '/') continue;
+    const char kept = link[end];
+    link[end] = '\0';
+    struct stat st;
+    if (lstat(link, &st) != 0) return true;
+    if (S_ISLNK(st.st_mode)) {
+      char resolved[PATH_MAX];
+      if ((is_file && end == length) || realpath(link, resolved) == nullptr ||
+          !is_inside(resolved, root))
+        return false;
+    }
+    link[end] = kept;
+  }
+  return true;
+}
+
+// Opens path for writing like fopen "wb", but never through a symbolic
+// link at path itself, and closed on exec.
+FILE *open_for_writing(const char *path) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  FILE *file = fdopen(fd, "wb");
+  if (file == nullptr) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return file;
+}
+
+struct FileCloser {
+  void operator()(FILE *file) const { fclose(file); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+// The state of one extraction.
+class Extraction {
+ public:
+  explicit Extraction(const char *destination)
+      : destination_(destination), destination_length_(strlen(destination)) {
+    if (realpath(destination, root_) == nullptr) root_[0] = '\0';
+  }
+
+  // Reads the stream to its end or first error, closes it, and returns the
+  // call's result.
+  int32_t run(gzFile stream);
+
+ private:
+  // What a header block leads to.
+  enum class Next { kGoOn, kStop };
+
+  Next handle_header();
+  void make_directory(const char *name);
+  void start_file(const char *name);
+  void handle_data();
+  void finish_file(bool apply_mode);
+  void write_failed();
+  bool admit(const char *name, bool is_file);
+  void join(const char *name) {
+    tarn_str_snprintf(path_, sizeof(path_), "%s/%s", destination_, name);
+  }
+
+  const char *destination_;
+  size_t destination_length_;
+  char root_[PATH_MAX];  // the destination, resolved; "" when it cannot be
+  int32_t result_ = 0;
+  bool refused_ = false;  // a member was refused; extraction went on
+  bool expect_header_ = true;
+  uint32_t remaining_ = 0;  // data bytes of the current file (or refused member)
+  FilePtr out_;
+  int mode_ = 0;
+  char path_[kPathSize] = {};
+  // One block, and a zero after it: a name without a terminator stops there.
+  unsigned char block_[kBlockSize + 1] = {};
+};
+
+int32_t Extraction::run(gzFile stream) {
+  bool quiet = false;  // the end needs no "broken archive" line
+  while (result_ == 0) {
+    const int got = gzread(stream, block_, kBlockSize);
+    if (got < 0) {
+      int code = 0;
+      LOG(warn, "read tgz failed, err: %s", gzerror(stream, &code));
+      gzclose(stream);
+      return 1;
+    }
+    if (got < kBlockSize) {
+      // The stream ended: this is the last pass. The missing bytes of a
+      // partial block read as zero.
+      result_ = 1;
+      memset(block_ + got, 0, (size_t)(kBlockSize - got));
+    }
+    if (expect_header_) {
+      if (got == 0 || handle_header() == Next::kStop) {
+        quiet = true;
+        break;
+      }
+    } else if (got < kBlockSize) {
+      out_.reset();  // cut short: it stays, without its mode
+    } else {
+      handle_data();
+    }
+  }
+  if (result_ != 0 && !quiet) LOG(warn, "broken archive\n");
+  if (gzclose(stream) != Z_OK) LOG(warn, "failed gzclose\n");
+  out_.reset();
+  return result_ != 0 || refused_ ? 1 : 0;
+}
+
+Extraction::Next Extraction::handle_header() {
+  if (block_[0] == '\0') return Next::kStop;  // the end block
+  uint64_t mode = 0;
+  if (!parse_octal(block_ + kModeOffset, kModeLength, &mode)) {
+    result_ = 1;
+    return Next::kStop;
+  }
+  mode_ = (int)mode;
+  const char *name = (const char *)block_;
+  switch (block_[kTypeOffset]) {
+    case '5':
+      make_directory(name);
+      break;
+    case '0':
+    case '\0':
+      start_file(name);
+      break;
+    default:
+      // Links, devices, long names, extended headers: ignored, and their
+      // data blocks (if any) are not skipped.
+      break;
+  }
+  return Next::kGoOn;
+}
+
+bool Extraction::admit(const char *name, bool is_file) {
+  join(name);
+  const char *relative =
+      strlen(path_) > destination_length_ + 1 ? path_ + destination_length_ + 1 : nullptr;
+  if (is_unsafe_name(relative)) {
+    LOG(warn, "unsafe member name %s -- skipping\n", name);
+    refused_ = true;
+    return false;
+  }
+  char link[kPathSize];
+  if (!links_stay_inside(path_, destination_length_ + 1, is_file, root_, link)) {
+    LOG(warn, "member %s goes through symbolic link %s -- skipping\n", name, link);
+    refused_ = true;
+    return false;
+  }
+  return true;
+}
+
+void Extraction::make_directory(const char *name) {
+  if (!admit(name, false)) return;
+  tarn_dirutils_mkdir(path_, mode_);
+}
+
+void Extraction::start_file(const char *name) {
+  uint64_t size = 0;
+  // The data count is a signed 32-bit value; a larger size cannot be read.
+  if (!parse_octal(block_ + kSizeOffset, kSizeLength, &size) || size > INT32_MAX) {
+    result_ = 1;
+    return;
+  }
+  if (!admit(name, true)) {
+    // Its data blocks are read and dropped.
+    remaining_ = (uint32_t)size;
+    expect_header_ = size == 0;
+    return;
+  }
+  // The directory gets the file's own mode, as it always has.
+  const char *directory = get_basedir(path_);
+  if (tarn_dirutils_mkdir(directory, mode_) != 0) {
+    const int error = errno;
+    LOG(warn, "make base dir %s failed, errcode:0x%x\n", directory, error);
+  }
+  join(name);
+  out_.reset(open_for_writing(path_));
+  if (!out_) {
+    const int error = errno;
+    LOG(warn, "Couldn't create %s, errcode:0x%x\n", path_, error);
+    result_ = 1;
+    return;
+  }
+  if (size == 0) {
+    finish_file(true);
+    return;
+  }
+  remaining_ = (uint32_t)size;
+  expect_header_ = false;
+}
+
+void Extraction::handle_data() {
+  const int32_t left = (int32_t)remaining_;
+  const size_t count = left < kBlockSize ? (size_t)left : (size_t)kBlockSize;
+  if (out_ && fwrite(block_, 1, count, out_.get()) < count) write_failed();
+  remaining_ -= (uint32_t)count;
+  if (remaining_ != 0) return;
+  if (out_) finish_file(result_ == 0);
+  expect_header_ = true;
+}
+
+// Closes the current file, applying its mode when asked. Buffered data
+// that cannot be written out counts as a failed write.
+void Extraction::finish_file(bool apply_mode) {
+  if (fflush(out_.get()) != 0) {
+    write_failed();
+    return;
+  }
+  // Through the open descriptor: a path could meanwhile name something else.
+  if (apply_mode) fchmod(fileno(out_.get()), (mode_t)mode_);
+  out_.reset();
+}
+
+void Extraction::write_failed() {
+  const int error = errno;
+  LOG(warn, "Error writing %s -- skipping, errcode:0x%x\n", path_, error);
+  out_.reset();
+  tarn_file_unlink(path_);
+  result_ = 1;
+}
+
+}  // namespace
+
+TARNAUX_API int32_t untgz_file(const char *tgz_path, const char *dest_dir) {
+  if (tgz_path == nullptr) return 1;
+  const char *destination = dest_dir != nullptr ? dest_dir : ".";
+  if (tarn_path_is_dir_u(destination) == 0) tarn_dirutils_mkdir(destination, kDestinationMode);
+  gzFile stream = gzopen(tgz_path, "rbe");
+  if (stream == nullptr) {
+    LOG(warn, "canot open file [%s]\n", tgz_path);
+    return 1;
+  }
+  Extraction extraction(destination);
+  return extraction.run(stream);
+}

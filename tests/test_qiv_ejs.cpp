@@ -1,0 +1,729 @@
+// The protected-JSON loader through libqiv_ejs.so: sealing and loading back,
+// the accessors against jansson's own calls, the loader's flags and error
+// record, every way a file can fail to open, and crash-safe sealing.
+//
+// Two variants of the loader are loaded beside the library with dlopen
+// (built by qiv_ejs_variant in libqiv_ejs/CMakeLists.txt): one with another
+// key, for files sealed under the wrong key, and one built to load plain
+// JSON as well.
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <qiv_ejs/qiv_ejs.h>
+
+#include "child_process.h"
+#include "files.h"
+
+namespace {
+
+using tarn_test::fork_child;
+using tarn_test::list_directory;
+using tarn_test::make_temp_directory;
+using tarn_test::read_file;
+using tarn_test::reap;
+using tarn_test::write_file;
+
+constexpr size_t kHeaderSize = 8;
+constexpr size_t kNonceSize = 24;
+constexpr size_t kTagSize = 16;
+constexpr size_t kOverhead = kHeaderSize + kNonceSize + kTagSize;
+const std::string kHeader("QIVEJS\0\1", 8);
+
+const char kManifest[] =
+    "{\n  \"package\": \"tarn_base\",\n  \"version\": \"1.2.3\",\n"
+    "  \"files\": [\"bin/a\", \"lib/b.so\"],\n  \"count\": 2\n}\n";
+
+// A loader variant opened with dlopen, with the library's functions under
+// their own names.
+class Variant {
+ public:
+  explicit Variant(const char *path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
+    if (handle_ == nullptr) return;
+    seal_file = symbol<decltype(seal_file)>("qiv_ejs_seal_file");
+    open_file = symbol<decltype(open_file)>("qiv_ejs_open_file");
+    free_text = symbol<decltype(free_text)>("qiv_ejs_free");
+    load_ex = symbol<decltype(load_ex)>("qiv_json_load_file_ejs_ex");
+    dump_file = symbol<decltype(dump_file)>("qiv_json_dump_file_ejs");
+  }
+  ~Variant() {
+    if (handle_ != nullptr) dlclose(handle_);
+  }
+  Variant(const Variant &) = delete;
+  Variant &operator=(const Variant &) = delete;
+
+  bool ok() const {
+    return seal_file != nullptr && open_file != nullptr && free_text != nullptr && load_ex != nullptr &&
+           dump_file != nullptr;
+  }
+
+  decltype(&qiv_ejs_seal_file) seal_file = nullptr;
+  decltype(&qiv_ejs_open_file) open_file = nullptr;
+  decltype(&qiv_ejs_free) free_text = nullptr;
+  decltype(&qiv_json_load_file_ejs_ex) load_ex = nullptr;
+  decltype(&qiv_json_dump_file_ejs) dump_file = nullptr;
+
+ private:
+  template <typename Fn>
+  Fn symbol(const char *name) {
+    return reinterpret_cast<Fn>(dlsym(handle_, name));
+  }
+  void *handle_;
+};
+
+// What a load gave: the tree (released with the object), errno and the
+// error record.
+struct Loaded {
+  json_t *tree = nullptr;
+  int error = 0;
+  json_error_t record;
+
+  Loaded() { memset(&record, 0x55, sizeof(record)); }
+  ~Loaded() { json_decref(tree); }
+  Loaded(const Loaded &) = delete;
+  Loaded &operator=(const Loaded &) = delete;
+};
+
+void load_into(Loaded *loaded, decltype(&qiv_json_load_file_ejs_ex) load, const std::string &path,
+               size_t flags) {
+  errno = 0;
+  loaded->tree = load(path.c_str(), flags, &loaded->record);
+  loaded->error = errno;
+}
+
+// What qiv_ejs_open_file (or a variant's) gave.
+struct Opened {
+  int result = 0;
+  int error = 0;
+  std::string text;
+};
+
+Opened open_with(decltype(&qiv_ejs_open_file) open, decltype(&qiv_ejs_free) release,
+                 const std::string &path) {
+  Opened opened;
+  char *text = nullptr;
+  size_t length = 0;
+  errno = 0;
+  opened.result = open(path.c_str(), &text, &length);
+  opened.error = errno;
+  if (opened.result == 0) {
+    EXPECT_NE(nullptr, text);
+    EXPECT_EQ('\0', text[length]) << "the text is zero-terminated";
+    opened.text.assign(text, length);
+    release(text);
+  }
+  return opened;
+}
+
+Opened open_text(const std::string &path) { return open_with(qiv_ejs_open_file, qiv_ejs_free, path); }
+
+std::string string_member(const json_t *object, const char *key) {
+  const char *value = qiv_json_string_value_ejs(qiv_json_object_get_ejs(object, key));
+  return value != nullptr ? value : "<none>";
+}
+
+mode_t mode_of(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : (mode_t)-1;
+}
+
+class QivEjsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = make_temp_directory("qiv_ejs");
+    ASSERT_FALSE(dir_.empty());
+  }
+  std::string at(const std::string &name) const { return dir_ + "/" + name; }
+
+  // Seals text into the file name and returns its path.
+  std::string sealed(const std::string &name, const std::string &text) {
+    const std::string path = at(name);
+    EXPECT_EQ(0, qiv_ejs_seal_file(path.c_str(), text.data(), text.size()));
+    return path;
+  }
+
+  // Loads path through the library.
+  void load(Loaded *loaded, const std::string &path, size_t flags = 0) {
+    load_into(loaded, qiv_json_load_file_ejs_ex, path, flags);
+  }
+
+  // Expects a load of path to fail with error before parsing, giving a null
+  // tree and an error record of reason (text), path (source) and -1s.
+  void expect_refused(const std::string &path, int error, const std::string &reason) {
+    SCOPED_TRACE(path);
+    Loaded loaded;
+    load(&loaded, path);
+    EXPECT_EQ(nullptr, loaded.tree);
+    EXPECT_EQ(error, loaded.error);
+    EXPECT_EQ(reason + ": " + strerror(error), loaded.record.text);
+    EXPECT_EQ(path, loaded.record.source);
+    EXPECT_EQ(-1, loaded.record.line);
+    EXPECT_EQ(-1, loaded.record.column);
+    EXPECT_EQ(-1, loaded.record.position);
+    errno = 0;
+    EXPECT_EQ(nullptr, qiv_json_load_file_ejs(path.c_str()));
+    EXPECT_EQ(error, errno);
+    const Opened opened = open_text(path);
+    EXPECT_EQ(-1, opened.result);
+    EXPECT_EQ(error, opened.error);
+  }
+
+  std::string dir_;
+};
+
+// ---------------------------------------------------------------------------
+// Sealing and loading back
+
+TEST_F(QivEjsTest, ASealedFileLoadsAsTheTree) {
+  const std::string path = sealed("m.ejs", kManifest);
+  json_t *tree = qiv_json_load_file_ejs(path.c_str());
+  ASSERT_NE(nullptr, tree);
+  EXPECT_EQ("tarn_base", string_member(tree, "package"));
+  EXPECT_EQ("1.2.3", string_member(tree, "version"));
+  const json_t *files = qiv_json_object_get_ejs(tree, "files");
+  ASSERT_EQ(2u, qiv_json_array_size_ejs(files));
+  EXPECT_STREQ("lib/b.so", qiv_json_string_value_ejs(qiv_json_array_get_ejs(files, 1)));
+  EXPECT_EQ(2, json_integer_value(qiv_json_object_get_ejs(tree, "count")));
+  qiv_json_decref_ejs(tree);
+}
+
+TEST_F(QivEjsTest, OpenFileGivesTheSealedTextExactly) {
+  const std::string texts[] = {kManifest, "[1,2 ,3]", "{ \"z\":1,\"a\" :2 }\r\n\n",
+                               "{\"name\": \"caf\xc3\xa9\"}", std::string("a\0b", 3), ""};
+  for (const std::string &text : texts) {
+    const std::string path = sealed("t.ejs", text);
+    const Opened opened = open_text(path);
+    EXPECT_EQ(0, opened.result);
+    EXPECT_EQ(text, opened.text);
+  }
+}
+
+TEST_F(QivEjsTest, AnEmptyTextMayBeGivenAsNull) {
+  const std::string path = at("empty.ejs");
+  ASSERT_EQ(0, qiv_ejs_seal_file(path.c_str(), nullptr, 0));
+  EXPECT_EQ(kOverhead, read_file(path).size());
+  const Opened opened = open_text(path);
+  EXPECT_EQ(0, opened.result);
+  EXPECT_EQ("", opened.text);
+  // Opened and authentic, but no JSON.
+  Loaded loaded;
+  load(&loaded, path);
+  EXPECT_EQ(nullptr, loaded.tree);
+  EXPECT_EQ(EINVAL, loaded.error);
+}
+
+TEST_F(QivEjsTest, DumpFileSealsJanssonsEncodingAndLoadsBackEqual) {
+  json_t *tree = json_pack("{s:s, s:s, s:[s,s], s:i}", "version", "2.0.1", "package", "tarn_sys",
+                           "files", "x", "y", "size", 42);
+  ASSERT_NE(nullptr, tree);
+  const std::string path = at("dump.ejs");
+  const size_t flags = JSON_INDENT(2) | JSON_SORT_KEYS;
+  ASSERT_EQ(0, qiv_json_dump_file_ejs(tree, path.c_str(), flags));
+  char *expected = json_dumps(tree, flags);
+  ASSERT_NE(nullptr, expected);
+  EXPECT_EQ(std::string(expected), open_text(path).text);
+  free(expected);
+  json_t *loaded = qiv_json_load_file_ejs(path.c_str());
+  ASSERT_NE(nullptr, loaded);
+  EXPECT_TRUE(json_equal(tree, loaded));
+  qiv_json_decref_ejs(loaded);
+  json_decref(tree);
+}
+
+TEST_F(QivEjsTest, DumpFileRefusesWhatJanssonCannotEncodeAndNullArguments) {
+  json_t *bare = json_string("bare");
+  const std::string path = at("dump.ejs");
+  errno = 0;
+  EXPECT_EQ(-1, qiv_json_dump_file_ejs(bare, path.c_str(), 0));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_FALSE(tarn_test::exists(path));
+  // With JSON_ENCODE_ANY it is sealed, and loads with JSON_DECODE_ANY.
+  ASSERT_EQ(0, qiv_json_dump_file_ejs(bare, path.c_str(), JSON_ENCODE_ANY));
+  Loaded loaded;
+  load(&loaded, path, JSON_DECODE_ANY);
+  EXPECT_STREQ("bare", qiv_json_string_value_ejs(loaded.tree));
+  errno = 0;
+  EXPECT_EQ(-1, qiv_json_dump_file_ejs(nullptr, path.c_str(), 0));
+  EXPECT_EQ(EINVAL, errno);
+  errno = 0;
+  EXPECT_EQ(-1, qiv_json_dump_file_ejs(bare, nullptr, 0));
+  EXPECT_EQ(EINVAL, errno);
+  json_decref(bare);
+}
+
+TEST_F(QivEjsTest, TheFileIsHeaderNonceCiphertextAndTag) {
+  const std::string path = sealed("m.ejs", kManifest);
+  const std::string bytes = read_file(path);
+  ASSERT_EQ(kOverhead + strlen(kManifest), bytes.size());
+  EXPECT_EQ(kHeader, bytes.substr(0, kHeaderSize));
+  EXPECT_EQ(std::string::npos, bytes.find("tarn_base")) << "the text is encrypted";
+  // A fresh random nonce each time: the same text seals differently.
+  const std::string again = read_file(sealed("m2.ejs", kManifest));
+  EXPECT_NE(bytes.substr(kHeaderSize, kNonceSize), again.substr(kHeaderSize, kNonceSize));
+  EXPECT_NE(bytes.substr(kHeaderSize + kNonceSize), again.substr(kHeaderSize + kNonceSize));
+}
+
+TEST_F(QivEjsTest, TheSealedFileIsReadableByAllWhateverTheUmask) {
+  const mode_t saved = umask(077);
+  const std::string path = sealed("m.ejs", kManifest);
+  umask(saved);
+  EXPECT_EQ(0644u, mode_of(path));
+  // Also when it replaces a file of another mode.
+  ASSERT_EQ(0, chmod(path.c_str(), 0600));
+  sealed("m.ejs", "[]");
+  EXPECT_EQ(0644u, mode_of(path));
+}
+
+TEST_F(QivEjsTest, SealingReplacesTheFileWholeAndLeavesNothingBeside) {
+  ASSERT_TRUE(write_file(at("m.ejs"), std::string(5000, 'x')));
+  const std::string path = sealed("m.ejs", "[1]");
+  EXPECT_EQ(kOverhead + 3, read_file(path).size());
+  EXPECT_EQ("[1]", open_text(path).text);
+  EXPECT_EQ(std::set<std::string>{"m.ejs"}, list_directory(dir_));
+}
+
+TEST_F(QivEjsTest, AFailedSealLeavesTheOldFileAndNoTemporary) {
+  // A directory that only root may write: the caller (nobody) cannot put
+  // the new file beside the old one.
+  const std::string path = sealed("m.ejs", kManifest);
+  const std::string before = read_file(path);
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  const pid_t pid = fork_child([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
+    errno = 0;
+    if (qiv_ejs_seal_file(path.c_str(), "[2]", 3) != -1) return 11;
+    return errno == EACCES ? 0 : 12;
+  });
+  EXPECT_EQ(0, reap(pid));
+  EXPECT_EQ(before, read_file(path));
+  EXPECT_EQ(kManifest, open_text(path).text);
+  EXPECT_EQ(std::set<std::string>{"m.ejs"}, list_directory(dir_));
+}
+
+TEST_F(QivEjsTest, SealRefusesBadArgumentsAndTooLongATextWithoutWriting) {
+  const std::string path = at("m.ejs");
+  struct Case {
+    const char *path;
+    const void *text;
+    size_t length;
+    int error;
+  } cases[] = {{nullptr, "[]", 2, EINVAL},
+               {path.c_str(), nullptr, 2, EINVAL},
+               {path.c_str(), "[]", QIV_EJS_MAX_FILE_SIZE - kOverhead + 1, EFBIG},
+               {path.c_str(), "[]", SIZE_MAX, EFBIG}};
+  for (const Case &c : cases) {
+    errno = 0;
+    EXPECT_EQ(-1, qiv_ejs_seal_file(c.path, c.text, c.length));
+    EXPECT_EQ(c.error, errno);
+  }
+  errno = 0;
+  EXPECT_EQ(-1, qiv_ejs_seal_file(at("missing/m.ejs").c_str(), "[]", 2));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_TRUE(list_directory(dir_).empty());
+}
+
+TEST_F(QivEjsTest, TheLargestTextThatFitsIsSealedAndLoads) {
+  std::string text = "[\"" + std::string(QIV_EJS_MAX_FILE_SIZE - kOverhead - 4, 'a') + "\"]";
+  const std::string path = sealed("big.ejs", text);
+  EXPECT_EQ(QIV_EJS_MAX_FILE_SIZE, read_file(path).size());
+  Loaded loaded;
+  load(&loaded, path);
+  ASSERT_NE(nullptr, loaded.tree);
+  EXPECT_EQ(text.size() - 4, strlen(qiv_json_string_value_ejs(qiv_json_array_get_ejs(loaded.tree, 0))));
+}
+
+// ---------------------------------------------------------------------------
+// The accessors answer as jansson does
+
+TEST(QivEjsAccessors, ObjectGetAnswersAsJansson) {
+  json_t *object = json_pack("{s:s, s:i}", "a", "x", "b", 1);
+  json_t *array = json_pack("[s]", "a");
+  json_t *string = json_string("a");
+  const json_t *values[] = {object, array, string, nullptr};
+  for (const json_t *value : values) {
+    for (const char *key : {"a", "b", "missing", "", static_cast<const char *>(nullptr)}) {
+      EXPECT_EQ(json_object_get(value, key), qiv_json_object_get_ejs(value, key))
+          << (key != nullptr ? key : "(null key)");
+    }
+  }
+  EXPECT_STREQ("x", json_string_value(qiv_json_object_get_ejs(object, "a")));
+  EXPECT_EQ(nullptr, qiv_json_object_get_ejs(array, "a"));
+  EXPECT_EQ(nullptr, qiv_json_object_get_ejs(object, nullptr));
+  json_decref(object);
+  json_decref(array);
+  json_decref(string);
+}
+
+TEST(QivEjsAccessors, ArraySizeAndGetAnswerAsJansson) {
+  json_t *array = json_pack("[s,i,n]", "a", 2);
+  json_t *empty = json_array();
+  json_t *object = json_pack("{s:s}", "0", "x");
+  const json_t *values[] = {array, empty, object, nullptr};
+  for (const json_t *value : values) {
+    EXPECT_EQ(json_array_size(value), qiv_json_array_size_ejs(value));
+    for (size_t index : {(size_t)0, (size_t)1, (size_t)2, (size_t)3, SIZE_MAX}) {
+      EXPECT_EQ(json_array_get(value, index), qiv_json_array_get_ejs(value, index)) << index;
+    }
+  }
+  EXPECT_EQ(3u, qiv_json_array_size_ejs(array));
+  EXPECT_EQ(0u, qiv_json_array_size_ejs(object));
+  EXPECT_EQ(nullptr, qiv_json_array_get_ejs(array, 3));
+  EXPECT_TRUE(json_is_null(qiv_json_array_get_ejs(array, 2)));
+  json_decref(array);
+  json_decref(empty);
+  json_decref(object);
+}
+
+TEST(QivEjsAccessors, StringValueAnswersAsJansson) {
+  json_t *string = json_string("text");
+  json_t *empty = json_string("");
+  json_t *number = json_integer(5);
+  json_t *object = json_object();
+  json_t *null = json_null();
+  const json_t *values[] = {string, empty, number, object, null, nullptr};
+  for (const json_t *value : values) {
+    EXPECT_EQ(json_string_value(value), qiv_json_string_value_ejs(value));
+  }
+  EXPECT_STREQ("text", qiv_json_string_value_ejs(string));
+  EXPECT_EQ(nullptr, qiv_json_string_value_ejs(number));
+  for (json_t *value : {string, empty, number, object, null}) json_decref(value);
+}
+
+TEST(QivEjsAccessors, DecrefDropsOneReferenceAndDeleteFreesAtOnce) {
+  json_t *tree = json_pack("{s:[i,i]}", "a", 1, 2);
+  json_incref(tree);
+  ASSERT_EQ(2u, tree->refcount);
+  qiv_json_decref_ejs(tree);
+  EXPECT_EQ(1u, tree->refcount);
+  EXPECT_EQ(2u, qiv_json_array_size_ejs(qiv_json_object_get_ejs(tree, "a")));
+  // Delete frees the tree although a second reference is still counted
+  // (the sanitizer build would report a leak otherwise).
+  json_incref(tree);
+  qiv_json_delete_ejs(tree);
+  qiv_json_decref_ejs(nullptr);
+  qiv_json_delete_ejs(nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Flags and the error record
+
+TEST_F(QivEjsTest, DecodeAnyAcceptsABareValueThatFlagsZeroRefuse) {
+  const std::string path = sealed("bare.ejs", "\"just text\"");
+  Loaded any;
+  load(&any, path, JSON_DECODE_ANY);
+  ASSERT_NE(nullptr, any.tree);
+  EXPECT_STREQ("just text", qiv_json_string_value_ejs(any.tree));
+
+  Loaded strict;
+  load(&strict, path, 0);
+  EXPECT_EQ(nullptr, strict.tree);
+  EXPECT_EQ(EINVAL, strict.error);
+  // The record is jansson's own for the same text, with the file as source.
+  json_error_t expected;
+  json_t *none = json_loads("\"just text\"", 0, &expected);
+  ASSERT_EQ(nullptr, none);
+  EXPECT_STREQ(expected.text, strict.record.text);
+  EXPECT_NE(std::string::npos, std::string(strict.record.text).find("'[' or '{' expected"))
+      << strict.record.text;
+  EXPECT_EQ(expected.line, strict.record.line);
+  EXPECT_EQ(expected.column, strict.record.column);
+  EXPECT_EQ(expected.position, strict.record.position);
+  EXPECT_EQ(path, strict.record.source);
+  errno = 0;
+  EXPECT_EQ(nullptr, qiv_json_load_file_ejs(path.c_str())) << "flags 0";
+  EXPECT_EQ(EINVAL, errno);
+}
+
+TEST_F(QivEjsTest, AParseErrorGivesJanssonsLineAndColumn) {
+  const char text[] = "{\n  \"a\": 1,\n  \"b\": ]\n}\n";
+  const std::string path = sealed("bad.ejs", text);
+  Loaded loaded;
+  load(&loaded, path);
+  EXPECT_EQ(nullptr, loaded.tree);
+  EXPECT_EQ(EINVAL, loaded.error);
+  json_error_t expected;
+  ASSERT_EQ(nullptr, json_loads(text, 0, &expected));
+  EXPECT_EQ(3, loaded.record.line);
+  EXPECT_EQ(expected.line, loaded.record.line);
+  EXPECT_EQ(expected.column, loaded.record.column);
+  EXPECT_STREQ(expected.text, loaded.record.text);
+  EXPECT_EQ(path, loaded.record.source);
+}
+
+TEST_F(QivEjsTest, OtherFlagsReachTheParser) {
+  const std::string path = sealed("dup.ejs", "{\"a\": 1, \"a\": 2}");
+  Loaded lenient;
+  load(&lenient, path, 0);
+  ASSERT_NE(nullptr, lenient.tree);
+  Loaded strict;
+  load(&strict, path, JSON_REJECT_DUPLICATES);
+  EXPECT_EQ(nullptr, strict.tree);
+  EXPECT_EQ(EINVAL, strict.error);
+}
+
+TEST_F(QivEjsTest, ASuccessfulLoadLeavesAnEmptyRecord) {
+  const std::string path = sealed("m.ejs", kManifest);
+  Loaded loaded;
+  load(&loaded, path);
+  ASSERT_NE(nullptr, loaded.tree);
+  EXPECT_STREQ("", loaded.record.text);
+  EXPECT_EQ(path, loaded.record.source);
+  EXPECT_EQ(-1, loaded.record.line);
+  EXPECT_EQ(-1, loaded.record.column);
+  EXPECT_EQ(0, loaded.record.position);
+}
+
+TEST_F(QivEjsTest, TheRecordIsOptional) {
+  const std::string good = sealed("m.ejs", kManifest);
+  json_t *tree = qiv_json_load_file_ejs_ex(good.c_str(), 0, nullptr);
+  EXPECT_NE(nullptr, tree);
+  qiv_json_decref_ejs(tree);
+  errno = 0;
+  EXPECT_EQ(nullptr, qiv_json_load_file_ejs_ex(at("missing").c_str(), 0, nullptr));
+  EXPECT_EQ(ENOENT, errno);
+}
+
+// ---------------------------------------------------------------------------
+// Files that do not open
+
+TEST_F(QivEjsTest, AFlippedByteAnywhereIsRefused) {
+  const std::string path = sealed("m.ejs", kManifest);
+  const std::string good = read_file(path);
+  const size_t size = good.size();
+  struct Case {
+    const char *part;
+    size_t offset;
+    const char *reason;
+  } cases[] = {{"header", 0, "not a protected file"},
+               {"header", 6, "not a protected file"},
+               {"header", 7, "not a protected file"},
+               {"nonce", kHeaderSize, "protected file failed authentication"},
+               {"nonce", kHeaderSize + kNonceSize - 1, "protected file failed authentication"},
+               {"ciphertext", kHeaderSize + kNonceSize, "protected file failed authentication"},
+               {"ciphertext", size / 2, "protected file failed authentication"},
+               {"tag", size - kTagSize, "protected file failed authentication"},
+               {"tag", size - 1, "protected file failed authentication"}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE(std::string(c.part) + " byte " + std::to_string(c.offset));
+    std::string bytes = good;
+    bytes[c.offset] = (char)(bytes[c.offset] ^ 0x01);
+    ASSERT_TRUE(write_file(path, bytes));
+    expect_refused(path, EBADMSG, c.reason);
+  }
+  ASSERT_TRUE(write_file(path, good));
+  EXPECT_EQ(kManifest, open_text(path).text) << "the unchanged file still opens";
+}
+
+TEST_F(QivEjsTest, ACutFileIsRefused) {
+  const std::string path = sealed("m.ejs", kManifest);
+  const std::string good = read_file(path);
+  struct Case {
+    size_t length;
+    const char *reason;
+  } cases[] = {{0, "not a protected file"},
+               {3, "not a protected file"},
+               {kHeaderSize - 1, "not a protected file"},
+               {kHeaderSize, "protected file is cut short"},
+               {kHeaderSize + 10, "protected file is cut short"},
+               {kHeaderSize + kNonceSize, "protected file is cut short"},
+               {kOverhead - 1, "protected file is cut short"},
+               {kOverhead, "protected file failed authentication"},
+               {good.size() - kTagSize, "protected file failed authentication"},
+               {good.size() - 1, "protected file failed authentication"}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE("cut at " + std::to_string(c.length));
+    ASSERT_TRUE(write_file(path, good.substr(0, c.length)));
+    expect_refused(path, EBADMSG, c.reason);
+  }
+}
+
+TEST_F(QivEjsTest, AnAppendedByteIsRefused) {
+  const std::string path = sealed("m.ejs", kManifest);
+  for (const std::string &tail : {std::string(1, '\0'), std::string("\n"), std::string(100, 'x')}) {
+    ASSERT_TRUE(write_file(path, read_file(sealed("m.ejs", kManifest)) + tail));
+    expect_refused(path, EBADMSG, "protected file failed authentication");
+  }
+}
+
+TEST_F(QivEjsTest, AnEmptyOrPlainJsonFileIsNotAProtectedFile) {
+  ASSERT_TRUE(write_file(at("empty.ejs"), ""));
+  expect_refused(at("empty.ejs"), EBADMSG, "not a protected file");
+  ASSERT_TRUE(write_file(at("plain.ejs"), kManifest));
+  expect_refused(at("plain.ejs"), EBADMSG, "not a protected file");
+}
+
+TEST_F(QivEjsTest, ADirectoryAMissingFileAndANamedPipeAreRefused) {
+  ASSERT_EQ(0, mkdir(at("dir.ejs").c_str(), 0755));
+  expect_refused(at("dir.ejs"), EISDIR, "cannot read file");
+  expect_refused(at("missing.ejs"), ENOENT, "cannot read file");
+  expect_refused(at("no/such/dir.ejs"), ENOENT, "cannot read file");
+  // A pipe without a writer would block a plain open; it is refused at once.
+  ASSERT_EQ(0, mkfifo(at("fifo.ejs").c_str(), 0644));
+  expect_refused(at("fifo.ejs"), EINVAL, "cannot read file");
+}
+
+TEST_F(QivEjsTest, AFileLargerThanTheLimitIsRefusedUnread) {
+  const std::string path = sealed("big.ejs", kManifest);
+  // A sealed head, then a hole up to one byte past the limit.
+  ASSERT_EQ(0, truncate(path.c_str(), (off_t)QIV_EJS_MAX_FILE_SIZE + 1));
+  expect_refused(path, EFBIG, "file too large");
+  // At the limit itself the size is no reason: it fails authentication.
+  ASSERT_EQ(0, truncate(path.c_str(), (off_t)QIV_EJS_MAX_FILE_SIZE));
+  expect_refused(path, EBADMSG, "protected file failed authentication");
+}
+
+TEST_F(QivEjsTest, AFileThatCannotBeReadIsRefusedWithTheErrnoOfOpening) {
+  const std::string path = sealed("m.ejs", kManifest);
+  ASSERT_EQ(0, chmod(path.c_str(), 0600));
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  const pid_t pid = fork_child([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
+    json_error_t record;
+    errno = 0;
+    if (qiv_json_load_file_ejs_ex(path.c_str(), 0, &record) != nullptr) return 11;
+    if (errno != EACCES) return 12;
+    return std::string(record.text) == std::string("cannot read file: ") + strerror(EACCES) ? 0 : 13;
+  });
+  EXPECT_EQ(0, reap(pid));
+}
+
+TEST_F(QivEjsTest, NullArgumentsAreEinval) {
+  Loaded loaded;
+  errno = 0;
+  loaded.tree = qiv_json_load_file_ejs_ex(nullptr, 0, &loaded.record);
+  EXPECT_EQ(nullptr, loaded.tree);
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_STREQ("wrong arguments", loaded.record.text);
+  EXPECT_STREQ("<null>", loaded.record.source);
+  EXPECT_EQ(-1, loaded.record.line);
+  errno = 0;
+  EXPECT_EQ(nullptr, qiv_json_load_file_ejs(nullptr));
+  EXPECT_EQ(EINVAL, errno);
+
+  const std::string path = sealed("m.ejs", kManifest);
+  char *text = nullptr;
+  size_t length = 0;
+  errno = 0;
+  EXPECT_EQ(-1, qiv_ejs_open_file(nullptr, &text, &length));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(-1, qiv_ejs_open_file(path.c_str(), nullptr, &length));
+  EXPECT_EQ(-1, qiv_ejs_open_file(path.c_str(), &text, nullptr));
+  qiv_ejs_free(nullptr);
+}
+
+TEST_F(QivEjsTest, AFailedOpenLeavesTheCallersTextAndLengthAlone) {
+  ASSERT_TRUE(write_file(at("plain.ejs"), kManifest));
+  char marker[] = "marker";
+  char *text = marker;
+  size_t length = 77;
+  EXPECT_EQ(-1, qiv_ejs_open_file(at("plain.ejs").c_str(), &text, &length));
+  EXPECT_EQ(marker, text);
+  EXPECT_EQ(77u, length);
+}
+
+// ---------------------------------------------------------------------------
+// Another key
+
+TEST_F(QivEjsTest, AFileSealedWithAnotherKeyIsRefusedBothWays) {
+  Variant other(QIV_EJS_OTHER_KEY_PATH);
+  ASSERT_TRUE(other.ok()) << dlerror();
+  // Sealed by the variant: it opens it, the library refuses it.
+  const std::string theirs = at("theirs.ejs");
+  ASSERT_EQ(0, other.seal_file(theirs.c_str(), kManifest, strlen(kManifest)));
+  EXPECT_EQ(kManifest, open_with(other.open_file, other.free_text, theirs).text);
+  expect_refused(theirs, EBADMSG, "protected file failed authentication");
+  // Sealed by the library: the variant refuses it.
+  const std::string ours = sealed("ours.ejs", kManifest);
+  Loaded loaded;
+  load_into(&loaded, other.load_ex, ours, 0);
+  EXPECT_EQ(nullptr, loaded.tree);
+  EXPECT_EQ(EBADMSG, loaded.error);
+  EXPECT_EQ(std::string("protected file failed authentication: ") + strerror(EBADMSG), loaded.record.text);
+  const Opened opened = open_with(other.open_file, other.free_text, ours);
+  EXPECT_EQ(-1, opened.result);
+  EXPECT_EQ(EBADMSG, opened.error);
+}
+
+TEST_F(QivEjsTest, AVariantsDumpSealsWithItsOwnKey) {
+  Variant other(QIV_EJS_OTHER_KEY_PATH);
+  ASSERT_TRUE(other.ok()) << dlerror();
+  json_t *tree = json_pack("{s:s}", "package", "x");
+  const std::string path = at("dump.ejs");
+  ASSERT_EQ(0, other.dump_file(tree, path.c_str(), 0));
+  json_decref(tree);
+  expect_refused(path, EBADMSG, "protected file failed authentication");
+  Loaded loaded;
+  load_into(&loaded, other.load_ex, path, 0);
+  ASSERT_NE(nullptr, loaded.tree);
+  EXPECT_EQ("x", string_member(loaded.tree, "package"));
+}
+
+// ---------------------------------------------------------------------------
+// A build that also loads plain JSON
+
+TEST_F(QivEjsTest, ThePlainBuildLoadsPlainJsonAsItStands) {
+  Variant plain(QIV_EJS_PLAIN_PATH);
+  ASSERT_TRUE(plain.ok()) << dlerror();
+  ASSERT_TRUE(write_file(at("plain.json"), kManifest));
+  Loaded loaded;
+  load_into(&loaded, plain.load_ex, at("plain.json"), 0);
+  ASSERT_NE(nullptr, loaded.tree);
+  EXPECT_EQ("tarn_base", string_member(loaded.tree, "package"));
+  EXPECT_EQ(kManifest, open_with(plain.open_file, plain.free_text, at("plain.json")).text);
+  // Plain text that is no JSON fails as a parse error.
+  ASSERT_TRUE(write_file(at("bad.json"), "{\"a\":"));
+  Loaded bad;
+  load_into(&bad, plain.load_ex, at("bad.json"), 0);
+  EXPECT_EQ(nullptr, bad.tree);
+  EXPECT_EQ(EINVAL, bad.error);
+  EXPECT_EQ(1, bad.record.line);
+}
+
+TEST_F(QivEjsTest, ThePlainBuildStillLoadsProtectedFilesAndRefusesTamperedOnes) {
+  Variant plain(QIV_EJS_PLAIN_PATH);
+  ASSERT_TRUE(plain.ok()) << dlerror();
+  const std::string path = sealed("m.ejs", kManifest);
+  Loaded loaded;
+  load_into(&loaded, plain.load_ex, path, 0);
+  ASSERT_NE(nullptr, loaded.tree);
+  EXPECT_EQ("1.2.3", string_member(loaded.tree, "version"));
+
+  const std::string good = read_file(path);
+  for (size_t offset : {kHeaderSize, kOverhead, good.size() - 1}) {
+    std::string bytes = good;
+    bytes[offset] = (char)(bytes[offset] ^ 0x80);
+    ASSERT_TRUE(write_file(path, bytes));
+    Loaded tampered;
+    load_into(&tampered, plain.load_ex, path, 0);
+    EXPECT_EQ(nullptr, tampered.tree) << offset;
+    EXPECT_EQ(EBADMSG, tampered.error) << offset;
+  }
+  // A changed header makes the file plain text, which is no JSON.
+  std::string bytes = good;
+  bytes[0] = 'X';
+  ASSERT_TRUE(write_file(path, bytes));
+  Loaded changed;
+  load_into(&changed, plain.load_ex, path, 0);
+  EXPECT_EQ(nullptr, changed.tree);
+  EXPECT_EQ(EINVAL, changed.error);
+  // A cut file too.
+  ASSERT_TRUE(write_file(path, good.substr(0, good.size() - 1)));
+  Loaded cut;
+  load_into(&cut, plain.load_ex, path, 0);
+  EXPECT_EQ(nullptr, cut.tree);
+  EXPECT_EQ(EBADMSG, cut.error);
+}
+
+}  // namespace

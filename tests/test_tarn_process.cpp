@@ -1,0 +1,244 @@
+// Starting programs without a shell through libtarnbase.so
+// (tarn_process_create): how a command line becomes an argument vector,
+// waiting for the exit status, running a program on its own, what the
+// program inherits, and the failures.
+//
+// The programs report through files in a fresh directory (or, for a
+// program that runs on its own, through a named pipe that the test reads
+// to its end), so no test waits on a clock.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+#include <tarnbase/tarn_process.h>
+
+#include "child_process.h"
+#include "files.h"
+
+namespace {
+
+using tarn_test::fork_child;
+using tarn_test::make_temp_directory;
+using tarn_test::read_file;
+using tarn_test::reap;
+using tarn_test::write_file;
+
+class ProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = make_temp_directory("tarn_process");
+    ASSERT_FALSE(dir_.empty());
+  }
+  std::string at(const std::string &name) const { return dir_ + "/" + name; }
+
+  // A command line that runs /bin/sh with a script writing each of its
+  // arguments as "[argument]" into the file out, followed by words.
+  std::string print_args(const std::string &out, const std::string &words) const {
+    return "/bin/sh -c 'for a; do printf \"[%s]\" \"$a\"; done > " + out + "' sh " + words;
+  }
+
+  // The arguments that words become, as print_args writes them.
+  std::string arguments_of(const std::string &words) {
+    const std::string out = at("args");
+    unlink(out.c_str());
+    EXPECT_EQ(0, tarn_process_create(print_args(out, words).c_str(), 1)) << words;
+    return read_file(out);
+  }
+
+  std::string dir_;
+};
+
+// Sets a signal's disposition for the life of the object.
+class Disposition {
+ public:
+  Disposition(int signal_number, void (*handler)(int)) : signal_(signal_number) {
+    saved_ = signal(signal_number, handler);
+  }
+  ~Disposition() { signal(signal_, saved_); }
+  Disposition(const Disposition &) = delete;
+  Disposition &operator=(const Disposition &) = delete;
+
+ private:
+  int signal_;
+  void (*saved_)(int);
+};
+
+// ---------------------------------------------------------------------------
+// Waiting
+
+TEST_F(ProcessTest, WaitingReturnsTheExitStatus) {
+  EXPECT_EQ(3, tarn_process_create("/bin/sh -c 'exit 3'", 1));
+  EXPECT_EQ(0, tarn_process_create("/bin/true", 1));
+  EXPECT_EQ(255, tarn_process_create("/bin/sh -c 'exit 255'", 7)) << "any non-zero wait waits";
+}
+
+TEST_F(ProcessTest, WaitingForAProgramEndedByASignalGives128PlusTheSignal) {
+  EXPECT_EQ(128 + SIGTERM, tarn_process_create("/bin/sh -c 'kill -TERM $$'", 1));
+  EXPECT_EQ(128 + SIGKILL, tarn_process_create("/bin/sh -c 'kill -KILL $$'", 1));
+}
+
+TEST_F(ProcessTest, AProgramWithoutASlashIsLookedUpInPath) {
+  EXPECT_EQ(5, tarn_process_create("sh -c 'exit 5'", 1));
+}
+
+// ---------------------------------------------------------------------------
+// Words
+
+TEST_F(ProcessTest, AnArgumentWithBlanksInQuotesArrivesAsOneArgument) {
+  EXPECT_EQ("[a b][c]", arguments_of("\"a b\" c"));
+  EXPECT_EQ("[a b][c]", arguments_of("'a b' c"));
+  EXPECT_EQ("[with  two  blanks]", arguments_of("\"with  two  blanks\""));
+}
+
+TEST_F(ProcessTest, TheBackupCommandLineShapeKeepsItsQuotedArgumentWhole) {
+  // bash -c '"tool" -b "argument"': the inner words reach the tool.
+  ASSERT_TRUE(write_file(at("tool"), "#!/bin/sh\nfor a; do printf '[%s]' \"$a\"; done > " + at("args") + "\n",
+                         0755));
+  const std::string command = "sh -c '\"" + at("tool") + "\" -b \"/var/backup dir/x y\"'";
+  EXPECT_EQ(0, tarn_process_create(command.c_str(), 1));
+  EXPECT_EQ("[-b][/var/backup dir/x y]", read_file(at("args")));
+}
+
+TEST_F(ProcessTest, BlanksOfAnyKindSeparateWordsAndRunsOfThemCountOnce) {
+  EXPECT_EQ("[a][b][c][d]", arguments_of("  a \t b\n\nc   d   "));
+}
+
+TEST_F(ProcessTest, SingleQuotesTakeEverythingLiterally) {
+  EXPECT_EQ("[$HOME \\n \"x\"]", arguments_of("'$HOME \\n \"x\"'"));
+}
+
+TEST_F(ProcessTest, DoubleQuotesKeepBackslashOnlyBeforeItsFourCharacters) {
+  EXPECT_EQ("[\" \\ $ `]", arguments_of("\"\\\" \\\\ \\$ \\`\""));
+  EXPECT_EQ("[\\n \\a]", arguments_of("\"\\n \\a\""));
+  EXPECT_EQ("[it's]", arguments_of("\"it's\""));
+}
+
+TEST_F(ProcessTest, ABackslashOutsideQuotesTakesTheNextCharacter) {
+  EXPECT_EQ("[a b]['][\\]", arguments_of("a\\ b \\' \\\\"));
+}
+
+TEST_F(ProcessTest, TouchingPiecesFormOneWordAndEmptyQuotesAnEmptyWord) {
+  EXPECT_EQ("[abcd]", arguments_of("a'b'\"c\"d"));
+  EXPECT_EQ("[][x][]", arguments_of("\"\" x ''"));
+}
+
+TEST_F(ProcessTest, NothingIsExpandedOrRedirected) {
+  EXPECT_EQ("[$HOME][*][~][>][out][|][;][&&]", arguments_of("$HOME * ~ > out | ; &&"));
+  EXPECT_FALSE(tarn_test::exists(at("out")));
+  // ';' separates no commands: the shell gets it as its $0, and /bin/true
+  // is never run.
+  EXPECT_EQ(1, tarn_process_create("/bin/sh -c 'exit 1' ; /bin/true", 1));
+}
+
+// ---------------------------------------------------------------------------
+// Running on its own
+
+TEST_F(ProcessTest, WithoutWaitingTheProgramRunsOnItsOwnAndTheResultIsZero) {
+  const std::string fifo = at("fifo");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  EXPECT_EQ(0, tarn_process_create(print_args(fifo, "\"a b\" c").c_str(), 0));
+  // The intermediate process was reaped and the program is not a child of
+  // the caller: nothing is left to wait for.
+  int status = 0;
+  errno = 0;
+  EXPECT_EQ(-1, waitpid(-1, &status, WNOHANG));
+  EXPECT_EQ(ECHILD, errno);
+  // The program runs: it writes its arguments into the pipe.
+  EXPECT_EQ("[a b][c]", read_file(fifo));
+}
+
+TEST_F(ProcessTest, WithoutWaitingAProgramThatCannotBeStartedIsMinusOne) {
+  errno = 0;
+  EXPECT_EQ(-1, tarn_process_create("/nonexistent/program", 0));
+  EXPECT_EQ(ENOENT, errno);
+  int status = 0;
+  EXPECT_EQ(-1, waitpid(-1, &status, WNOHANG)) << "no process is left behind";
+}
+
+// ---------------------------------------------------------------------------
+// What the program inherits
+
+TEST_F(ProcessTest, TheProgramInheritsNoDescriptorAboveTheStandardOnes) {
+  const int fd = open(dir_.c_str(), O_RDONLY);  // deliberately not close-on-exec
+  ASSERT_GT(fd, 2);
+  const std::string check = "/bin/sh -c '[ -e /proc/self/fd/" + std::to_string(fd) + " ] && exit 9; exit 0'";
+  EXPECT_EQ(0, tarn_process_create(check.c_str(), 1));
+  // The same check sees a descriptor that is there: fd 2.
+  EXPECT_EQ(9, tarn_process_create("/bin/sh -c '[ -e /proc/self/fd/2 ] && exit 9; exit 0'", 1));
+  close(fd);
+}
+
+TEST_F(ProcessTest, TheProgramGetsDefaultSignalHandlingAndAnEmptyMask) {
+  Disposition ignored(SIGTERM, SIG_IGN);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR1);
+  sigset_t saved;
+  ASSERT_EQ(0, sigprocmask(SIG_BLOCK, &blocked, &saved));
+  EXPECT_EQ(128 + SIGTERM, tarn_process_create("/bin/sh -c 'kill -TERM $$'", 1));
+  EXPECT_EQ(128 + SIGUSR1, tarn_process_create("/bin/sh -c 'kill -USR1 $$'", 1));
+  ASSERT_EQ(0, sigprocmask(SIG_SETMASK, &saved, nullptr));
+}
+
+TEST_F(ProcessTest, ACallerWithoutStandardStreamsStillLearnsTheResult) {
+  const pid_t pid = fork_child([] {
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    if (tarn_process_create("/bin/sh -c 'exit 4'", 1) != 4) return 10;
+    errno = 0;
+    if (tarn_process_create("/nonexistent/program", 1) != -1 || errno != ENOENT) return 11;
+    return 0;
+  });
+  EXPECT_EQ(0, reap(pid));
+}
+
+TEST_F(ProcessTest, ACallerThatIgnoresSigchldCannotWaitButCanStartOnItsOwn) {
+  Disposition ignored(SIGCHLD, SIG_IGN);
+  errno = 0;
+  EXPECT_EQ(-1, tarn_process_create("/bin/sh -c 'exit 3'", 1));
+  EXPECT_EQ(ECHILD, errno);
+  const std::string fifo = at("fifo");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  EXPECT_EQ(0, tarn_process_create(print_args(fifo, "x").c_str(), 0));
+  EXPECT_EQ("[x]", read_file(fifo));
+}
+
+// ---------------------------------------------------------------------------
+// Failures
+
+TEST_F(ProcessTest, AProgramThatCannotBeExecutedIsMinusOneWithItsErrno) {
+  ASSERT_TRUE(write_file(at("not_executable"), "#!/bin/sh\nexit 0\n", 0644));
+  struct Case {
+    std::string command;
+    int error;
+  };
+  const Case cases[] = {{"/nonexistent/program", ENOENT},
+                        {"no_such_program_anywhere_in_path", ENOENT},
+                        {at("not_executable"), EACCES},
+                        {dir_, EACCES}};
+  for (const Case &c : cases) {
+    errno = 0;
+    EXPECT_EQ(-1, tarn_process_create(c.command.c_str(), 1)) << c.command;
+    EXPECT_EQ(c.error, errno) << c.command;
+  }
+}
+
+TEST_F(ProcessTest, ACommandLineWithoutAWordOrWithAnOpenQuoteIsEinval) {
+  const char *cases[] = {nullptr, "", "   \t\n", "sh -c 'exit 1", "sh -c \"exit 1", "sh \\"};
+  for (const char *command : cases) {
+    errno = 0;
+    EXPECT_EQ(-1, tarn_process_create(command, 1)) << (command != nullptr ? command : "(null)");
+    EXPECT_EQ(EINVAL, errno);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,669 @@
+// Tests of untgz_file: archives are made at test time, either by the
+// system's tar and gzip programs or, for exact header fields and broken
+// archives, by writing the tar blocks here and compressing them with gzip.
+//
+// Failures are real: a file where a directory belongs, a directory that
+// an unprivileged caller cannot write (the test drops its DAC-override
+// capabilities for the call), and a small tmpfs mounted inside the test's
+// private mount namespace for a disk that fills up.
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <linux/capability.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fakes.h"
+#include "files.h"
+#include "log_checks.h"
+#include "untgz.h"
+
+namespace {
+
+using tarn_test::exists;
+using tarn_test::file_mode;
+using tarn_test::format;
+using tarn_test::list_directory;
+using tarn_test::make_dirs;
+using tarn_test::read_file;
+using tarn_test::write_file;
+
+constexpr size_t kBlock = 512;
+
+// One tar member as written here. mode and size are the raw texts of their
+// fields (cut to the field, zero-padded); an empty size is the data's length
+// in octal. The data is padded to whole blocks, whatever size says.
+struct Member {
+  Member(std::string name_, std::string data_ = "", char type_ = '0', std::string mode_ = "0000644",
+         std::string size_ = "")
+      : name(std::move(name_)), data(std::move(data_)), type(type_), mode(std::move(mode_)),
+        size(std::move(size_)) {}
+
+  std::string name;
+  std::string data;
+  char type;
+  std::string mode;
+  std::string size;
+  std::string link;
+  bool good_checksum = true;
+};
+
+void put(std::string &block, size_t offset, size_t length, const std::string &text) {
+  block.replace(offset, std::min(length, text.size()), text.substr(0, length));
+}
+
+std::string header_of(const Member &member) {
+  std::string block(kBlock, '\0');
+  put(block, 0, 100, member.name);
+  put(block, 100, 8, member.mode);
+  put(block, 108, 8, "0000000");  // uid
+  put(block, 116, 8, "0000000");  // gid
+  put(block, 124, 12, member.size.empty() ? format("%011zo", member.data.size()) : member.size);
+  put(block, 136, 12, "14567123456");  // mtime
+  block[156] = member.type;
+  put(block, 157, 100, member.link);
+  put(block, 257, 8, std::string("ustar\0" "00", 8));
+  // The checksum: the sum of all bytes with the checksum field as blanks.
+  put(block, 148, 8, "        ");
+  unsigned sum = 0;
+  for (unsigned char c : block) sum += c;
+  put(block, 148, 8, std::string(format("%06o", member.good_checksum ? sum : sum + 1)) + '\0' + ' ');
+  return block;
+}
+
+std::string padded(const std::string &data) {
+  return data + std::string((kBlock - data.size() % kBlock) % kBlock, '\0');
+}
+
+// The tar bytes of members, with the two zero blocks at the end or without.
+std::string tar_of(const std::vector<Member> &members, bool end_blocks = true) {
+  std::string tar;
+  for (const Member &member : members) tar += header_of(member) + padded(member.data);
+  if (end_blocks) tar += std::string(2 * kBlock, '\0');
+  return tar;
+}
+
+// Bytes that do not compress: a fixed pseudo-random sequence.
+std::string noise(size_t length, unsigned seed = 7) {
+  std::string bytes(length, '\0');
+  uint32_t state = seed;
+  for (char &c : bytes) {
+    state = state * 1103515245u + 12345u;
+    c = (char)(state >> 23);
+  }
+  return bytes;
+}
+
+int run(const std::string &command) {
+  const int status = system(command.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+off_t size_of(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+// Every captured line as "<level word>: <message>", in order.
+std::vector<std::string> lines() {
+  std::vector<std::string> all;
+  for (const tarn_test::LogLine &line : tarn_test::logs()) all.push_back(line.word + ": " + line.message);
+  return all;
+}
+
+std::string warn(const std::string &message) { return "warn: " + message; }
+
+// Drops the capabilities that let root ignore permission bits, for the
+// lifetime of the object, so that a read-only directory stops this process
+// as it stops an unprivileged one.
+class WithoutDacOverride {
+ public:
+  WithoutDacOverride() {
+    header_.version = _LINUX_CAPABILITY_VERSION_3;
+    header_.pid = 0;
+    ok_ = syscall(SYS_capget, &header_, saved_) == 0;
+    __user_cap_data_struct lowered[2];
+    memcpy(lowered, saved_, sizeof(lowered));
+    lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+    ok_ = ok_ && syscall(SYS_capset, &header_, lowered) == 0;
+  }
+  ~WithoutDacOverride() { syscall(SYS_capset, &header_, saved_); }
+  bool ok() const { return ok_; }
+
+ private:
+  __user_cap_header_struct header_{};
+  __user_cap_data_struct saved_[2] = {};
+  bool ok_ = false;
+};
+
+class UntgzTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tarn_test::reset_fakes();
+    umask(022);
+    tmp_ = tarn_test::make_temp_directory("untgz");
+    ASSERT_FALSE(tmp_.empty());
+    dest_ = tmp_ + "/out";
+  }
+  void TearDown() override {
+    for (const std::string &mount_point : mounts_) umount2(mount_point.c_str(), MNT_DETACH);
+  }
+
+  // Writes tar bytes to <tmp>/<name>.tar and compresses them with gzip into
+  // <tmp>/<name>.tgz, whose path is returned.
+  std::string tgz_of(const std::string &tar, const std::string &name = "archive") {
+    const std::string tar_path = tmp_ + "/" + name + ".tar";
+    const std::string tgz_path = tmp_ + "/" + name + ".tgz";
+    EXPECT_TRUE(write_file(tar_path, tar));
+    EXPECT_EQ(run("gzip -n -c " + tar_path + " > " + tgz_path), 0);
+    return tgz_path;
+  }
+  std::string tgz_of(const std::vector<Member> &members, const std::string &name = "archive") {
+    return tgz_of(tar_of(members), name);
+  }
+
+  std::string in_dest(const std::string &relative) const { return dest_ + "/" + relative; }
+
+  // A tmpfs of size_kb kilobytes on path, undone at the end of the test.
+  void mount_small_tmpfs(const std::string &path, int size_kb) {
+    ASSERT_TRUE(make_dirs(path));
+    ASSERT_EQ(mount("untgz-test", path.c_str(), "tmpfs", 0, format("size=%dk", size_kb).c_str()), 0)
+        << strerror(errno);
+    mounts_.push_back(path);
+  }
+
+  std::string tmp_;
+  std::string dest_;
+  std::vector<std::string> mounts_;
+};
+
+// ---------------------------------------------------------------------------
+// Arguments, opening, and whole archives
+
+TEST_F(UntgzTest, NullArchivePathReturnsOneAndLogsNothing) {
+  EXPECT_EQ(untgz_file(nullptr, dest_.c_str()), 1);
+  EXPECT_NO_LINES();
+  EXPECT_FALSE(exists(dest_));
+}
+
+TEST_F(UntgzTest, ArchiveThatCannotBeOpenedLogsCanotOpenFile) {
+  const std::string missing = tmp_ + "/missing.tgz";
+  EXPECT_EQ(untgz_file(missing.c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn(format("canot open file [%s]\n", missing.c_str()))});
+  // The destination is made before the archive is opened.
+  EXPECT_EQ(file_mode(dest_), 0755);
+}
+
+TEST_F(UntgzTest, ExtractsATreeMadeByTarWithContentsAndModesAndIgnoresItsSymbolicLink) {
+  const std::string src = tmp_ + "/src";
+  ASSERT_TRUE(make_dirs(src + "/pkg/bin") && make_dirs(src + "/pkg/etc") && make_dirs(src + "/pkg/data"));
+  const std::string big = noise(1024 * 1024 + 123);
+  ASSERT_TRUE(write_file(src + "/pkg/bin/tool", "#!/bin/sh\necho tool\n", 0755));
+  ASSERT_TRUE(write_file(src + "/pkg/etc/conf.ini", "[a]\nb = 1\n", 0640));
+  ASSERT_TRUE(write_file(src + "/pkg/empty", "", 0600));
+  ASSERT_TRUE(write_file(src + "/pkg/block.bin", std::string(kBlock, 'b'), 0644));
+  ASSERT_TRUE(write_file(src + "/pkg/big.bin", big, 0644));
+  ASSERT_EQ(chmod((src + "/pkg/etc").c_str(), 0750), 0);
+  ASSERT_EQ(chmod((src + "/pkg/data").c_str(), 0700), 0);
+  ASSERT_EQ(symlink("bin/tool", (src + "/pkg/link").c_str()), 0);
+  const std::string tgz = tmp_ + "/pkg.tgz";
+  ASSERT_EQ(run("tar -czf " + tgz + " -C " + src + " pkg"), 0);
+  // An older, longer file in the way is replaced.
+  ASSERT_TRUE(make_dirs(in_dest("pkg/etc")));
+  ASSERT_TRUE(write_file(in_dest("pkg/etc/conf.ini"), std::string(5000, 'o'), 0644));
+
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("pkg/bin/tool")), "#!/bin/sh\necho tool\n");
+  EXPECT_EQ(file_mode(in_dest("pkg/bin/tool")), 0755);
+  EXPECT_EQ(read_file(in_dest("pkg/etc/conf.ini")), "[a]\nb = 1\n");
+  EXPECT_EQ(file_mode(in_dest("pkg/etc/conf.ini")), 0640);
+  EXPECT_EQ(read_file(in_dest("pkg/empty")), "");
+  EXPECT_EQ(file_mode(in_dest("pkg/empty")), 0600);
+  EXPECT_EQ(read_file(in_dest("pkg/block.bin")), std::string(kBlock, 'b'));
+  EXPECT_TRUE(read_file(in_dest("pkg/big.bin")) == big);
+  EXPECT_EQ(file_mode(in_dest("pkg/data")), 0700);
+  EXPECT_FALSE(exists(in_dest("pkg/link")));
+  EXPECT_EQ(list_directory(in_dest("pkg")),
+            (std::set<std::string>{"bin", "etc", "data", "empty", "block.bin", "big.bin"}));
+}
+
+TEST_F(UntgzTest, ArchiveEndingWithTheZeroBlockReturnsZero) {
+  const std::vector<Member> members = {{"a.txt", "alpha"}, {"b.txt", "beta"}};
+  EXPECT_EQ(untgz_file(tgz_of(members).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("a.txt")), "alpha");
+  EXPECT_EQ(read_file(in_dest("b.txt")), "beta");
+}
+
+TEST_F(UntgzTest, SameArchiveWithoutTheZeroBlockReturnsOneWithoutBrokenArchive) {
+  const std::vector<Member> members = {{"a.txt", "alpha"}, {"b.txt", "beta"}};
+  EXPECT_EQ(untgz_file(tgz_of(tar_of(members, false)).c_str(), dest_.c_str()), 1);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("a.txt")), "alpha");
+  EXPECT_EQ(read_file(in_dest("b.txt")), "beta");
+  EXPECT_EQ(file_mode(in_dest("b.txt")), 0644);
+}
+
+TEST_F(UntgzTest, NullDestinationIsTheCurrentDirectory) {
+  const std::string tgz = tgz_of({{"here.txt", "here"}});
+  const std::string work = tmp_ + "/work";
+  ASSERT_TRUE(make_dirs(work));
+  char previous[4096];
+  ASSERT_NE(getcwd(previous, sizeof(previous)), nullptr);
+  ASSERT_EQ(chdir(work.c_str()), 0);
+  const int32_t result = untgz_file(tgz.c_str(), nullptr);
+  ASSERT_EQ(chdir(previous), 0);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(read_file(work + "/here.txt"), "here");
+}
+
+TEST_F(UntgzTest, MissingDestinationIsCreatedWithItsParentsAsMode0755) {
+  const std::string deeper = tmp_ + "/new/deeper";
+  EXPECT_EQ(untgz_file(tgz_of({{"x.txt", "x"}}).c_str(), deeper.c_str()), 0);
+  EXPECT_EQ(file_mode(tmp_ + "/new"), 0755);
+  EXPECT_EQ(file_mode(deeper), 0755);
+  EXPECT_EQ(read_file(deeper + "/x.txt"), "x");
+}
+
+TEST_F(UntgzTest, DestinationThatIsAFileStaysAndEveryMemberFails) {
+  ASSERT_TRUE(write_file(dest_, "a file"));
+  EXPECT_EQ(untgz_file(tgz_of({{"x.txt", "x"}}).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("make base dir %s failed, errcode:0x%x\n", dest_.c_str(), ENOTDIR)),
+                         warn(format("Couldn't create %s/x.txt, errcode:0x%x\n", dest_.c_str(), ENOTDIR)),
+                         warn("broken archive\n")}));
+  EXPECT_EQ(read_file(dest_), "a file");
+}
+
+// ---------------------------------------------------------------------------
+// Member types and header fields
+
+TEST_F(UntgzTest, DirectoryMemberIsCreatedWithItsModeAndParents) {
+  Member dir{"top/sub/", "", '5', "0000750"};
+  EXPECT_EQ(untgz_file(tgz_of({dir, {"top/sub/f.txt", "f"}}).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(file_mode(in_dest("top")), 0750);
+  EXPECT_EQ(file_mode(in_dest("top/sub")), 0750);
+  EXPECT_EQ(read_file(in_dest("top/sub/f.txt")), "f");
+}
+
+TEST_F(UntgzTest, DirectoryMemberThatCannotBeCreatedIsNotReported) {
+  ASSERT_TRUE(make_dirs(dest_));
+  ASSERT_TRUE(write_file(in_dest("taken"), "file"));
+  Member dir{"taken/inner", "", '5', "0000755"};
+  EXPECT_EQ(untgz_file(tgz_of({dir, {"next.txt", "n"}}).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("taken")), "file");
+  EXPECT_EQ(read_file(in_dest("next.txt")), "n");
+}
+
+TEST_F(UntgzTest, FileMemberCreatesItsDirectoriesWithTheMembersOwnMode) {
+  // Run as root, so the directory's missing write permission does not stop
+  // the member itself.
+  Member file{"a/b/c.txt", "read only", '0', "0000444"};
+  EXPECT_EQ(untgz_file(tgz_of({file}).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(file_mode(in_dest("a")), 0444);
+  EXPECT_EQ(file_mode(in_dest("a/b")), 0444);
+  EXPECT_EQ(read_file(in_dest("a/b/c.txt")), "read only");
+  EXPECT_EQ(file_mode(in_dest("a/b/c.txt")), 0444);
+}
+
+TEST_F(UntgzTest, DirectoryMadeForAMemberOfMode0444MakesLaterSiblingsFailCouldntCreate) {
+  EXPECT_EQ(untgz_file(tgz_of({{"a/b/c.txt", "first", '0', "0000444"}}, "first").c_str(), dest_.c_str()), 0);
+  ASSERT_EQ(file_mode(in_dest("a/b")), 0444);
+  tarn_test::clear_logs();
+
+  const std::string later = tgz_of({{"a/b/d.txt", "sibling"}, {"e.txt", "e"}}, "later");
+  WithoutDacOverride unprivileged;
+  ASSERT_TRUE(unprivileged.ok());
+  EXPECT_EQ(untgz_file(later.c_str(), dest_.c_str()), 1);
+  // Without search permission in a, even the existing a/b cannot be looked at.
+  const char *d = dest_.c_str();
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("make base dir %s/a/b failed, errcode:0x%x\n", d, EACCES)),
+                         warn(format("Couldn't create %s/a/b/d.txt, errcode:0x%x\n", d, EACCES)),
+                         warn("broken archive\n")}));
+  EXPECT_FALSE(exists(in_dest("a/b/d.txt")));
+  EXPECT_FALSE(exists(in_dest("e.txt")));
+}
+
+TEST_F(UntgzTest, UnprivilegedMemberOfMode0444CannotBeCreatedInTheDirectoryItMade) {
+  const std::string tgz = tgz_of({{"d/c.txt", "c", '0', "0000444"}, {"d/e.txt", "e"}});
+  ASSERT_TRUE(make_dirs(dest_));
+  WithoutDacOverride unprivileged;
+  ASSERT_TRUE(unprivileged.ok());
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("Couldn't create %s/d/c.txt, errcode:0x%x\n", dest_.c_str(), EACCES)),
+                         warn("broken archive\n")}));
+  EXPECT_EQ(file_mode(in_dest("d")), 0444);
+  EXPECT_TRUE(list_directory(in_dest("d")).empty());
+}
+
+TEST_F(UntgzTest, SizeFieldWithABlankAtTheEndIsRead) {
+  Member exact{"exact.bin", std::string(kBlock, 'e')};
+  exact.size = "00000001000 ";
+  EXPECT_EQ(untgz_file(tgz_of({exact, {"after.txt", "after"}}).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("exact.bin")), std::string(kBlock, 'e'));
+  EXPECT_EQ(read_file(in_dest("after.txt")), "after");
+}
+
+TEST_F(UntgzTest, SizeFieldWithAnInvalidCharacterIsABrokenArchive) {
+  Member bad{"bad.bin", std::string(kBlock, 'x')};
+  bad.size = "0000000100x";
+  EXPECT_EQ(untgz_file(tgz_of({{"before.txt", "before"}, bad, {"after.txt", "a"}}).c_str(), dest_.c_str()),
+            1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("broken archive\n")});
+  EXPECT_EQ(read_file(in_dest("before.txt")), "before");
+  EXPECT_FALSE(exists(in_dest("bad.bin")));
+  EXPECT_FALSE(exists(in_dest("after.txt")));
+}
+
+TEST_F(UntgzTest, SizeAboveTheSigned32BitCountIsABrokenArchive) {
+  Member huge{"huge.bin", "h"};
+  huge.size = "20000000000";  // 2^31
+  EXPECT_EQ(untgz_file(tgz_of({huge}).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("broken archive\n")});
+  EXPECT_FALSE(exists(in_dest("huge.bin")));
+}
+
+TEST_F(UntgzTest, ModeFieldsWithBlanksOrEightDigitsOrNothingAreRead) {
+  std::vector<Member> members = {{"trailing_blank", "1", '0', "0000644 "},
+                                 {"leading_blanks", "2", '0', "    644"},
+                                 {"eight_digits", "3", '0', "00000640"},
+                                 {"no_mode", "4", '0', std::string(8, '\0')}};
+  EXPECT_EQ(untgz_file(tgz_of(members).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(file_mode(in_dest("trailing_blank")), 0644);
+  EXPECT_EQ(file_mode(in_dest("leading_blanks")), 0644);
+  EXPECT_EQ(file_mode(in_dest("eight_digits")), 0640);
+  EXPECT_EQ(file_mode(in_dest("no_mode")), 0);
+  EXPECT_EQ(read_file(in_dest("no_mode")), "4");
+}
+
+TEST_F(UntgzTest, InvalidModeStopsWithResultOneAndNoMessage) {
+  for (const std::string &mode : {std::string("00006x4"), std::string("0000644x")}) {
+    SCOPED_TRACE(mode);
+    tarn_test::clear_logs();
+    const std::string out = tmp_ + "/out_" + mode;
+    const std::string tgz =
+        tgz_of({{"before.txt", "b"}, {"bad.txt", "x", '0', mode}, {"after.txt", "a"}}, mode);
+    EXPECT_EQ(untgz_file(tgz.c_str(), out.c_str()), 1);
+    EXPECT_NO_LINES();
+    EXPECT_EQ(list_directory(out), std::set<std::string>{"before.txt"});
+  }
+}
+
+TEST_F(UntgzTest, HeaderChecksumIsNotVerified) {
+  Member member{"unchecked.txt", "data"};
+  member.good_checksum = false;
+  EXPECT_EQ(untgz_file(tgz_of({member}).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("unchecked.txt")), "data");
+}
+
+TEST_F(UntgzTest, SymbolicLinkAndOtherMemberTypesAreIgnored) {
+  std::vector<Member> members;
+  for (char type : {'1', '2', '3', '4', '6', '7'}) {
+    Member member{std::string("type_") + type, "", type};
+    member.link = "/etc/passwd";
+    members.push_back(member);
+  }
+  members.push_back({"kept.txt", "kept"});
+  EXPECT_EQ(untgz_file(tgz_of(members).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(list_directory(dest_), std::set<std::string>{"kept.txt"});
+}
+
+TEST_F(UntgzTest, DataOfAnIgnoredMemberIsReadAsTheNextHeader) {
+  // An extended header whose data block happens to be a header itself.
+  const std::string inner = header_of({"from_data.txt", "", '0', "0000600", "0"});
+  Member extended{"pax_header", inner, 'x'};
+  EXPECT_EQ(untgz_file(tgz_of({extended}).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(list_directory(dest_), std::set<std::string>{"from_data.txt"});
+  EXPECT_EQ(file_mode(in_dest("from_data.txt")), 0600);
+}
+
+TEST_F(UntgzTest, NameOfExactly100CharactersRunsOnIntoTheModeField) {
+  const std::string name(100, 'n');
+  EXPECT_EQ(untgz_file(tgz_of({{name, "long"}}).c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(list_directory(dest_), std::set<std::string>{name + "0000644"});
+  EXPECT_EQ(read_file(in_dest(name + "0000644")), "long");
+}
+
+TEST_F(UntgzTest, PathsLongerThan1023BytesAreCut) {
+  // A destination of 1020 bytes leaves room for two bytes of a name.
+  std::string deep = tmp_;
+  while (deep.size() + 201 <= 1020) deep += "/" + std::string(200, 'd');
+  deep += "/" + std::string(1020 - deep.size() - 1, 'e');
+  ASSERT_EQ(deep.size(), 1020u);
+  ASSERT_TRUE(make_dirs(deep));
+  EXPECT_EQ(untgz_file(tgz_of({{"abcdef", "cut"}}).c_str(), deep.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(list_directory(deep), std::set<std::string>{"ab"});
+  EXPECT_EQ(read_file(deep + "/ab"), "cut");
+}
+
+// ---------------------------------------------------------------------------
+// Nothing is written outside the destination
+
+TEST_F(UntgzTest, UnsafeNamesAreRefusedAndExtractionGoesOn) {
+  const std::string victim = tmp_ + "/victim_abs";
+  const std::vector<Member> members = {
+      {"../x", noise(1500, 1)},  // three data blocks that must be skipped
+      {victim, "absolute"},
+      {"a/../../b", "up"},
+      {"../escape_dir", "", '5', "0000755"},
+      {"safe/ok.txt", "ok", '0', "0000600"}};
+  EXPECT_EQ(untgz_file(tgz_of(members).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn("unsafe member name ../x -- skipping\n"),
+                         warn(format("unsafe member name %s -- skipping\n", victim.c_str())),
+                         warn("unsafe member name a/../../b -- skipping\n"),
+                         warn("unsafe member name ../escape_dir -- skipping\n")}));
+  EXPECT_EQ(read_file(in_dest("safe/ok.txt")), "ok");
+  EXPECT_EQ(file_mode(in_dest("safe/ok.txt")), 0600);
+  EXPECT_EQ(list_directory(dest_), std::set<std::string>{"safe"});
+  EXPECT_FALSE(exists(tmp_ + "/x"));
+  EXPECT_FALSE(exists(victim));
+  EXPECT_FALSE(exists(tmp_ + "/b"));
+  EXPECT_FALSE(exists(tmp_ + "/escape_dir"));
+}
+
+TEST_F(UntgzTest, NameThatTheCutTurnsIntoDotDotIsRefused) {
+  std::string deep = tmp_;
+  while (deep.size() + 201 <= 1020) deep += "/" + std::string(200, 'd');
+  deep += "/" + std::string(1020 - deep.size() - 1, 'e');
+  ASSERT_TRUE(make_dirs(deep));
+  EXPECT_EQ(untgz_file(tgz_of({{"..abc", "x"}, {"ok", "ok"}}).c_str(), deep.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("unsafe member name ..abc -- skipping\n")});
+  EXPECT_EQ(list_directory(deep), std::set<std::string>{"ok"});
+}
+
+TEST_F(UntgzTest, SymbolicLinksLeavingTheDestinationAreNotWrittenThrough) {
+  const std::string outside = tmp_ + "/outside";
+  ASSERT_TRUE(make_dirs(outside) && make_dirs(in_dest("real")));
+  ASSERT_TRUE(write_file(outside + "/victim.txt", "original"));
+  ASSERT_EQ(symlink(outside.c_str(), in_dest("link").c_str()), 0);
+  ASSERT_EQ(symlink((outside + "/victim.txt").c_str(), in_dest("victim").c_str()), 0);
+  ASSERT_EQ(symlink((outside + "/new").c_str(), in_dest("dangling").c_str()), 0);
+  ASSERT_EQ(symlink("real", in_dest("inside").c_str()), 0);
+  ASSERT_EQ(symlink("real/kept.txt", in_dest("to_kept").c_str()), 0);
+  ASSERT_TRUE(write_file(in_dest("real/kept.txt"), "kept"));
+
+  const std::vector<Member> members = {{"link/file", "through"},
+                                       {"link/sub/", "", '5', "0000755"},
+                                       {"victim", "overwritten"},
+                                       {"dangling/x", "x"},
+                                       {"to_kept", "replaced"},
+                                       {"inside/f.txt", "inside"},
+                                       {"inside/deeper/", "", '5', "0000700"}};
+  EXPECT_EQ(untgz_file(tgz_of(members).c_str(), dest_.c_str()), 1);
+  const char *d = dest_.c_str();
+  EXPECT_EQ(lines(),
+            (std::vector<std::string>{
+                warn(format("member link/file goes through symbolic link %s/link -- skipping\n", d)),
+                warn(format("member link/sub/ goes through symbolic link %s/link -- skipping\n", d)),
+                warn(format("member victim goes through symbolic link %s/victim -- skipping\n", d)),
+                warn(format("member dangling/x goes through symbolic link %s/dangling -- skipping\n", d)),
+                warn(format("member to_kept goes through symbolic link %s/to_kept -- skipping\n", d))}));
+  EXPECT_EQ(list_directory(outside), std::set<std::string>{"victim.txt"});
+  EXPECT_EQ(read_file(outside + "/victim.txt"), "original");
+  EXPECT_EQ(read_file(in_dest("real/kept.txt")), "kept");
+  EXPECT_EQ(read_file(in_dest("real/f.txt")), "inside");
+  EXPECT_EQ(file_mode(in_dest("real/deeper")), 0700);
+}
+
+// ---------------------------------------------------------------------------
+// Broken streams and archives
+
+TEST_F(UntgzTest, CorruptGzipStreamLogsZlibsErrorText) {
+  // A gzip header followed by a deflate block of the reserved type 3.
+  const std::string corrupt("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03\x07\x00\x00\x00\x00", 15);
+  const std::string path = tmp_ + "/corrupt.tgz";
+  ASSERT_TRUE(write_file(path, corrupt));
+  EXPECT_EQ(untgz_file(path.c_str(), dest_.c_str()), 1);
+  // zlib's error text names the file.
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("read tgz failed, err: " + path + ": invalid block type")});
+  EXPECT_TRUE(list_directory(dest_).empty());
+}
+
+TEST_F(UntgzTest, GzipStreamWithAWrongChecksumLogsZlibsErrorText) {
+  const std::string path = tgz_of({{"a.txt", "alpha"}});
+  std::string bytes = read_file(path);
+  bytes[bytes.size() - 8] ^= 0x55;  // the CRC-32 of the trailer
+  ASSERT_TRUE(write_file(path, bytes));
+  EXPECT_EQ(untgz_file(path.c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("read tgz failed, err: " + path + ": incorrect data check")});
+}
+
+TEST_F(UntgzTest, GzipStreamCutShortLeavesThePartialFileWithoutItsModeAndFailsGzclose) {
+  const std::string big = noise(256 * 1024);
+  const std::string path = tgz_of({{"big.bin", big, '0', "0000700"}, {"after.txt", "a"}});
+  std::string bytes = read_file(path);
+  ASSERT_TRUE(write_file(path, bytes.substr(0, bytes.size() / 2)));
+  EXPECT_EQ(untgz_file(path.c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), (std::vector<std::string>{warn("broken archive\n"), warn("failed gzclose\n")}));
+  const off_t written = size_of(in_dest("big.bin"));
+  EXPECT_GT(written, 0);
+  EXPECT_LT(written, (off_t)big.size());
+  EXPECT_EQ(written % (off_t)kBlock, 0);
+  EXPECT_TRUE(read_file(in_dest("big.bin")) == big.substr(0, (size_t)written));
+  EXPECT_EQ(file_mode(in_dest("big.bin")), 0644);  // as created, not the member's 0700
+  EXPECT_FALSE(exists(in_dest("after.txt")));
+}
+
+TEST_F(UntgzTest, ArchiveEndingInsideAFilesDataKeepsWhatWasWrittenWithoutItsMode) {
+  const std::string data = noise(2000);
+  const std::string tar = tar_of({{"cut.bin", data, '0', "0000700"}}, false);
+  // The header and two of the four data blocks.
+  EXPECT_EQ(untgz_file(tgz_of(tar.substr(0, 3 * kBlock)).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("broken archive\n")});
+  EXPECT_EQ(read_file(in_dest("cut.bin")), data.substr(0, 2 * kBlock));
+  EXPECT_EQ(file_mode(in_dest("cut.bin")), 0644);
+}
+
+TEST_F(UntgzTest, PartialDataBlockAtTheEndIsNotWritten) {
+  const std::string data = noise(2000);
+  const std::string tar = tar_of({{"cut.bin", data, '0', "0000700"}}, false);
+  EXPECT_EQ(untgz_file(tgz_of(tar.substr(0, 3 * kBlock + 100)).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("broken archive\n")});
+  EXPECT_EQ(read_file(in_dest("cut.bin")), data.substr(0, 2 * kBlock));
+}
+
+TEST_F(UntgzTest, PartialHeaderAtTheEndIsStillProcessedThenTheArchiveIsBroken) {
+  // 150 bytes: name, mode and size; the type byte (156) is missing and reads as zero.
+  const std::string tar = tar_of({{"first.txt", "1"}, {"tail.txt", "", '5', "0000600"}}, false);
+  EXPECT_EQ(untgz_file(tgz_of(tar.substr(0, 2 * kBlock + 150)).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("broken archive\n")});
+  EXPECT_EQ(read_file(in_dest("first.txt")), "1");
+  EXPECT_EQ(read_file(in_dest("tail.txt")), "");
+  EXPECT_EQ(file_mode(in_dest("tail.txt")), 0600);  // size 0: the mode is applied at once
+}
+
+TEST_F(UntgzTest, PartialEndBlockReturnsOneWithoutBrokenArchive) {
+  const std::string tar = tar_of({{"first.txt", "1"}}, false) + std::string(100, '\0');
+  EXPECT_EQ(untgz_file(tgz_of(tar).c_str(), dest_.c_str()), 1);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("first.txt")), "1");
+}
+
+// ---------------------------------------------------------------------------
+// Failures of the file system
+
+TEST_F(UntgzTest, BaseDirectoryThatCannotBeMadeIsLoggedAndTheOpenFailsNext) {
+  ASSERT_TRUE(make_dirs(dest_));
+  ASSERT_TRUE(write_file(in_dest("f"), "plain file"));
+  EXPECT_EQ(untgz_file(tgz_of({{"f/x.txt", "x"}, {"later.txt", "l"}}).c_str(), dest_.c_str()), 1);
+  const char *d = dest_.c_str();
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("make base dir %s/f failed, errcode:0x%x\n", d, ENOTDIR)),
+                         warn(format("Couldn't create %s/f/x.txt, errcode:0x%x\n", d, ENOTDIR)),
+                         warn("broken archive\n")}));
+  EXPECT_EQ(read_file(in_dest("f")), "plain file");
+  EXPECT_FALSE(exists(in_dest("later.txt")));
+}
+
+TEST_F(UntgzTest, ReadOnlyDirectoryStopsExtractionWithCouldntCreate) {
+  ASSERT_TRUE(make_dirs(in_dest("ro")));
+  ASSERT_EQ(chmod(in_dest("ro").c_str(), 0555), 0);
+  const std::string tgz = tgz_of({{"ok.txt", "ok"}, {"ro/x.txt", "x"}, {"after.txt", "a"}});
+  WithoutDacOverride unprivileged;
+  ASSERT_TRUE(unprivileged.ok());
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("Couldn't create %s/ro/x.txt, errcode:0x%x\n", dest_.c_str(), EACCES)),
+                         warn("broken archive\n")}));
+  EXPECT_EQ(read_file(in_dest("ok.txt")), "ok");
+  EXPECT_TRUE(list_directory(in_dest("ro")).empty());
+  EXPECT_FALSE(exists(in_dest("after.txt")));
+}
+
+TEST_F(UntgzTest, FullDiskDeletesTheFileBeingWrittenAndStops) {
+  mount_small_tmpfs(dest_, 16);
+  const std::string tgz =
+      tgz_of({{"small.txt", "small"}, {"big.bin", noise(64 * 1024)}, {"after.txt", "a"}});
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("Error writing %s/big.bin -- skipping, errcode:0x%x\n", dest_.c_str(),
+                                     ENOSPC)),
+                         warn("broken archive\n")}));
+  EXPECT_EQ(list_directory(dest_), std::set<std::string>{"small.txt"});
+  EXPECT_EQ(read_file(in_dest("small.txt")), "small");
+}
+
+TEST_F(UntgzTest, FullDiskFoundWhenTheLastBufferedBytesAreFlushedDeletesTheFile) {
+  mount_small_tmpfs(dest_, 16);
+  // Fill the disk: the extracted file's few bytes stay in the stream's
+  // buffer until it is flushed at the file's end.
+  FILE *filler = fopen(in_dest("filler").c_str(), "wb");
+  ASSERT_NE(filler, nullptr);
+  const std::string chunk(4096, 'f');
+  while (fwrite(chunk.data(), 1, chunk.size(), filler) == chunk.size() && fflush(filler) == 0) {
+  }
+  fclose(filler);
+  EXPECT_EQ(untgz_file(tgz_of({{"tail.txt", "a few bytes"}}).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("Error writing %s/tail.txt -- skipping, errcode:0x%x\n", dest_.c_str(),
+                                     ENOSPC)),
+                         warn("broken archive\n")}));
+  EXPECT_EQ(list_directory(dest_), std::set<std::string>{"filler"});
+}
+
+}  // namespace
