@@ -1,0 +1,318 @@
+// tarnctl -- the operator's view of the agent's shared state: the heartbeat
+// table, the app home record, packages and manifests, environment checks
+// and version strings, through libtarnaux's public interface
+// (docs/tarnctl.md).
+//
+// The command line is "tarnctl [--verbose] SUBCOMMAND [OPTION...] ARG...";
+// every subcommand takes --help and --verbose. Errors are one line each on
+// standard error, "tarnctl: <subcommand>: <reason>", and the exit code says
+// what kind of failure it was (kExitUsage ... in tarnctl.h).
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "tarnctl.h"
+
+namespace tarnctl {
+namespace {
+
+struct Command {
+  const char *name;                  // "pkg verify"
+  const char *arguments;             // "DIR MANIFEST.ejs"
+  std::vector<std::string> options;  // the subcommand's own options
+  size_t min_args;
+  size_t max_args;
+  const char *summary;  // one line for the overview
+  const char *details;  // the rest of its --help
+  int (*run)(const Invocation &);
+};
+
+constexpr char kExitTable[] =
+    "exit codes:\n"
+    "  0  success; the answer is yes\n"
+    "  1  the answer is no, or a check failed (invalid record, missing or\n"
+    "     mismatching files, not administrator, no room)\n"
+    "  2  usage error: unknown subcommand or option, missing, extra or\n"
+    "     malformed argument\n"
+    "  3  a file, directory or record is missing, unreadable or unwritable\n"
+    "  4  a lock could not be taken, or the heartbeat table is unavailable\n"
+    "  5  bad data: corrupt archive, bad or tampered manifest, bad version\n"
+    "     string, malformed record\n";
+
+const std::vector<Command> &commands() {
+  static const std::vector<Command> table = {
+      {"status", "", {"--json"}, 0, 0, "the heartbeat table: one row per registered process",
+       "Attaches to the heartbeat table without changing it (it is never\n"
+       "created or cleared) and prints one row per registered process, in\n"
+       "slot order, under the header\n"
+       "  SLOT PID TYPE INTERVAL_S AGE_MS ALIVE\n"
+       "SLOT is the entry's slot index, TYPE \"service\" (0), \"watchdog\" (6)\n"
+       "or the type's number, INTERVAL_S the declared beat interval in\n"
+       "seconds, AGE_MS the milliseconds since the last beat, ALIVE \"yes\"\n"
+       "when a live process has that pid, else \"no\". The watchdog's own\n"
+       "entry is not shown: the library's public interface does not return it.\n"
+       "\n"
+       "  --json   print the rows as a JSON array of objects with the members\n"
+       "           slot, pid, type, type_id, interval_s, age_ms, alive\n"
+       "\n"
+       "Exit 4 when the table does not exist (the service has not run) or its\n"
+       "lock cannot be had within 100 ms.\n",
+       run_status},
+      {"apphome show", "", {}, 0, 0, "the app home record and its backup, as text",
+       "Prints each of the record and its backup: a line \"record: PATH\" or\n"
+       "\"backup: PATH\", then every key of the file as \"  [section]\" and\n"
+       "\"  key=value\" lines, then \"  app home: PATH\" (and \"  companion app\n"
+       "home: PATH\") for the directories the file names. A file that is\n"
+       "missing (exit 3) or not an ini file (exit 5) gets an error line; the\n"
+       "other file is still shown.\n",
+       run_apphome_show},
+      {"apphome check", "", {"--backup"}, 0, 0, "whether the app home record is valid, and why not",
+       "Checks the record (with --backup: the backup) and prints \"valid: FILE\n"
+       "names app home PATH\". Otherwise one line says why, and the exit code\n"
+       "is 3 when the file does not exist, 1 when it names no app home, lacks\n"
+       "the companion app home the machine needs, or names a directory that is\n"
+       "not operational (has no config/flags/flag_operational nor its spare).\n"
+       "A lost flag file is restored from its spare by the check.\n"
+       "\n"
+       "  --backup  check tarn_apphome_backup.ini instead of tarn_apphome.ini\n",
+       run_apphome_check},
+      {"apphome restore", "", {}, 0, 0, "record the app home that the backup names",
+       "When the backup is valid (as \"apphome check --backup\" checks it),\n"
+       "records its app home (and companion) as current: the record is\n"
+       "written under its lock and the backup rewritten to match it. Prints\n"
+       "\"restored: app_home=NAME\" (\", app_home_x86=NAME\" where needed).\n"
+       "Exit 3 when the backup is missing, 1 when it is not valid (nothing is\n"
+       "written then), 4 when the record's lock cannot be had.\n",
+       run_apphome_restore},
+      {"apphome reduce", "", {}, 0, 0, "bring back a usable record (record, backup, or a scan)",
+       "Keeps the record when it is valid, else copies a valid backup over it,\n"
+       "else rebuilds it from the app home directories below the install root\n"
+       "(asking the installed tarn_service for its version). Prints one of\n"
+       "  valid: app_home=NAME                      nothing was written\n"
+       "  restored from the backup: app_home=NAME\n"
+       "  rebuilt from the directories: app_home=NAME\n"
+       "Exit 1, with the library's reason, when no usable record could be had;\n"
+       "the files are then left as they were.\n",
+       run_apphome_reduce},
+      {"pkg list", "DIR", {}, 1, 1, "the packages whose manifests lie in DIR/config/component_info",
+       "Prints \"NAME VERSION\" for each manifest (.ejs file) in\n"
+       "DIR/config/component_info that loads, in the order of the file names.\n"
+       "A DIR that begins with \"@\" is taken relative to this program's\n"
+       "directory. Exit 3 when there is no manifest at all; exit 5, after the\n"
+       "list and one line per reason, when some manifests could not be loaded.\n",
+       run_pkg_list},
+      {"pkg unpack", "ARCHIVE DEST", {"--system-tar"}, 2, 2, "unpack a package archive into DEST",
+       "Extracts the gzip-compressed tar archive ARCHIVE into DEST with the\n"
+       "library's own extractor (DEST is created when missing; members that\n"
+       "would land outside DEST are refused) and prints \"unpacked ARCHIVE\n"
+       "into DEST\". Exit 3 when ARCHIVE is missing, 5 when it is corrupt or\n"
+       "holds refused members (what was extracted before stays).\n"
+       "\n"
+       "  --system-tar  run the system's \"tar -zxf\" instead: ARCHIVE must end\n"
+       "                in \".tgz\", DEST must exist, and neither path may hold\n"
+       "                '\"', '$', '`' or '\\' (exit 2); a failed tar removes\n"
+       "                DEST/NAME, the unpack cache of ARCHIVE NAME.tgz\n",
+       run_pkg_unpack},
+      {"pkg show", "MANIFEST.ejs", {}, 1, 1, "every field of a component manifest",
+       "Prints the manifest's fields as \"key: value\" lines: package,\n"
+       "version, requirement, scripts_skippable, retry (yes or no), arch_bind,\n"
+       "arch, platform, depends (lists separated by blanks, \"-\" when empty),\n"
+       "files (their number), then one line \"file: SHA256 NAME\" per file.\n"
+       "Exit 3 when the file is missing, 5 when it is not a valid protected\n"
+       "manifest (tampered, sealed with another key, no package, version or\n"
+       "files).\n",
+       run_pkg_show},
+      {"pkg verify", "DIR MANIFEST.ejs", {}, 2, 2, "check a package's files against its manifest",
+       "Checks that every file that MANIFEST.ejs lists is present below the\n"
+       "unpacked package directory DIR (a name beginning \"__ROOT/\" is looked\n"
+       "for without that prefix) and that its SHA-256 digest equals the\n"
+       "manifest's. Prints \"ok NAME\" for each good file and \"verified: N\n"
+       "files, M missing, U unreadable, K mismatching\"; every missing,\n"
+       "unreadable or mismatching file gets an error line of its own, and the\n"
+       "exit code is then 1. Exit 3 when DIR or the manifest is missing, 5 when the\n"
+       "manifest is not valid.\n",
+       run_pkg_verify},
+      {"env admin", "", {}, 0, 0, "whether this process has administrator rights",
+       "Prints \"yes\" (exit 0) when the effective user id is 0, else \"no\"\n"
+       "(exit 1).\n",
+       run_env_admin},
+      {"env space", "PATH BYTES", {}, 2, 2, "whether PATH's file system has BYTES available",
+       "BYTES is a decimal number of bytes above 0, optionally followed by K,\n"
+       "M, G or T (powers of 1024). Prints \"yes: A bytes available, N\n"
+       "needed\" (exit 0) or \"no: ...\" (exit 1); the figure is the space an\n"
+       "unprivileged process may still fill. Exit 3 when PATH does not exist\n"
+       "or its space cannot be read.\n",
+       run_env_space},
+      {"env uos", "MINOR", {}, 1, 1, "whether the system is UOS below minor version MINOR",
+       "Prints \"yes\" (exit 0) when /etc/os-release says ID=uos and the\n"
+       "MinorVersion of /etc/os-version is below MINOR (a decimal number up to\n"
+       "2147483647), else \"no\" (exit 1).\n",
+       run_env_uos},
+      {"version parse", "V", {}, 1, 1, "parse a dotted version string",
+       "Prints V as \"MAJOR.MINOR.PATCH\" (pieces after the third are ignored,\n"
+       "each piece is read up to its first non-digit). Exit 5 when V is not a\n"
+       "version string.\n",
+       run_version_parse},
+      {"version compare", "A B", {}, 2, 2, "compare two version strings",
+       "Prints \"<\", \"=\" or \">\" (A against B) and the comparison value, the\n"
+       "signed difference of the first field that differs: \"< -2\" for 1.2.3\n"
+       "against 1.2.5. Exit 5 when A or B is not a version string.\n",
+       run_version_compare},
+      {"version print", "MAJOR MINOR PATCH", {}, 3, 3, "print a version from its three numbers",
+       "Prints \"MAJOR.MINOR.PATCH\". Each number is decimal, 0 to 4294967295\n"
+       "(exit 2 otherwise).\n",
+       run_version_print},
+  };
+  return table;
+}
+
+const Command *find_command(const std::string &name) {
+  for (const Command &command : commands()) {
+    if (name == command.name) return &command;
+  }
+  return nullptr;
+}
+
+bool is_group(const std::string &word) {
+  const std::string prefix = word + " ";
+  for (const Command &command : commands()) {
+    if (strncmp(command.name, prefix.c_str(), prefix.size()) == 0) return true;
+  }
+  return false;
+}
+
+std::string usage_line(const Command &command) {
+  std::string line = std::string("tarnctl ") + command.name;
+  for (const std::string &option : command.options) line += " [" + option + "]";
+  if (command.arguments[0] != '\0') line += std::string(" ") + command.arguments;
+  return line;
+}
+
+// The overview of every subcommand whose name begins with prefix.
+void print_overview(const std::string &prefix) {
+  for (const Command &command : commands()) {
+    if (strncmp(command.name, prefix.c_str(), prefix.size()) != 0) continue;
+    printf("  %-44s %s\n", usage_line(command).substr(8).c_str(), command.summary);
+  }
+}
+
+void print_main_help() {
+  printf(
+      "usage: tarnctl [--verbose] SUBCOMMAND [OPTION...] [ARG...]\n"
+      "\n"
+      "Shows and checks the agent's shared state through libtarnaux.\n"
+      "\n"
+      "subcommands:\n");
+  print_overview("");
+  printf(
+      "\n"
+      "options of every subcommand:\n"
+      "  --help     print the subcommand's help and exit 0\n"
+      "  --verbose  copy the library's log lines to standard error\n"
+      "\n"
+      "Errors are written to standard error as one line each:\n"
+      "\"tarnctl: SUBCOMMAND: REASON\".\n"
+      "\n%s",
+      kExitTable);
+}
+
+void print_group_help(const std::string &group) {
+  printf("usage: tarnctl %s SUBCOMMAND [OPTION...] [ARG...]\n\nsubcommands:\n", group.c_str());
+  print_overview(group + " ");
+  printf("\n%s", kExitTable);
+}
+
+void print_command_help(const Command &command) {
+  printf("usage: %s\n\n%s\n%s\n%s", usage_line(command).c_str(), command.summary, command.details,
+         kExitTable);
+}
+
+// A usage error of the subcommand named name.
+int usage_error(const std::string &name, const std::string &reason) {
+  Invocation inv;
+  inv.command = name;
+  return fail(inv, kExitUsage, reason);
+}
+
+// Parses the words after the subcommand's name and runs it.
+int run_command(const Command &command, int argc, char **argv, int first, bool verbose) {
+  Invocation inv;
+  inv.command = command.name;
+  inv.verbose = verbose;
+  bool options_end = false;
+  for (int i = first; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (!options_end && word == "--") {
+      options_end = true;
+    } else if (!options_end && (word == "--help" || word == "-h")) {
+      print_command_help(command);
+      return kExitOk;
+    } else if (!options_end && word == "--verbose") {
+      inv.verbose = true;
+    } else if (!options_end && word.size() > 1 && word[0] == '-') {
+      bool known = false;
+      for (const std::string &option : command.options) known = known || option == word;
+      if (!known) return fail(inv, kExitUsage, "unknown option " + word + " (usage: " + usage_line(command) + ")");
+      inv.options.insert(word);
+    } else {
+      inv.args.push_back(word);
+    }
+  }
+  if (inv.args.size() < command.min_args) {
+    return fail(inv, kExitUsage, "missing argument (usage: " + usage_line(command) + ")");
+  }
+  if (inv.args.size() > command.max_args) {
+    return fail(inv, kExitUsage,
+                "unexpected argument " + inv.args[command.max_args] + " (usage: " + usage_line(command) + ")");
+  }
+  set_log_verbose(inv.verbose);
+  const int code = command.run(inv);
+  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+    const int error = errno != 0 ? errno : EIO;
+    return fail(inv, kExitMissing, "cannot write standard output: " + error_text(error));
+  }
+  return code;
+}
+
+int dispatch(int argc, char **argv) {
+  int i = 1;
+  bool verbose = false;
+  for (; i < argc && argv[i][0] == '-'; ++i) {
+    const std::string word = argv[i];
+    if (word == "--help" || word == "-h") {
+      print_main_help();
+      return kExitOk;
+    }
+    if (word != "--verbose") return usage_error("usage", "unknown option " + word + " (see tarnctl --help)");
+    verbose = true;
+  }
+  if (i >= argc) return usage_error("usage", "missing subcommand (see tarnctl --help)");
+
+  const std::string first = argv[i];
+  if (const Command *command = find_command(first)) return run_command(*command, argc, argv, i + 1, verbose);
+  if (!is_group(first)) return usage_error(first, "unknown subcommand (see tarnctl --help)");
+  if (i + 1 >= argc) return usage_error(first, "missing subcommand (see tarnctl " + first + " --help)");
+  const std::string second = argv[i + 1];
+  if (second == "--help" || second == "-h") {
+    print_group_help(first);
+    return kExitOk;
+  }
+  if (const Command *command = find_command(first + " " + second)) {
+    return run_command(*command, argc, argv, i + 2, verbose);
+  }
+  return usage_error(first, "unknown subcommand " + second + " (see tarnctl " + first + " --help)");
+}
+
+}  // namespace
+}  // namespace tarnctl
+
+int main(int argc, char **argv) {
+  // Before any call into the library: its log lines must never reach
+  // standard output or a log file of the agent's.
+  tarnctl::install_log_sink();
+  return tarnctl::dispatch(argc, argv);
+}
