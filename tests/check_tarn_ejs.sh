@@ -55,7 +55,10 @@ not_protected="not a protected file, or changed, cut or sealed with another key"
 size=$(stat -c %s in.ejs)
 for offset in 0 20 40 $((size - 1)); do
   cp in.ejs bad.ejs
-  printf '\xff' | dd of=bad.ejs bs=1 seek="$offset" conv=notrunc status=none
+  # Flip every bit of the byte, so that it changes whatever it held.
+  byte=$(od -An -tu1 -j "$offset" -N1 bad.ejs | tr -d ' ')
+  printf "\\$(printf '%03o' $((byte ^ 0xff)))" | dd of=bad.ejs bs=1 seek="$offset" conv=notrunc status=none
+  cmp -s in.ejs bad.ejs && { echo "FAILED: the byte at $offset did not change"; exit 1; }
   run verify bad.ejs
   expect "verify of a file changed at $offset exits 1" 1 "$status"
   expect "verify of a file changed at $offset says why" "tarn-ejs: bad.ejs: $not_protected" "$err"
