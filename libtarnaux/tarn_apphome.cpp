@@ -34,6 +34,15 @@
 
 namespace {
 
+// Fills root with the installation root. Logs "get_tarn_path is failed"
+// and returns false when there is none.
+bool read_tarn_root(char (&root)[TARN_PATH_BUFFER_SIZE]) {
+  memset(root, 0, sizeof(root));
+  if (get_tarn_path(root, sizeof(root)) == 0) return true;
+  LOG(warn, "get_tarn_path is failed\n");
+  return false;
+}
+
 constexpr char kArchX86[] = "x86";
 constexpr char kArchX64[] = "x64";
 constexpr char kArchArm64[] = "arm64";
@@ -226,11 +235,7 @@ int32_t tarn_apphome_is_operational_path(const char *dir, int32_t *err) {
 
 int32_t tarn_apphome_restore_from_backup(void) {
   char root[TARN_PATH_BUFFER_SIZE];
-  memset(root, 0, sizeof(root));
-  if (get_tarn_path(root, sizeof(root)) != 0) {
-    LOG(warn, "get_tarn_path is failed\n");
-    return -1;
-  }
+  if (!read_tarn_root(root)) return -1;
   char backup_path[TARN_PATH_BUFFER_SIZE];
   char record_path[TARN_PATH_BUFFER_SIZE];
   char lock_path[TARN_PATH_BUFFER_SIZE];
@@ -274,11 +279,7 @@ extern "C" {
 TARNAUX_API int32_t tarn_apphome_get_file(char *buf, int32_t len) {
   if (buf == nullptr || len <= 0) return -1;
   char root[TARN_PATH_BUFFER_SIZE];
-  memset(root, 0, sizeof(root));
-  if (get_tarn_path(root, sizeof(root)) != 0) {
-    LOG(warn, "get_tarn_path is failed\n");
-    return -1;
-  }
+  if (!read_tarn_root(root)) return -1;
   // The path, its separator and its terminator must fit.
   if ((size_t)len <= strlen(root) + strlen(TARN_APPHOME_FILE_NAME) + 1) {
     LOG(warn, "get apphoem file is failed, length %d is low\n", len);
@@ -392,11 +393,7 @@ TARNAUX_API int32_t tarn_apphome_check_validity(const char *ini_path) {
   }
 
   char root[TARN_PATH_BUFFER_SIZE];
-  memset(root, 0, sizeof(root));
-  if (get_tarn_path(root, sizeof(root)) != 0) {
-    LOG(warn, "get_tarn_path is failed\n");
-    return TARN_APPHOME_E_INVALID;
-  }
+  if (!read_tarn_root(root)) return TARN_APPHOME_E_INVALID;
   char path[TARN_PATH_BUFFER_SIZE];
   memset(path, 0, sizeof(path));
   tarn_str_snprintf(path, sizeof(path), "%s/%s", root, apphome);
@@ -473,11 +470,7 @@ TARNAUX_API int32_t tarn_apphome_update(const char *apphome, const char *apphome
 TARNAUX_API void tarn_apphome_backup_ini(tarn_ini_t *ini) {
   if (ini == nullptr) return;
   char root[TARN_PATH_BUFFER_SIZE];
-  memset(root, 0, sizeof(root));
-  if (get_tarn_path(root, sizeof(root)) != 0) {
-    LOG(warn, "get_tarn_path is failed\n");
-    return;
-  }
+  if (!read_tarn_root(root)) return;
   char backup_path[TARN_PATH_BUFFER_SIZE];
   char lock_path[TARN_PATH_BUFFER_SIZE];
   memset(backup_path, 0, sizeof(backup_path));
@@ -515,11 +508,7 @@ TARNAUX_API int32_t tarn_apphome_create_flag(const char *apphome_path, const cha
 TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len) {
   if (buf == nullptr) return -1;
   char root[TARN_PATH_BUFFER_SIZE];
-  memset(root, 0, sizeof(root));
-  if (get_tarn_path(root, sizeof(root)) != 0) {
-    LOG(warn, "get_tarn_path is failed\n");
-    return -1;
-  }
+  if (!read_tarn_root(root)) return -1;
   char service[TARN_PATH_BUFFER_SIZE];
   memset(service, 0, sizeof(service));
   tarn_str_snprintf(service, sizeof(service), "%s/%s", root, TARN_SERVICE_FILE_NAME);
@@ -540,11 +529,7 @@ TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len) {
 
 TARNAUX_API int32_t tarn_apphome_reduction_file(void) {
   char root[TARN_PATH_BUFFER_SIZE];
-  memset(root, 0, sizeof(root));
-  if (get_tarn_path(root, sizeof(root)) != 0) {
-    LOG(warn, "get_tarn_path is failed\n");
-    return -1;
-  }
+  if (!read_tarn_root(root)) return -1;
   char path[TARN_PATH_BUFFER_SIZE];
   memset(path, 0, sizeof(path));
   tarn_str_snprintf(path, sizeof(path), "%s/%s", root, TARN_APPHOME_FILE_NAME);

@@ -37,6 +37,24 @@ bool config_paths(const char *name, ConfigPaths *paths) {
   return true;
 }
 
+// config_paths for caller (an exported function's name): logs
+// "<caller> <name> failed: get_apphome_path_main failed!" when it fails.
+bool caller_config_paths(const char *caller, const char *name, ConfigPaths *paths) {
+  if (config_paths(name, paths)) return true;
+  LOG(error, "%s %s failed: get_apphome_path_main failed!\n", caller, name);
+  return false;
+}
+
+// The paths of a configuration file that must already exist, for uninstall
+// and restart: false, with caller's warning, when it does not.
+bool existing_config_paths(const char *caller, const char *name, ConfigPaths *paths) {
+  if (is_tarn_process_config_exists(name) == 0) {
+    LOG(warn, "%s failed: config %s not exists!\n", caller, name);
+    return false;
+  }
+  return caller_config_paths(caller, name, paths);
+}
+
 // Takes the configuration file's lock. Install and restart share the
 // message of a failure.
 bool lock_config(TarnFileLock *lock, const ConfigPaths &paths, const char *name) {
@@ -61,10 +79,7 @@ TARNAUX_API int32_t is_tarn_process_config_exists(const char *name) {
 TARNAUX_API int32_t install_tarn_process(const char *name, tarn_ini_t *ini) {
   if (name == nullptr || ini == nullptr) return -1;
   ConfigPaths paths;
-  if (!config_paths(name, &paths)) {
-    LOG(error, "install_tarn_process %s failed: get_apphome_path_main failed!\n", name);
-    return -1;
-  }
+  if (!caller_config_paths("install_tarn_process", name, &paths)) return -1;
   TarnFileLock lock;
   if (!lock_config(&lock, paths, name)) return -1;
   return tarn_ini_file_save(ini, paths.config, 0);
@@ -72,15 +87,8 @@ TARNAUX_API int32_t install_tarn_process(const char *name, tarn_ini_t *ini) {
 
 TARNAUX_API int32_t uninstall_tarn_process(const char *name) {
   if (name == nullptr) return -1;
-  if (is_tarn_process_config_exists(name) == 0) {
-    LOG(warn, "uninstall_tarn_process failed: config %s not exists!\n", name);
-    return -1;
-  }
   ConfigPaths paths;
-  if (!config_paths(name, &paths)) {
-    LOG(error, "uninstall_tarn_process %s failed: get_apphome_path_main failed!\n", name);
-    return -1;
-  }
+  if (!existing_config_paths("uninstall_tarn_process", name, &paths)) return -1;
   // Deliberately without the lock, unlike install and restart: an unlink
   // removes the file whole, so no reader can see a part of it.
   return tarn_file_unlink(paths.config);
@@ -88,15 +96,8 @@ TARNAUX_API int32_t uninstall_tarn_process(const char *name) {
 
 TARNAUX_API int32_t restart_tarn_process(const char *name) {
   if (name == nullptr) return -1;
-  if (is_tarn_process_config_exists(name) == 0) {
-    LOG(warn, "restart_tarn_process failed: config %s not exists!\n", name);
-    return -1;
-  }
   ConfigPaths paths;
-  if (!config_paths(name, &paths)) {
-    LOG(error, "restart_tarn_process %s failed: get_apphome_path_main failed!\n", name);
-    return -1;
-  }
+  if (!existing_config_paths("restart_tarn_process", name, &paths)) return -1;
   TarnFileLock lock;
   if (!lock_config(&lock, paths, name)) return -1;
   TarnIniPtr ini(tarn_ini_file_load(paths.config));

@@ -16,13 +16,11 @@
 #include <vector>
 
 #include "exe_path.h"
+#include "errno_result.h"
 
 namespace {
 
-int fail(int error) {
-  errno = error;
-  return error;
-}
+using tarnbase::fail;
 
 // Creates one directory with exactly mode. Returns 0 also when a directory
 // is already there (made by another process a moment ago, perhaps).

@@ -10,15 +10,13 @@
 #include <unistd.h>
 
 #include "replace_file.h"
+#include "errno_result.h"
 
 namespace {
 
 bool is_empty(const char *text) { return text == nullptr || text[0] == '\0'; }
 
-int fail(int error) {
-  errno = error;
-  return error;
-}
+using tarnbase::fail;
 
 // Copies everything that remains to be read from in to out.
 int copy_content(int in, int out) {

@@ -10,16 +10,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "errno_result.h"
+
 struct tarn_flock {
   int fd;
 };
 
 namespace {
 
-int fail(int error) {
-  errno = error;
-  return error;
-}
+using tarnbase::fail;
 
 // Opens the lock file, creating it open to every user when it is missing.
 // A file that this user may not write is opened for reading: flock(2)

@@ -17,6 +17,7 @@
 
 #include "ini_text.h"
 #include "replace_file.h"
+#include "errno_result.h"
 
 namespace {
 
@@ -42,10 +43,7 @@ struct tarn_ini {
 
 namespace {
 
-int fail(int error) {
-  errno = error;
-  return error;
-}
+using tarnbase::fail;
 
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f' || c == '\r' || c == '\n'; }
 

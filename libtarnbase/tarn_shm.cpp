@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "shm_name.h"
+#include "errno_result.h"
 
 struct tarn_shm {
   char name[tarnbase::kShmNameMax];
@@ -22,10 +23,7 @@ namespace {
 
 constexpr mode_t kShmMode = 0660;
 
-int fail_with(int error) {
-  errno = error;
-  return error;
-}
+using tarnbase::fail;
 
 // Opens the object, creating it when the flag allows. *created tells
 // whether this call made it.
@@ -54,7 +52,7 @@ TARNBASE_API int tarn_shm_init(const char *key, int flag, size_t size, tarn_shm_
   char name[tarnbase::kShmNameMax];
   if (handle == nullptr || size == 0 || flag < TARN_SHM_OPEN || flag > TARN_SHM_CREATE ||
       !tarnbase::make_shm_name(key, "", name))
-    return fail_with(EINVAL);
+    return fail(EINVAL);
 
   bool created = false;
   const int fd = open_object(name, flag, &created);
@@ -63,7 +61,7 @@ TARNBASE_API int tarn_shm_init(const char *key, int flag, size_t size, tarn_shm_
   if (fstat(fd, &st) != 0) {
     const int error = errno;
     close(fd);
-    return fail_with(error);
+    return fail(error);
   }
   // A segment of size 0 has just been created by someone who has not sized
   // it yet; every opener sizes it, so that none maps a segment too short.
@@ -71,18 +69,18 @@ TARNBASE_API int tarn_shm_init(const char *key, int flag, size_t size, tarn_shm_
   if (current < size) {
     if (current != 0 && !created && flag != TARN_SHM_CREATE) {
       close(fd);
-      return fail_with(EINVAL);
+      return fail(EINVAL);
     }
     if (ftruncate(fd, (off_t)size) != 0) {
       const int error = errno;
       close(fd);
-      return fail_with(error);
+      return fail(error);
     }
   }
   tarn_shm_t *shm = static_cast<tarn_shm_t *>(calloc(1, sizeof(tarn_shm_t)));
   if (shm == nullptr) {
     close(fd);
-    return fail_with(ENOMEM);
+    return fail(ENOMEM);
   }
   memcpy(shm->name, name, sizeof(name));
   shm->fd = fd;
@@ -94,7 +92,7 @@ TARNBASE_API int tarn_shm_init(const char *key, int flag, size_t size, tarn_shm_
 TARNBASE_API int tarn_shm_map(tarn_shm_t *handle, size_t offset, void **base) {
   if (handle == nullptr || base == nullptr || offset >= handle->size ||
       offset % (size_t)sysconf(_SC_PAGESIZE) != 0)
-    return fail_with(EINVAL);
+    return fail(EINVAL);
   const size_t length = handle->size - offset;
   void *mapped = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, handle->fd, (off_t)offset);
   if (mapped == MAP_FAILED) return errno;
@@ -105,7 +103,7 @@ TARNBASE_API int tarn_shm_map(tarn_shm_t *handle, size_t offset, void **base) {
 }
 
 TARNBASE_API int tarn_shm_unmap(tarn_shm_t *handle, void *base) {
-  if (handle == nullptr || base == nullptr || base != handle->map_base) return fail_with(EINVAL);
+  if (handle == nullptr || base == nullptr || base != handle->map_base) return fail(EINVAL);
   if (munmap(base, handle->map_length) != 0) return errno;
   handle->map_base = nullptr;
   handle->map_length = 0;
@@ -113,14 +111,14 @@ TARNBASE_API int tarn_shm_unmap(tarn_shm_t *handle, void *base) {
 }
 
 TARNBASE_API int tarn_shm_close(tarn_shm_t *handle) {
-  if (handle == nullptr) return fail_with(EINVAL);
+  if (handle == nullptr) return fail(EINVAL);
   close(handle->fd);
   free(handle);
   return 0;
 }
 
 TARNBASE_API int tarn_shm_destroy(tarn_shm_t *handle) {
-  if (handle == nullptr) return fail_with(EINVAL);
+  if (handle == nullptr) return fail(EINVAL);
   const int result = shm_unlink(handle->name) == 0 ? 0 : errno;
   tarn_shm_close(handle);
   if (result != 0) errno = result;

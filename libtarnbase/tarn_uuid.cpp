@@ -6,16 +6,11 @@
 
 #include <uuid/uuid.h>
 
+#include "errno_result.h"
+
 static_assert(sizeof(uuid_t) == sizeof(tarn_uuid_t), "a tarn_uuid_t holds one uuid_t");
 
-namespace {
-
-int fail(int error) {
-  errno = error;
-  return error;
-}
-
-}  // namespace
+using tarnbase::fail;
 
 extern "C" {
 

@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "tarnbase/tarn_mem.h"
+#include "errno_result.h"
 
 struct tarn_vector {
   void **items;
@@ -19,10 +20,7 @@ namespace {
 
 constexpr size_t kDefaultCapacity = 8;
 
-int fail(int error) {
-  errno = error;
-  return error;
-}
+using tarnbase::fail;
 
 void **allocate_items(size_t capacity) {
   if (capacity > SIZE_MAX / sizeof(void *)) {

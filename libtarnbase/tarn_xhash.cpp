@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "tarnbase/tarn_mem.h"
+#include "errno_result.h"
 
 // An entry and, right after it in the same block, its key and a zero byte.
 struct tarn_xhash_entry {
@@ -33,10 +34,7 @@ namespace {
 
 constexpr size_t kDefaultBuckets = 16;
 
-int fail(int error) {
-  errno = error;
-  return error;
-}
+using tarnbase::fail;
 
 // FNV-1a, 64 bits.
 uint64_t hash_of(const void *key, size_t length) {

@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <malloc.h>
 #include <stdlib.h>
@@ -32,9 +31,11 @@
 #include "com_info_internal.h"
 #include "fakes.h"
 #include "install_root.h"
+#include "interpose.h"
 #include "kep_result.h"
 #include "log_checks.h"
 #include "manifests.h"
+#include "reset_test.h"
 #include "split_faults.h"
 #include "tarn_utils.h"
 
@@ -47,15 +48,7 @@ using tarn_test::record_text;
 using tarn_test::under_root;
 using tarn_test::write_file;
 
-class ComInfoTest : public ::testing::Test {
- protected:
-  void SetUp() override { reset(); }
-  void TearDown() override { reset(); }
-  static void reset() {
-    tarn_test::reset_fakes();
-    tarn_test::clear_install_root();
-  }
-};
+class ComInfoTest : public tarn_test::ResetTest<tarn_test::clear_install_root> {};
 
 TEST_F(ComInfoTest, ResultCodesHaveTheirValues) {
   EXPECT_EQ(KEP_E_SUCCESS, 0u);
@@ -910,10 +903,7 @@ unsigned g_uuid_create_calls = 0;
 unsigned g_shell_calls = 0;
 std::function<void()> g_after_shell;  // run once the real command has ended
 
-template <typename Fn>
-Fn next_definition(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 }  // namespace
 

@@ -23,6 +23,7 @@
 #include "fakes.h"
 #include "log_checks.h"
 #include "optimize_time.h"
+#include "reset_test.h"
 
 namespace {
 
@@ -43,15 +44,8 @@ std::string text_of(const ChildOutcome &outcome) {
   return text.empty() ? "  (no lines)" : text;
 }
 
-class OptimizeTimeTest : public ::testing::Test {
+class OptimizeTimeTest : public tarn_test::ResetTest<tarn_test::clear_container_faults> {
  protected:
-  void SetUp() override { reset(); }
-  void TearDown() override { reset(); }
-  static void reset() {
-    tarn_test::reset_fakes();
-    tarn_test::clear_container_faults();
-  }
-
   // Runs scenario in a child between init and finit (so that the
   // sanitizer build also checks that finit frees every probe).
   static ChildOutcome run_probes(const std::function<void()> &scenario) {

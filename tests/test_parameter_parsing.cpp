@@ -20,6 +20,7 @@
 #include "fakes.h"
 #include "log_checks.h"
 #include "parameter_parsing.h"
+#include "reset_test.h"
 
 namespace {
 
@@ -61,15 +62,8 @@ Strings arguments_of(const argment_paras *handle, const char *option) {
 
 const Strings kInvalidInput = {"Invalid input\n"};
 
-class ParameterParsingTest : public ::testing::Test {
+class ParameterParsingTest : public tarn_test::ResetTest<tarn_test::clear_container_faults> {
  protected:
-  void SetUp() override { reset(); }
-  void TearDown() override { reset(); }
-  static void reset() {
-    tarn_test::reset_fakes();
-    tarn_test::clear_container_faults();
-  }
-
   // Expects the lines logged since the last call to be exactly these warn
   // messages, and clears them.
   static void expect_warnings(const Strings &expected) {

@@ -15,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -42,6 +41,7 @@
 #include "fakes.h"
 #include "file_faults.h"
 #include "install_root.h"
+#include "interpose.h"
 #include "log_checks.h"
 #include "manifests.h"
 #include "tarn_apphome.h"
@@ -70,10 +70,7 @@ struct WalkAnswer {
 };
 WalkAnswer g_walk;
 
-template <typename Fn>
-Fn next_definition(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 }  // namespace
 

@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
@@ -39,6 +38,7 @@
 
 #include "child_process.h"
 #include "fakes.h"
+#include "interpose.h"
 #include "log_checks.h"
 #include "tarn_heartbeat.h"
 #include "tarn_heartbeat_internal.h"
@@ -57,10 +57,7 @@ int g_glock_init_error = 0;  // returned by tarn_glock_init for the table's lock
 int g_shm_map_error = 0;     // returned by tarn_shm_map for the table's segment
 tarn_shm_t *g_table_shm = nullptr;
 
-template <typename Fn>
-Fn next_definition(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 }  // namespace
 

@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -31,6 +30,7 @@
 #include "fakes.h"
 #include "file_faults.h"
 #include "install_root.h"
+#include "interpose.h"
 #include "log_checks.h"
 #include "tarn_process_control.h"
 
@@ -51,10 +51,7 @@ std::vector<IniCall> g_loads;
 int g_save_error = 0;
 bool g_drop_record_after_exist_check = false;
 
-template <typename Fn>
-Fn next_definition(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 bool is_config_path(const char *path) {
   const size_t length = path != nullptr ? strlen(path) : 0;
@@ -323,23 +320,19 @@ TEST_F(ProcessControlTest, InstallDoesNotCreateTheServicesDirectory) {
 TEST_F(ProcessControlTest, InstallWaitsForTheLockHeldByAnotherProcess) {
   tarn_test::ForeignLock holder(kLock);
   ASSERT_TRUE(holder.held());
-  tarn_test::Pipe result;
-  const pid_t pid = tarn_test::fork_child([&]() {
-    result.close_read();
-    Ini ini;
-    fill(&ini);
-    result.write_int(install_tarn_process("tarn_worker", ini.get()));
-    return 0;
-  });
-  ASSERT_GT(pid, 0);
-  result.close_write();
-  int value = -2;
-  EXPECT_FALSE(result.read_int(&value, 300)) << "install did not wait for the lock";
-  EXPECT_FALSE(exists(kConfig));
-  holder.release();
-  ASSERT_TRUE(result.read_int(&value));
-  EXPECT_EQ(0, value);
-  EXPECT_EQ(0, tarn_test::reap(pid));
+  const tarn_test::LockedCall call = tarn_test::call_behind_lock(
+      holder,
+      [] {
+        Ini ini;
+        fill(&ini);
+        return install_tarn_process("tarn_worker", ini.get());
+      },
+      [] { EXPECT_FALSE(exists(kConfig)); });
+  ASSERT_TRUE(call.started);
+  EXPECT_TRUE(call.waited) << "install did not wait for the lock";
+  ASSERT_TRUE(call.answered);
+  EXPECT_EQ(0, call.value);
+  EXPECT_EQ(0, call.status);
   EXPECT_EQ(kConfigText, read_file(kConfig));
 }
 
@@ -512,21 +505,14 @@ TEST_F(ProcessControlTest, RestartWaitsForTheLockHeldByAnotherProcess) {
   age(kConfig);
   tarn_test::ForeignLock holder(kLock);
   ASSERT_TRUE(holder.held());
-  tarn_test::Pipe result;
-  const pid_t pid = tarn_test::fork_child([&]() {
-    result.close_read();
-    result.write_int(restart_tarn_process("tarn_worker"));
-    return 0;
-  });
-  ASSERT_GT(pid, 0);
-  result.close_write();
-  int value = -2;
-  EXPECT_FALSE(result.read_int(&value, 300)) << "restart did not wait for the lock";
-  EXPECT_FALSE(renewed_since_aged(kConfig));
-  holder.release();
-  ASSERT_TRUE(result.read_int(&value));
-  EXPECT_EQ(0, value);
-  EXPECT_EQ(0, tarn_test::reap(pid));
+  const tarn_test::LockedCall call = tarn_test::call_behind_lock(
+      holder, [] { return restart_tarn_process("tarn_worker"); },
+      [] { EXPECT_FALSE(renewed_since_aged(kConfig)); });
+  ASSERT_TRUE(call.started);
+  EXPECT_TRUE(call.waited) << "restart did not wait for the lock";
+  ASSERT_TRUE(call.answered);
+  EXPECT_EQ(0, call.value);
+  EXPECT_EQ(0, call.status);
   EXPECT_TRUE(renewed_since_aged(kConfig));
   EXPECT_EQ(kConfigText, read_file(kConfig));
 }

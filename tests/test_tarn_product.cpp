@@ -186,20 +186,12 @@ TEST_F(ProductTest, InstallPathWaitsForTheRecordsLock) {
   record_install_path("/opt/velmora/edr");
   tarn_test::ForeignLock holder(kInskeyLock);
   ASSERT_TRUE(holder.held());
-  tarn_test::Pipe result;
-  const pid_t pid = tarn_test::fork_child([&]() {
-    result.close_read();
-    result.write_int(is_product_installed("edr"));
-    return 0;
-  });
-  ASSERT_GT(pid, 0);
-  result.close_write();
-  int value = -2;
-  EXPECT_FALSE(result.read_int(&value, 300)) << "the reader did not wait for the lock";
-  holder.release();
-  ASSERT_TRUE(result.read_int(&value));
-  EXPECT_EQ(0, value);
-  EXPECT_EQ(0, tarn_test::reap(pid));
+  const tarn_test::LockedCall call = tarn_test::call_behind_lock(holder, [] { return is_product_installed("edr"); });
+  ASSERT_TRUE(call.started);
+  EXPECT_TRUE(call.waited) << "the reader did not wait for the lock";
+  ASSERT_TRUE(call.answered);
+  EXPECT_EQ(0, call.value);
+  EXPECT_EQ(0, call.status);
 }
 
 TEST_F(ProductTest, InstallPathThatCannotBeCopiedEndsTheProcess) {
@@ -511,20 +503,12 @@ TEST_F(ProductTest, RegisterWaitsForTheRegistersLock) {
   ASSERT_TRUE(write_file(kBackup, kBackupText));
   tarn_test::ForeignLock holder(kRegisterLock);
   ASSERT_TRUE(holder.held());
-  tarn_test::Pipe result;
-  const pid_t pid = tarn_test::fork_child([&]() {
-    result.close_read();
-    result.write_int(is_product_register("edr"));
-    return 0;
-  });
-  ASSERT_GT(pid, 0);
-  result.close_write();
-  int value = -2;
-  EXPECT_FALSE(result.read_int(&value, 300)) << "the query did not wait for the lock";
-  holder.release();
-  ASSERT_TRUE(result.read_int(&value));
-  EXPECT_EQ(1, value);
-  EXPECT_EQ(0, tarn_test::reap(pid));
+  const tarn_test::LockedCall call = tarn_test::call_behind_lock(holder, [] { return is_product_register("edr"); });
+  ASSERT_TRUE(call.started);
+  EXPECT_TRUE(call.waited) << "the query did not wait for the lock";
+  ASSERT_TRUE(call.answered);
+  EXPECT_EQ(1, call.value);
+  EXPECT_EQ(0, call.status);
 }
 
 TEST_F(ProductTest, RegisterWithoutRegisterOrBackupIsZero) {

@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -33,6 +32,7 @@
 #include "fakes.h"
 #include "file_faults.h"
 #include "install_root.h"
+#include "interpose.h"
 #include "log_checks.h"
 #include "manifests.h"
 #include "utils_internal.h"
@@ -51,10 +51,7 @@ struct Overrides {
 };
 Overrides g_overrides;
 
-template <typename Fn>
-Fn next_definition(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 }  // namespace
 

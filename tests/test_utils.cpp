@@ -34,6 +34,7 @@
 #include "install_root.h"
 #include "log_checks.h"
 #include "parameter_parsing.h"
+#include "reset_test.h"
 #include "tarn_utils.h"
 #include "utils_internal.h"
 
@@ -83,16 +84,7 @@ std::vector<std::string> lock_events(const std::string &lock) {
   return {"init " + lock, "acquire " + lock, "release " + lock, "destroy " + lock};
 }
 
-class UtilsTest : public ::testing::Test {
- protected:
-  void SetUp() override { reset(); }
-  void TearDown() override { reset(); }
-  static void reset() {
-    tarn_test::reset_fakes();
-    tarn_test::clear_file_faults();
-    tarn_test::clear_install_root();
-  }
-};
+class UtilsTest : public tarn_test::ResetTest<tarn_test::clear_file_faults, tarn_test::clear_install_root> {};
 
 // ---------------------------------------------------------------------------
 // The install root.
@@ -209,21 +201,16 @@ TEST_F(UtilsTest, AppHomeDirWaitsForTheRecordsLock) {
   ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
   tarn_test::ForeignLock holder(kRecordLockPath);
   ASSERT_TRUE(holder.held());
-  tarn_test::Pipe result;
-  const pid_t child = tarn_test::fork_child([&result] {
-    result.close_read();
+  const tarn_test::LockedCall call = tarn_test::call_behind_lock(holder, [] {
     char out[64] = {0};
     const int ret = get_app_home_dir(kRecordPath, out, sizeof(out), nullptr);
-    result.write_int(ret == 0 && strcmp(out, kHomeA) == 0 ? 0 : 1);
-    return 0;
+    return ret == 0 && strcmp(out, kHomeA) == 0 ? 0 : 1;
   });
-  result.close_write();
-  int value = -1;
-  EXPECT_FALSE(result.read_int(&value, 300)) << "the read did not wait for the lock";
-  holder.release();
-  EXPECT_TRUE(result.read_int(&value, 10000));
-  EXPECT_EQ(value, 0);
-  EXPECT_EQ(tarn_test::reap(child), 0);
+  ASSERT_TRUE(call.started);
+  EXPECT_TRUE(call.waited) << "the read did not wait for the lock";
+  EXPECT_TRUE(call.answered);
+  EXPECT_EQ(call.value, 0);
+  EXPECT_EQ(call.status, 0);
 }
 
 // ---------------------------------------------------------------------------

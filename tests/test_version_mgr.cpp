@@ -15,6 +15,7 @@
 #include "fakes.h"
 #include "log_checks.h"
 #include "manifests.h"
+#include "reset_test.h"
 #include "split_faults.h"
 #include "version_mgr.h"
 
@@ -51,15 +52,7 @@ Parsed parse(const char *text) {
   return parsed;
 }
 
-class VersionMgrTest : public ::testing::Test {
- protected:
-  void SetUp() override { reset(); }
-  void TearDown() override { reset(); }
-  static void reset() {
-    tarn_test::reset_fakes();
-    tarn_test::clear_split_faults();
-  }
-};
+class VersionMgrTest : public tarn_test::ResetTest<tarn_test::clear_split_faults> {};
 
 TEST_F(VersionMgrTest, ParsesThreeDottedNumbers) {
   const Parsed parsed = parse("1.2.3");

@@ -1,6 +1,6 @@
 #include "container_faults.h"
+#include "interpose.h"
 
-#include <dlfcn.h>
 #include <errno.h>
 
 #include <map>
@@ -28,10 +28,7 @@ bool fails(ContainerOp operation) {
   return true;
 }
 
-template <typename Function>
-Function real(const char *name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 }  // namespace
 
@@ -39,13 +36,13 @@ extern "C" {
 
 tarn_xhash_t *tarn_xhash_create(size_t capacity, tarn_xhash_free_fn free_value) {
   if (fails(ContainerOp::kXhashCreate)) return nullptr;
-  return real<tarn_xhash_t *(*)(size_t, tarn_xhash_free_fn)>("tarn_xhash_create")(capacity,
+  return next_definition<tarn_xhash_t *(*)(size_t, tarn_xhash_free_fn)>("tarn_xhash_create")(capacity,
                                                                                   free_value);
 }
 
 int tarn_xhash_insert(tarn_xhash_t *table, const void *key, size_t key_length, void *value) {
   if (fails(ContainerOp::kXhashInsert)) return ENOMEM;
-  return real<int (*)(tarn_xhash_t *, const void *, size_t, void *)>("tarn_xhash_insert")(
+  return next_definition<int (*)(tarn_xhash_t *, const void *, size_t, void *)>("tarn_xhash_insert")(
       table, key, key_length, value);
 }
 
@@ -54,12 +51,12 @@ int tarn_vector_create(tarn_vector_t **vector, size_t capacity) {
     if (vector != nullptr) *vector = nullptr;
     return ENOMEM;
   }
-  return real<int (*)(tarn_vector_t **, size_t)>("tarn_vector_create")(vector, capacity);
+  return next_definition<int (*)(tarn_vector_t **, size_t)>("tarn_vector_create")(vector, capacity);
 }
 
 int tarn_vector_push_back(tarn_vector_t *vector, void *element) {
   if (fails(ContainerOp::kVectorPushBack)) return ENOMEM;
-  return real<int (*)(tarn_vector_t *, void *)>("tarn_vector_push_back")(vector, element);
+  return next_definition<int (*)(tarn_vector_t *, void *)>("tarn_vector_push_back")(vector, element);
 }
 
 }  // extern "C"

@@ -1,6 +1,6 @@
 #include "fakes.h"
+#include "interpose.h"
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -36,10 +36,7 @@ bool allocation_fails() {
   return false;
 }
 
-template <typename Fn>
-Fn real(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 // Splits "[time] [word] [pid:..] [tid:..] [kep] [file:line] message".
 tarn_test::LogLine parse_line(uint32_t number, const std::string &line) {
@@ -78,7 +75,7 @@ uint32_t tarn_log_level_get(void) {
     std::lock_guard<std::mutex> guard(g_mutex);
     if (!g_configured_level) return g_level;
   }
-  return real<uint32_t (*)(void)>("tarn_log_level_get")();
+  return next_definition<uint32_t (*)(void)>("tarn_log_level_get")();
 }
 
 uint64_t tarn_time_get_tick_cout(void) {
@@ -86,7 +83,7 @@ uint64_t tarn_time_get_tick_cout(void) {
     std::lock_guard<std::mutex> guard(g_mutex);
     if (g_tick) return *g_tick;
   }
-  return real<uint64_t (*)(void)>("tarn_time_get_tick_cout")();
+  return next_definition<uint64_t (*)(void)>("tarn_time_get_tick_cout")();
 }
 
 uint64_t tarn_log_get_tick_count(void) {
@@ -94,7 +91,7 @@ uint64_t tarn_log_get_tick_count(void) {
     std::lock_guard<std::mutex> guard(g_mutex);
     if (g_tick) return *g_tick;
   }
-  return real<uint64_t (*)(void)>("tarn_log_get_tick_count")();
+  return next_definition<uint64_t (*)(void)>("tarn_log_get_tick_count")();
 }
 
 int tarn_process_is_exist(int pid) {
@@ -103,7 +100,7 @@ int tarn_process_is_exist(int pid) {
     auto it = g_process_exists.find(pid);
     if (it != g_process_exists.end()) return it->second ? 1 : 0;
   }
-  return real<int (*)(int)>("tarn_process_is_exist")(pid);
+  return next_definition<int (*)(int)>("tarn_process_is_exist")(pid);
 }
 
 void *tarn_zero_malloc_(size_t size) {
@@ -111,7 +108,7 @@ void *tarn_zero_malloc_(size_t size) {
     errno = ENOMEM;
     return nullptr;
   }
-  return real<void *(*)(size_t)>("tarn_zero_malloc_")(size);
+  return next_definition<void *(*)(size_t)>("tarn_zero_malloc_")(size);
 }
 
 char *tarn_strdup(const char *s) {
@@ -119,7 +116,7 @@ char *tarn_strdup(const char *s) {
     errno = ENOMEM;
     return nullptr;
   }
-  return real<char *(*)(const char *)>("tarn_strdup")(s);
+  return next_definition<char *(*)(const char *)>("tarn_strdup")(s);
 }
 
 }  // extern "C"

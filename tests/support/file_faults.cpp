@@ -1,6 +1,6 @@
 #include "file_faults.h"
+#include "interpose.h"
 
-#include <dlfcn.h>
 #include <errno.h>
 
 #include <map>
@@ -21,10 +21,7 @@ std::map<std::string, int> g_copy_faults;
 std::map<const tarn_flock_t *, std::string> g_lock_paths;
 std::vector<std::string> g_events;
 
-template <typename Fn>
-Fn real(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+using tarn_test::next_definition;
 
 // The armed error for path, or 0; writes the event down.
 int check(const std::map<std::string, int> &faults, const char *operation, const std::string &path) {
@@ -52,7 +49,7 @@ int tarn_flock_init(const char *lock_path, tarn_flock_t **handle) {
     errno = error;
     return error;
   }
-  const int ret = real<int (*)(const char *, tarn_flock_t **)>("tarn_flock_init")(lock_path, handle);
+  const int ret = next_definition<int (*)(const char *, tarn_flock_t **)>("tarn_flock_init")(lock_path, handle);
   if (ret == 0 && handle != nullptr) {
     std::lock_guard<std::mutex> guard(g_mutex);
     g_lock_paths[*handle] = text(lock_path);
@@ -65,12 +62,12 @@ int tarn_flock_acquire(tarn_flock_t *handle) {
     errno = error;
     return error;
   }
-  return real<int (*)(tarn_flock_t *)>("tarn_flock_acquire")(handle);
+  return next_definition<int (*)(tarn_flock_t *)>("tarn_flock_acquire")(handle);
 }
 
 int tarn_flock_release(tarn_flock_t *handle) {
   check({}, "release", path_of(handle));
-  return real<int (*)(tarn_flock_t *)>("tarn_flock_release")(handle);
+  return next_definition<int (*)(tarn_flock_t *)>("tarn_flock_release")(handle);
 }
 
 int tarn_flock_destroy(tarn_flock_t *handle) {
@@ -79,7 +76,7 @@ int tarn_flock_destroy(tarn_flock_t *handle) {
     std::lock_guard<std::mutex> guard(g_mutex);
     g_lock_paths.erase(handle);
   }
-  return real<int (*)(tarn_flock_t *)>("tarn_flock_destroy")(handle);
+  return next_definition<int (*)(tarn_flock_t *)>("tarn_flock_destroy")(handle);
 }
 
 int tarn_ini_file_save_directio(tarn_ini_t *ini, const char *path, int flags) {
@@ -87,7 +84,7 @@ int tarn_ini_file_save_directio(tarn_ini_t *ini, const char *path, int flags) {
     errno = error;
     return error;
   }
-  return real<int (*)(tarn_ini_t *, const char *, int)>("tarn_ini_file_save_directio")(ini, path,
+  return next_definition<int (*)(tarn_ini_t *, const char *, int)>("tarn_ini_file_save_directio")(ini, path,
                                                                                         flags);
 }
 
@@ -96,7 +93,7 @@ int tarn_file_add_user_full_ctrl(const char *path, const char *user) {
     errno = error;
     return error;
   }
-  return real<int (*)(const char *, const char *)>("tarn_file_add_user_full_ctrl")(path, user);
+  return next_definition<int (*)(const char *, const char *)>("tarn_file_add_user_full_ctrl")(path, user);
 }
 
 int tarn_file_copy(const char *src, const char *dst) {
@@ -104,7 +101,7 @@ int tarn_file_copy(const char *src, const char *dst) {
     errno = error;
     return error;
   }
-  return real<int (*)(const char *, const char *)>("tarn_file_copy")(src, dst);
+  return next_definition<int (*)(const char *, const char *)>("tarn_file_copy")(src, dst);
 }
 
 }  // extern "C"

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -124,6 +125,38 @@ class ForeignLock {
   pid_t pid_ = -1;
   bool held_ = false;
 };
+
+// What a call made in a child behind a ForeignLock came to.
+struct LockedCall {
+  bool started = false;   // the child was forked
+  bool waited = false;    // it gave no answer while the lock was held
+  bool answered = false;  // it answered once the lock was released
+  int value = -2;         // its answer
+  int status = -1;        // reap()'s result for it
+};
+
+// Runs call in a child while holder holds its lock, gives the child 300 ms
+// to answer (it must not), runs while_waiting with the lock still held, then
+// releases the lock and collects the child's answer and exit status.
+inline LockedCall call_behind_lock(ForeignLock &holder, const std::function<int()> &call,
+                                   const std::function<void()> &while_waiting = {}) {
+  LockedCall outcome;
+  Pipe result;
+  const pid_t pid = fork_child([&]() {
+    result.close_read();
+    result.write_int(call());
+    return 0;
+  });
+  outcome.started = pid > 0;
+  if (!outcome.started) return outcome;
+  result.close_write();
+  outcome.waited = !result.read_int(&outcome.value, 300);
+  if (while_waiting) while_waiting();
+  holder.release();
+  outcome.answered = result.read_int(&outcome.value);
+  outcome.status = reap(pid);
+  return outcome;
+}
 
 // Whether some open file description holds an exclusive flock(2) on path:
 // tries to take it without waiting (from this process's own open).
