@@ -113,6 +113,13 @@ Replaced replaced(const char *text, size_t size, const char *old_str, const char
   EXPECT_NE(nullptr, memchr(buffer.data(), '\0', size)) << "not terminated";
   return {result, buffer.data()};
 }
+// One replacement and its expected count and text.
+#define EXPECT_REPLACED(input, size, old_str, new_str, all, want_count, want_text) \
+  do {                                                                           \
+    const Replaced got = replaced(input, size, old_str, new_str, all);           \
+    EXPECT_EQ(want_count, got.result) << (input);                                \
+    EXPECT_EQ(want_text, got.text) << (input);                                   \
+  } while (0)
 
 // ---------------------------------------------------------------------------
 // Paths
@@ -317,57 +324,33 @@ TEST(BoundedStrings, StrncatAppendsWithinTheWholeSize) {
 }
 
 TEST(BoundedStrings, ReplaceWithAllSetReplacesEveryOccurrence) {
-  Replaced r = replaced("my file name", 64, " ", "\" \"", 1);
-  EXPECT_EQ(2, r.result);
-  EXPECT_EQ("my\" \"file\" \"name", r.text);
-  r = replaced("abcabc", 64, "bc", "X", 1);
-  EXPECT_EQ(2, r.result);
-  EXPECT_EQ("aXaX", r.text);
-  r = replaced("aaa", 64, "aa", "b", 1);
-  EXPECT_EQ(1, r.result);
-  EXPECT_EQ("ba", r.text);
-  r = replaced("a-b", 64, "-", "", 1);
-  EXPECT_EQ(1, r.result);
-  EXPECT_EQ("ab", r.text);
+  EXPECT_REPLACED("my file name", 64, " ", "\" \"", 1, 2, "my\" \"file\" \"name");
+  EXPECT_REPLACED("abcabc", 64, "bc", "X", 1, 2, "aXaX");
+  EXPECT_REPLACED("aaa", 64, "aa", "b", 1, 1, "ba");
+  EXPECT_REPLACED("a-b", 64, "-", "", 1, 1, "ab");
 }
 
 TEST(BoundedStrings, ReplaceWithAllClearReplacesTheFirstOnly) {
-  Replaced r = replaced("a b c", 64, " ", "_", 0);
-  EXPECT_EQ(1, r.result);
-  EXPECT_EQ("a_b c", r.text);
+  EXPECT_REPLACED("a b c", 64, " ", "_", 0, 1, "a_b c");
 }
 
 TEST(BoundedStrings, ReplaceSearchesOnAfterTheInsertedText) {
-  Replaced r = replaced("a.a", 64, "a", "aa", 1);
-  EXPECT_EQ(2, r.result);
-  EXPECT_EQ("aa.aa", r.text);
+  EXPECT_REPLACED("a.a", 64, "a", "aa", 1, 2, "aa.aa");
 }
 
 TEST(BoundedStrings, ReplaceWithoutAnOccurrenceChangesNothing) {
-  Replaced r = replaced("plain", 64, " ", "\" \"", 1);
-  EXPECT_EQ(0, r.result);
-  EXPECT_EQ("plain", r.text);
-  r = replaced("", 64, " ", "x", 1);
-  EXPECT_EQ(0, r.result);
-  EXPECT_EQ("", r.text);
+  EXPECT_REPLACED("plain", 64, " ", "\" \"", 1, 0, "plain");
+  EXPECT_REPLACED("", 64, " ", "x", 1, 0, "");
 }
 
 TEST(BoundedStrings, ReplaceCutsWhatNoLongerFits) {
   // The rest of the string is cut first.
-  Replaced r = replaced("a b", 6, " ", "\" \"", 1);
-  EXPECT_EQ(1, r.result);
-  EXPECT_EQ("a\" \"b", r.text);
-  r = replaced("a b c", 7, " ", "\" \"", 1);
-  EXPECT_EQ(2, r.result);
-  EXPECT_EQ("a\" \"b\"", r.text);
+  EXPECT_REPLACED("a b", 6, " ", "\" \"", 1, 1, "a\" \"b");
+  EXPECT_REPLACED("a b c", 7, " ", "\" \"", 1, 2, "a\" \"b\"");
   // Then the new text itself, after which nothing more is replaced.
-  r = replaced("ab c d", 5, " ", "\" \"", 1);
-  EXPECT_EQ(1, r.result);
-  EXPECT_EQ("ab\" ", r.text);
+  EXPECT_REPLACED("ab c d", 5, " ", "\" \"", 1, 1, "ab\" ");
   // A shorter new text never cuts.
-  r = replaced("a--b--c", 8, "--", "-", 1);
-  EXPECT_EQ(2, r.result);
-  EXPECT_EQ("a-b-c", r.text);
+  EXPECT_REPLACED("a--b--c", 8, "--", "-", 1, 2, "a-b-c");
 }
 
 TEST(BoundedStrings, ReplaceTerminatesABufferWithoutTerminator) {
