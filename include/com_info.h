@@ -33,7 +33,8 @@
  *
  * Results of the digest lookup and tarn_apphome_path_cat_auto are codes of
  * the family in kep_result.h. Messages named below are logged through the
- * library's log and end with a line end unless said otherwise.
+ * library's log and end with a line end unless said otherwise; a function
+ * whose comment names no message logs nothing.
  */
 #ifndef COM_INFO_H
 #define COM_INFO_H
@@ -157,7 +158,11 @@ TARNAUX_API kep_result_t tarn_get_component_file_sha256(const char *path, const 
  * the non-zero result of get_apphome_path_main (tarn_directory.h) when base
  * is null and there is no app home; or, when the path does not fit in out,
  * its length (a positive number: out must hold that many characters and a
- * terminator), leaving out untouched. The last two are logged at warn. */
+ * terminator), leaving out untouched. The last two are logged at warn:
+ * "expr[KEP_E_SUCCESS == ret] false! get apphome path fail!" (after
+ * get_apphome_path_main's own line) and "expr[ret < buf_len] false! len
+ * err! expect[%d], buf_len[%d]" (the length, out_len; no line end). The
+ * first is not logged. */
 TARNAUX_API kep_result_t tarn_apphome_path_cat_auto(const char *base, const char *rel, char *out,
                                                     int32_t out_len);
 

@@ -35,7 +35,19 @@
  * config/flags/flag_operational_backup restores it when it is lost.
  *
  * Results are plain integers; the convention of each function is stated
- * below. Every failure is logged before the function returns.
+ * below. Every failure other than a refused null argument is logged before
+ * the function returns. Messages are
+ * quoted as logged (the text after the line prefix, "\n" the line end); a
+ * function whose comment names no message logs nothing. Where a lock is
+ * taken for ini_path, a failure logs at warn "flock init failed, errcode
+ * is %d\n" or "flock acquire failed, errcode is %d\n" with errno.
+ *
+ * The operational test (used by tarn_apphome_check_validity and the
+ * reduction) logs at info "current path %s not operational path,
+ * errcode:0x%x\n" when the flag is missing, then "current path %s not
+ * operational backup path, errcode:0x%x\n" when the spare is missing too,
+ * or "copy operational backup file to operational file failed\n" when the
+ * spare cannot be copied back.
  */
 #ifndef TARN_APPHOME_H
 #define TARN_APPHOME_H
@@ -52,7 +64,8 @@ TARNAUX_BEGIN_DECLS
 /* Writes the record file's full path, "/usr/share/velmora/TARN/
  * tarn_apphome.ini" (40 characters), into buf, which holds len bytes.
  * Returns 0; -1, writing nothing, for a null buf or a len of 0 or below,
- * and for a len below 41 (logged at warn). */
+ * and for a len below 41 (warn "get apphoem file is failed, length %d is
+ * low\n" with len). */
 TARNAUX_API int32_t tarn_apphome_get_file(char *buf, int32_t len);
 
 /* The machine's architecture as a static string: "x86" or "x64" on a
@@ -78,9 +91,10 @@ TARNAUX_API int32_t tarn_apphome_check_format(const char *name);
  * the machine needs a companion app home, also copies the "app_home_x86"
  * value into apphome_arch (arch_len bytes); a missing companion value is
  * not an error, and apphome_arch then keeps what it held.
- * Returns 0; 1 when the lock cannot be taken, the file cannot be loaded or
- * it has no "app_home" (each logged at warn); -1 for a null ini_path or
- * apphome. */
+ * Returns 0; 1 when the lock cannot be taken (the flock lines above), the
+ * file cannot be loaded (warn "tarn_ini_file_load is failed\n") or it has
+ * no "app_home" (warn "get apphome field failed\n"); -1 for a null
+ * ini_path or apphome (nothing logged). */
 TARNAUX_API int32_t tarn_apphome_get_apphome(const char *ini_path, char *apphome,
                                              size_t apphome_len, char *apphome_arch,
                                              size_t arch_len);
@@ -99,9 +113,16 @@ TARNAUX_API int32_t tarn_apphome_get_apphome(const char *ini_path, char *apphome
  * app home (else 2) and, where the machine needs one, a companion app home
  * (else 3), and the named directories below the install root are
  * operational (else 4 for the app home, 5 for the companion). Returns 0
- * when valid; -1 for a null ini_path or when the install root cannot be
- * had. Each failure is logged at warn. The record is never modified, but
- * the operational test restores a lost flag file from its spare. */
+ * when valid; -1 for a null ini_path (nothing logged) or when the install
+ * root cannot be had (warn "get_tarn_path is failed\n"). The other
+ * failures are logged at warn: 1 "file %s is no
+ * exist, errcode:0x%x\n" (path, errno); 2 tarn_apphome_get_apphome's line,
+ * then "tarn_apphome_get_apphome get apphome is failed\n"; 3
+ * "tarn_apphome_get_apphome get apphome_arch is failed\n"; 4 "apphome is
+ * invalid, %s no exists, errcode:0x%x\n" and 5 "apphome_arch is invalid, %s
+ * no exists, errcode:0x%x\n" (the directory, errno), each after the
+ * operational test's info lines. The record is never modified, but the
+ * operational test restores a lost flag file from its spare. */
 TARNAUX_API int32_t tarn_apphome_check_validity(const char *ini_path);
 
 /* Records apphome (and, on a machine that needs one, the companion name
@@ -116,28 +137,43 @@ TARNAUX_API int32_t tarn_apphome_check_validity(const char *ini_path);
  * object's code when a name cannot be set in it (EINVAL for text that an
  * ini file cannot hold, such as a line end or blanks at either end;
  * ENOMEM); in these cases nothing is written and the backup is not
- * touched. A failure to open the file to all users is only logged. */
+ * touched. A failure to open the file to all users is only logged.
+ * Logs at warn "arch apphome is NULL, need arch apphome\n" (missing
+ * companion name), "get apphome file path is failed\n" (no record path),
+ * the flock lines above, and "update tarn_apphome.ini failed, result is
+ * %d\n" when a name cannot be set or the save fails; at info "after
+ * load\n" when the record is started empty, and "file %s add user full
+ * control is failed, error code is %x\n" (path, errno); then the lines of
+ * tarn_apphome_backup_ini. A null apphome logs nothing. */
 TARNAUX_API int32_t tarn_apphome_update(const char *apphome, const char *apphome_arch);
 
 /* Writes ini to the backup file "tarn_apphome_backup.ini" at the install
  * root, under the backup's lock, and opens it to all users. Does nothing
- * for a null ini. Failures are logged, not returned. The caller keeps
- * ownership of ini. */
+ * for a null ini. Failures are logged, not returned: warn "tarn_flock_init
+ * %s failed\n" or "tarn_flock_acquire %s failed\n" (the lock path), error
+ * "tarn_ini_file_save_directio %s failed\n" (the backup path), warn "file
+ * %s add user full privileges failed, error code is 0x%x\n" (path, errno;
+ * the save stands). A saved backup logs at info "backup ini to file
+ * successful!\n". The caller keeps ownership of ini. */
 TARNAUX_API void tarn_apphome_backup_ini(tarn_ini_t *ini);
 
 /* Creates the empty flag file flag_name ("flag_operational" or
  * "flag_operational_backup") in the directory config/flags of the app home
  * apphome_path, creating that directory (mode 0777) when it is missing.
- * Returns 0, also when the flag exists already (logged at info); -1 for a
- * null argument, or when the file cannot be created (logged at warn). */
+ * Returns 0, also when the flag exists already (info "%s is existed\n" with
+ * the flag's path); -1 for a null argument (nothing logged), or when the
+ * file cannot be created (warn "flag file %s create failed\n"). The file is
+ * created with fopen, not synced to the disk. */
 TARNAUX_API int32_t tarn_apphome_create_flag(const char *apphome_path, const char *flag_name);
 
 /* Runs the service executable at the install root,
  * "/usr/share/velmora/TARN/tarn_service", with " -v" through the shell and
  * stores what it prints in buf (len bytes) as tarn_shell_execute does.
- * Returns tarn_shell_execute's result (0 on success); -1, leaving buf
- * untouched, for a null buf, when the install root cannot be had or when
- * the executable does not exist (logged at warn). */
+ * Returns tarn_shell_execute's result (0 on success; the command's exit
+ * status otherwise, nothing logged); -1, leaving buf untouched, for a null
+ * buf (nothing logged), when the install root cannot be had (warn
+ * "get_tarn_path is failed\n") or when the executable does not exist (warn
+ * "file %s is no exist\n" with its path). */
 TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len);
 
 /* Brings back a usable record after loss or damage, trusting in turn:
@@ -146,7 +182,14 @@ TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len);
  *    (info "apphome file is validity, path is %s\n"): nothing is written;
  * 2. the backup, when it is valid and copies over the record (info "resum
  *    apphome successed from backup\n"); a backup that is invalid or cannot
- *    be copied leads on to the scan;
+ *    be copied leads on to the scan. The copy loads the backup under the
+ *    record's lock and saves it as the record with direct I/O, logging at
+ *    info "resume app_home is [%s]\n" and "restore ini from file
+ *    successful!\n"; its failures log warn "%s is not existed!\n",
+ *    "tarn_flock_init %s failed\n", "tarn_flock_acquire %s failed\n", "load
+ *    ini file %s failed\n", error "resume app_home is empty, path is %s.\n",
+ *    "tarn_ini_file_save_directio %s failed\n", then warn "error occurd when
+ *    write [%s] to [%s]\n" (backup, record);
  * 3. a scan of the install root. The version of the installed service is
  *    read first (tarn_apphome_get_service_version). The root's own entries
  *    are then walked (tarn_dirwalk.h: by name, byte for byte, so "0a..."
@@ -176,7 +219,9 @@ TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len);
  * tarn_apphome_update's non-zero result (warn "apphome update failed,
  * errcode %d\n"). Until the update, nothing is written: a failed scan
  * leaves both files as they were. Once it succeeded, the next call stops at
- * the first check. Directories are never created, renamed or removed.
+ * the first check. The checks, the version query and the update log their
+ * own lines as described above. Directories are never created, renamed or
+ * removed.
  * When memory runs out while a name is kept, the process logs "Out of
  * memory" at fatal and ends with exit status 0. */
 TARNAUX_API int32_t tarn_apphome_reduction_file(void);

@@ -18,6 +18,10 @@
  * without taking its lock (writers replace the file whole), so a read that
  * meets a writer may find no record and fail. The result conventions differ
  * from function to function; each is stated below. All are re-entrant.
+ *
+ * Messages are logged through the library's log at the level given; each
+ * ends with a line end. A function whose comment names no message logs
+ * nothing.
  */
 #ifndef TARN_DIRECTORY_H
 #define TARN_DIRECTORY_H
@@ -48,28 +52,34 @@ TARNAUX_API int32_t is_path_in_tarn(const char *path);
  * key "app_home", or "app_home_<suffix>" when suffix is not null) into out,
  * which holds out_len bytes. The file is loaded without its lock. Returns
  * 0 when the name was copied; 1 when the file was loaded but the key is
- * absent or empty (logged at warn); -1 when ini_path or out is null or
- * out_len is 0 (logged at warn), or when the file cannot be loaded (logged
- * at debug). */
+ * absent or empty (warn "app_home is empty in %s" with ini_path, whatever
+ * the key); -1 when ini_path or out is null or out_len is 0 (warn
+ * "get_apphome_dir_name failed: argument error"), or when the file cannot
+ * be loaded (debug "tarn_ini_file_load is failed, path is %s." with
+ * ini_path). */
 TARNAUX_API int32_t get_apphome_dir_name(const char *ini_path, char *out, uint32_t out_len,
                                          const char *suffix);
 
 /* Writes the app home path (install root + "/" + the name recorded under
  * "app_home" in the record file; never the backup, never the companion
  * key) into out, which holds out_len bytes. Returns 0; 1 when there is no
- * usable record or name (out is then untouched). */
+ * usable record or name (out is then untouched), logging only what
+ * get_apphome_dir_name logs (debug for a missing or unloadable record, warn
+ * for a record without the name); a null out or an out_len below 1 gives 1
+ * without a message. */
 TARNAUX_API int32_t get_apphome_path_main(char *out, int32_t out_len);
 
 /* Writes the backup components directory, the data root followed by
  * "/velmora/TARN3_BACKUP/tarn_components", into out (out_len bytes) and
- * logs it at info. Returns 1 on success; 0 when out is null or out_len is
- * not above 0, or when there is no data root (logged at warn). The
- * directory is not created. */
+ * logs it at info "backup_path %s". Returns 1 on success; 0 when out is
+ * null or out_len is not above 0 (warn "invalid parameter"), or when there
+ * is no data root (warn "get log dir is error"). The directory is not
+ * created. */
 TARNAUX_API int32_t get_backup_path(char *out, int32_t out_len);
 
 /* As get_backup_path, for the backup temporary directory, the data root
- * followed by "/velmora/TARN3_BACKUP/var/tmp". Returns 1 on success, 0 on
- * failure. */
+ * followed by "/velmora/TARN3_BACKUP/var/tmp", logged at info "tmp path
+ * %s". Returns 1 on success, 0 on failure, with the same warn lines. */
 TARNAUX_API int32_t get_backup_tmp_path(char *out, int32_t out_len);
 
 /* Expands in into out (out_len bytes). A path that does not begin with "@"
@@ -78,7 +88,9 @@ TARNAUX_API int32_t get_backup_tmp_path(char *out, int32_t out_len);
  * <app home>/binx. When no app home is recorded, the base library's
  * tarn_dirutils_path_transform expands it (relative to the running
  * executable's directory) and out holds whatever that writes. A null in or
- * out or an out_len of 0 is logged at warn and nothing is written. */
+ * out or an out_len of 0 is logged at warn "path transform input invalid
+ * parameter" and nothing is written. An "@" path also logs what
+ * get_apphome_path_main logs. Returns nothing. */
 TARNAUX_API void tarn_agent_path_transform(const char *in, char *out, size_t out_len);
 
 TARNAUX_END_DECLS

@@ -13,6 +13,14 @@
  * returns one of the codes below (registration returns a slot index on
  * success) and logs its outcome. get_heartbeat_errmsg names each code.
  *
+ * Messages. Each operation names itself with a fixed text, <op> below, and
+ * logs its three common failures at warn:
+ *   "<op> failed, because of not inited"            -2
+ *   "<op> failed, because of invalid parameter"     -1
+ *   "<op> failed, because of acquire glock timeout" -4
+ * Its other lines are given with the function. Every message ends with a
+ * line end. Functions whose comment names no message log nothing.
+ *
  * One thread of a process initialises and de-initialises; the operations
  * may then be called from any thread.
  */
@@ -67,14 +75,20 @@ typedef struct proc_heartbeat_info {
  * it; any other mode attaches to an existing segment only. Returns 0; -3
  * when this process has initialised already; or the positive errno value of
  * the step that failed (the segment, the lock, the mapping), in which case
- * everything is undone and a later call starts afresh. */
+ * everything is undone and a later call starts afresh. Logs at warn the
+ * failed step: "share memory init failed, error:%d, mode:%d, flag:%d",
+ * "global lock init failed, error: %d" or "share memory map failed, error:
+ * %d"; on success at info "process heartbeat init successed, mode:%d,
+ * flag:%d, memset:%d" (memset 1 when the table was cleared). -3 logs
+ * nothing. */
 TARNAUX_API int32_t proc_heartbeat_init(uint32_t mode);
 
 /* Releases this process's lock handle and mapping. With destroy true the
  * segment is removed too (processes that still map it keep their view);
  * otherwise it stays for the other processes. Returns 0 when the family was
  * not initialised, otherwise the bitwise OR of the results of releasing the
- * lock handle and of unmapping (0 when both succeeded). */
+ * lock handle and of unmapping (0 when both succeeded). Logs at info
+ * "process heartbeat has deinit, ret: %d", except when not initialised. */
 TARNAUX_API int32_t proc_heartbeat_deinit(bool destroy);
 
 /* A static text for a result code: "successed", "invalid parameter",
@@ -89,26 +103,43 @@ TARNAUX_API uint32_t get_proc_beat_interval(const proc_heartbeat_info_t *info);
 TARNAUX_API uint32_t get_beat_proc_type(const proc_heartbeat_info_t *info);
 
 /* Registers info->pid with its interval and type, stamped with the current
- * tick. A pid already in the table keeps its slot and its entry unchanged.
- * A service (type 0) takes over the slot of a live service entry in place,
- * storing info->idx there. Otherwise the lowest free slot is taken.
+ * tick. A pid already in the table keeps its slot and its entry unchanged
+ * (nothing logged). A service (type 0) takes over the slot of the first
+ * service entry with a pid above 0 in place, storing info->idx there
+ * (info "service heartbeat info update, old_pid:%d, new_pid:%d, tick:%llu").
+ * Otherwise the lowest free slot is taken (info "add process heartbeat
+ * [pid:%d, idx:%d, ptype:%d, tick:%llu successed", the bracket unclosed).
  * Returns the slot index (0 to 63); -2; -1 for a null info, a pid of 0 or
  * less, a type above 6 or an interval outside 1 to 59; -5 when no process
- * has that pid; -4 on lock time-out; -7 when all 64 slots are occupied. */
+ * has that pid (warn "add process heartbeat failed, because of process: %d
+ * is not exit"); -4 on lock time-out; -7 when all 64 slots are occupied
+ * (warn "add process heartbeat failed, because of the process number over
+ * max"). <op> is "add process heartbeat". */
 TARNAUX_API int32_t add_proc_heartbeat(const proc_heartbeat_info_t *info);
 
 /* Removes the entry of pid. Returns 0 (also when pid has no entry), -2, -1
- * for a pid below 1, -4. */
+ * for a pid below 1, -4. On 0 logs at info "delete process heartbeat
+ * [pid:%d, idx:%d] successed" (for a pid without an entry, idx is the lowest
+ * free slot the scan met, or the slot where it ended). <op> is "delete process heartbeat". */
 TARNAUX_API int32_t del_proc_heartbeat_by_pid(int32_t pid);
 
 /* Removes the entry in slot idx when it holds a process (pid above 0; the
- * watchdog's slot is left alone). Returns 0, -2, -1 for idx above 63, -4. */
+ * watchdog's slot is left alone). Returns 0, -2, -1 for idx above 63, -4.
+ * On 0 logs at info "delete process heartbeat [pid:%d, idx:%d] successed"
+ * with the pid and idx fields the slot held (0 and 0 for a free slot).
+ * <op> is "delete process heartbeat". */
 TARNAUX_API int32_t del_proc_heartbeat_by_idx(uint32_t idx);
 
 /* Stamps the calling process's entry with the current tick. When the caller
  * is the service (type 0), the beat first clears the entries of processes
  * that no longer exist (the watchdog's is kept) and recounts the table.
- * Returns 0, -2, -4, -5 when the caller has no entry. */
+ * Returns 0, -2, -4, -5 when the caller has no entry (warn "update process
+ * heartbeat tick failed, because of pid:%d not exist"). On 0 logs at debug
+ * "update process heartbeat [pid:%d, idx:%d] tick successed". The
+ * service's sweep logs at warn "shared memory data may have been modified"
+ * when the table's magic is not 12321, and "the process[pid:%d, ptype:%d,
+ * pidx:%d] is not exist, heartbeat will be cleared" for each entry cleared.
+ * <op> is "update process heartbeat tick". */
 TARNAUX_API int32_t update_proc_beat_tick(void);
 
 /* Copies into out, in slot order, every process entry (not the watchdog's)
@@ -116,7 +147,9 @@ TARNAUX_API int32_t update_proc_beat_tick(void);
  * of occupied entries in *proc_num_out when it is not null. out holds
  * capacity records, at least 64. Returns the number of records written
  * (0 to 64), -2, -1 for a null out, a capacity below 64 or a max_tmdf below
- * 60, -4. */
+ * 60, -4. On success logs at info "get heartbeat timeout processes
+ * successed, total: %d, max_tmdf:%d". <op> is "get heartbeat timeout
+ * processes". */
 TARNAUX_API int32_t get_beat_timeout_procs(proc_heartbeat_info_t *out, uint64_t capacity,
                                            int32_t max_tmdf, int32_t *proc_num_out);
 
@@ -127,16 +160,26 @@ TARNAUX_API int32_t get_beat_timeout_procs(proc_heartbeat_info_t *out, uint64_t 
  * position in list holds no record of the same pid. The removal pass ends
  * one occupied slot earlier for each entry it removes, so entries near the
  * end may survive until the next call. Returns 0, -2, -1 for a null list or
- * count 0, -4. Records that find no free slot are skipped. */
+ * count 0, -4. Records that find no free slot are skipped. Logs at info
+ * "sync_add process heartbeat [pid:%d, idx:%d, ptype:%d, tick:%llu]
+ * successed" for each entry added, "sync_del process heartbeat [pid:%d,
+ * idx:%d] successed" for each removed, and at the end "sync process
+ * heartbeat infos successed, add:%d, del:%d, upd:%d, proc_num:%d". <op> is
+ * "sync process heartbeat infos". */
 TARNAUX_API int32_t sync_proc_heartbeat_infos(proc_heartbeat_info_t **list, uint64_t count);
 
 /* Copies every process entry (not the watchdog's) into out, in slot order,
  * without gaps. out holds capacity records, at least 64. Returns the number
- * copied, -2, -1 for a null out or a capacity below 64, -4. */
+ * copied, -2, -1 for a null out or a capacity below 64, -4. On success logs
+ * at info "get all processes heartbeats successed, proc_num: %d" (the
+ * number copied). <op> is "get all processes heartbeats". */
 TARNAUX_API int32_t get_all_proc_heartbeats(proc_heartbeat_info_t *out, uint64_t capacity);
 
-/* Copies the entry of pid into *out. Returns 0, -2, -1 for a pid below 1 or
- * a null out, -4, -5 when pid has no entry. */
+/* Copies the entry of pid into *out. Returns 0 (info "get process heartbeat
+ * [pid:%d, idx:%d] info successed"), -2, -1 for a pid below 1 or a null
+ * out, -4, -5 when pid has no entry (warn "get process heartbeat info
+ * failed, because of pid:%d not exist"). <op> is "get process heartbeat
+ * info". */
 TARNAUX_API int32_t get_proc_heartbeat_info(int32_t pid, proc_heartbeat_info_t *out);
 
 TARNAUX_END_DECLS

@@ -22,7 +22,9 @@
  *
  * Every call reads the app home record afresh; with no app home recorded,
  * every function fails. Messages named below are logged through the
- * library's log with the level given; each ends with a line end.
+ * library's log with the level given; each ends with a line end. Where the
+ * app home is read, the reader's own line (get_apphome_dir_name,
+ * tarn_directory.h) may come first.
  */
 #ifndef TARN_PROCESS_CONTROL_H
 #define TARN_PROCESS_CONTROL_H

@@ -25,7 +25,8 @@
  * The queries answer 0 ("no") whenever a record, the app home or a lock is
  * unavailable; only the repair reports failures. Messages named below are
  * logged through the library's log with the level given; each ends with a
- * line end.
+ * line end. Where the app home is read, the reader's own line
+ * (get_apphome_dir_name, tarn_directory.h) may come first.
  */
 #ifndef TARN_PRODUCT_H
 #define TARN_PRODUCT_H
@@ -61,7 +62,9 @@ TARNAUX_API int32_t is_component_installed(const char *component);
 
 /* Checks the product register at register_path and restores it from its
  * backup, the file "product_register_backup.eni" in the same directory,
- * when it is missing, cannot be loaded or is incomplete. A register is
+ * when it is missing, cannot be loaded or is incomplete. The backup is
+ * looked at first: without a loadable backup the result is -1 and the
+ * register is not even examined, however whole it is. A register is
  * whole when a section or key named "product" and one named "count" (whole
  * names, case-sensitive) are both in it; a whole register is never
  * touched. A restored register is a copy of the backup (tarn_file_copy)

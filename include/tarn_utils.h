@@ -18,7 +18,8 @@
  * controls.
  *
  * Messages named below are logged through the library's log with the level
- * given; each ends with a line end.
+ * given; each ends with a line end. A function whose comment names no
+ * message logs nothing.
  */
 #ifndef TARN_UTILS_H
 #define TARN_UTILS_H
@@ -40,28 +41,36 @@ TARNAUX_API char *get_tarn_root_dir(void);
 /* Reads the app home name from the record file ini_path (key "app_home", or
  * "app_home_<suffix>" when suffix is not null) into out, which holds out_len
  * bytes. The file's lock is held while it is loaded; a lock that cannot be
- * taken does not stop the read. Returns 0 when the name was copied; 1 when
- * the key is absent (logged at warn); -1 when ini_path or out is null or
- * out_len is 0 (not logged), or when the file cannot be loaded (logged at
- * warn). */
+ * taken does not stop the read (nothing is logged for it). Returns 0 when
+ * the name was copied (an empty value too); 1 when the key is absent (warn
+ * "app_home is empty in <ini_path>"); -1 when ini_path or out is null or
+ * out_len is 0 (not logged), or when the file cannot be loaded (warn
+ * "qiv_eni_file_load is failed, path is <ini_path>."). */
 TARNAUX_API int32_t get_app_home_dir(const char *ini_path, char *out, uint32_t out_len,
                                      const char *suffix);
 
 /* Writes the install root + "/" + the recorded app home name (key
  * "app_home", or "app_home_<suffix>" when suffix is not null) into out,
- * which holds out_len bytes. Returns 0; 1 when out is null, out_len is 0,
- * or no name can be read from the record (logged at info: the caller is
- * expected to regenerate the record). */
+ * which holds out_len bytes. Returns 0; 1 when out is null or out_len is 0
+ * (not logged), or when no name can be read from the record: after
+ * get_app_home_dir's warn line, logs at info "apphome cannot be fetched or
+ * does not exist and will be regenerated" (the caller is expected to
+ * regenerate the record). When memory for the install root runs out, logs
+ * "Out of memory" at fatal and ends the process with exit status 0. */
 TARNAUX_API int32_t get_app_home_path(const char *suffix, char *out, uint32_t out_len);
 
 /* Under the lock of ini_path, loads the record (or starts an empty one when
  * it cannot be loaded), sets "app_home" to app_home and, when both suffix
  * and companion_home are given, "app_home_<suffix>" to companion_home, and
  * saves the whole file with direct I/O; other sections and keys are kept.
- * Returns 0; 1 for a null ini_path or app_home, or when the lock cannot be
- * taken (logged at warn); the save's non-zero code when the save fails,
- * or the ini object's code (EINVAL, ENOMEM) when a name cannot be set in
- * it, in which case nothing is written (both logged at warn). */
+ * Returns 0; 1 for a null ini_path or app_home (not logged), or when the
+ * lock cannot be taken (warn "flock init failed with errcode <code>" or
+ * "flock acquire failed with errcode <code>"); the save's non-zero code
+ * when the save fails, or the ini object's code (EINVAL, ENOMEM) when a
+ * name cannot be set in it, in which case nothing is written (both warn
+ * "update tarn_apphome.ini failed, result is <code>", whatever ini_path
+ * is). A record that cannot be loaded logs at info "after load" before it
+ * is started empty. */
 TARNAUX_API int32_t update_app_home_dir(const char *ini_path, const char *app_home,
                                         const char *suffix, const char *companion_home);
 

@@ -1,7 +1,8 @@
 /* version_mgr.h -- dotted version strings ("3.2.17") and their records.
  *
  * None of these functions keeps state or allocates memory that outlives the
- * call; all are reentrant.
+ * call; all are reentrant. Only version_mgr_get_packman_version_by_file
+ * logs; the others log nothing.
  */
 #ifndef VERSION_MGR_H
 #define VERSION_MGR_H

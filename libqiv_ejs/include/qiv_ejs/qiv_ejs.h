@@ -29,6 +29,9 @@
  * and, when an error record is given, fills it as jansson does: text says
  * what failed, source is the path, line, column and position are -1 for
  * failures that come before parsing.
+ *
+ * Nothing here writes to a log or to standard error: failures are reported
+ * through the results, errno and the error record only.
  */
 #ifndef QIV_EJS_H
 #define QIV_EJS_H

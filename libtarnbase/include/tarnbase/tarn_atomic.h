@@ -1,4 +1,7 @@
-/* tarn_atomic.h -- atomic integer operations (sequentially consistent). */
+/* tarn_atomic.h -- atomic integer operations (sequentially consistent).
+ *
+ * Nothing here writes to the log.
+ */
 #ifndef TARN_ATOMIC_H
 #define TARN_ATOMIC_H
 

@@ -1,4 +1,8 @@
-/* tarn_device.h -- disk space of the file system that holds a path. */
+/* tarn_device.h -- disk space of the file system that holds a path.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
+ */
 #ifndef TARN_DEVICE_H
 #define TARN_DEVICE_H
 

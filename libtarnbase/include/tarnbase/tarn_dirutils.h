@@ -3,6 +3,9 @@
  *
  * Results are 0 on success, otherwise a positive errno value; errno is also
  * set on failure -- except tarn_dirutils_listdir, which says its own.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_DIRUTILS_H
 #define TARN_DIRUTILS_H

@@ -17,6 +17,9 @@
  * opened as named, through a link if it is one.
  *
  * A walk is not guarded: one thread at a time.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_DIRWALK_H
 #define TARN_DIRWALK_H

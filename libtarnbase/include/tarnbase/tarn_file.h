@@ -3,6 +3,9 @@
  *
  * Results are 0 on success, otherwise a positive errno value, unless a
  * function says otherwise. errno is also set on failure.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_FILE_H
 #define TARN_FILE_H

@@ -15,6 +15,9 @@
  *
  * Results: 0 on success, otherwise a positive errno value (errno is also
  * set).
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_FLOCK_H
 #define TARN_FLOCK_H

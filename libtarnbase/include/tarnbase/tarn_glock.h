@@ -15,6 +15,9 @@
  * robust lock.
  *
  * Results: 0 on success, otherwise a positive errno value.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_GLOCK_H
 #define TARN_GLOCK_H

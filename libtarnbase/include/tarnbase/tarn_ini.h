@@ -72,6 +72,9 @@
  * An object is not guarded: one thread at a time. Cross-process exclusion
  * is the caller's, with tarn_flock.h. Results are 0 on success, otherwise
  * a positive errno value.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_INI_H
 #define TARN_INI_H

@@ -22,6 +22,9 @@
  * error. tarn_autolog_init registers a directory of rotated log files;
  * tarn_log_register registers a function of the program's own. The last
  * registration wins.
+ *
+ * Apart from the lines that callers hand to tarn_log_output, nothing here
+ * writes to the log; failures are reported through the results only.
  */
 #ifndef TARN_LOG_H
 #define TARN_LOG_H

@@ -3,6 +3,9 @@
  * Memory that one library allocates and another frees goes through these
  * three calls, so that every block has one owner protocol: what
  * tarn_zero_malloc_ or tarn_strdup returns is released with tarn_free_.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_MEM_H
 #define TARN_MEM_H

@@ -3,6 +3,8 @@
  * The "_u" functions take '/' as the separator; tarn_path_remove_name_w
  * takes '/' and '\\' both. Functions that edit a path work in place on the
  * caller's buffer and only ever shorten it.
+ *
+ * Nothing here writes to the log.
  */
 #ifndef TARN_PATH_H
 #define TARN_PATH_H

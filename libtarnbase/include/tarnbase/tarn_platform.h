@@ -15,6 +15,9 @@
  * agent also installs companion components built for 32-bit x86. Any value
  * other than 1, a missing key and a malformed file give 0. The file is read
  * once by each process, as for the log keys.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_PLATFORM_H
 #define TARN_PLATFORM_H

@@ -1,4 +1,8 @@
-/* tarn_process.h -- questions about processes, and starting programs. */
+/* tarn_process.h -- questions about processes, and starting programs.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
+ */
 #ifndef TARN_PROCESS_H
 #define TARN_PROCESS_H
 

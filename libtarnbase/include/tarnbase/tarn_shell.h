@@ -1,4 +1,8 @@
-/* tarn_shell.h -- running a shell command and taking its output. */
+/* tarn_shell.h -- running a shell command and taking its output.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
+ */
 #ifndef TARN_SHELL_H
 #define TARN_SHELL_H
 

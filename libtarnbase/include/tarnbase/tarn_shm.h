@@ -7,6 +7,9 @@
  *
  * Results: 0 on success, otherwise a positive errno value (which errno also
  * holds), so that callers can tell them from their own negative codes.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_SHM_H
 #define TARN_SHM_H

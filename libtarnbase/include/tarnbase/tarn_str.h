@@ -5,6 +5,9 @@
  * its output (when it is given room for at least the terminator) and never
  * writes past the length it is given; text that does not fit is cut
  * silently.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_STR_H
 #define TARN_STR_H

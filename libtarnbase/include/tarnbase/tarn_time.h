@@ -1,4 +1,7 @@
-/* tarn_time.h -- the monotonic millisecond tick, and the wall clock. */
+/* tarn_time.h -- the monotonic millisecond tick, and the wall clock.
+ *
+ * Nothing here writes to the log.
+ */
 #ifndef TARN_TIME_H
 #define TARN_TIME_H
 

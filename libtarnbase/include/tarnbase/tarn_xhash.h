@@ -24,6 +24,9 @@
  *
  * Results: 0 on success, otherwise a positive errno value (errno is also
  * set), unless a function says otherwise.
+ *
+ * Nothing here writes to the log: failures are reported through the
+ * results and errno only.
  */
 #ifndef TARN_XHASH_H
 #define TARN_XHASH_H
