@@ -109,7 +109,9 @@ int find_watchdog(const proc_heartbeat_segment_t *table) {
 int64_t age_seconds(uint64_t now, uint64_t tick) { return (int64_t)(now - tick) / 1000; }
 
 // The service's beat clears the entries of processes that no longer exist
-// and recounts the table. Runs under the lock.
+// and recounts the table. Runs under the lock. Each cleared entry is taken
+// off proc_num at once, so that a sweeper killed half-way leaves the count
+// true for the slots it has cleared.
 void sweep_dead_processes(proc_heartbeat_segment_t *table) {
   if (table->magic != PROC_HEARTBEAT_MAGIC) {
     LOG(warn, "shared memory data may have been modified\n");
@@ -125,6 +127,7 @@ void sweep_dead_processes(proc_heartbeat_segment_t *table) {
     LOG(warn, "the process[pid:%d, ptype:%d, pidx:%d] is not exist, heartbeat will be cleared\n",
         entry.pid, (int)entry.ptype, slot);
     clear_slot(entry);
+    table->proc_num -= 1;
   }
   table->proc_num = kept;
 }
@@ -433,10 +436,12 @@ TARNAUX_API int32_t sync_proc_heartbeat_infos(proc_heartbeat_info_t **list, uint
     ++seen;
     const proc_heartbeat_info_t *mirror = slot < list_count ? list[slot] : nullptr;
     if (mirror != nullptr && mirror->pid > 0 && mirror->pid == entry.pid) continue;
-    g_table->proc_num -= 1;
     ++deleted;
     LOG(info, "sync_del process heartbeat [pid:%d, idx:%d] successed\n", entry.pid, slot);
+    // Counted off only once cleared: a process killed in between leaves the
+    // count true.
     clear_slot(entry);
+    g_table->proc_num -= 1;
   }
   const int32_t proc_num = g_table->proc_num;
   lock.release();
