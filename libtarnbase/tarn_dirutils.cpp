@@ -160,10 +160,17 @@ int remove_tree(const char *path) {
 
 extern "C" {
 
-TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode) {
+TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode) try {
   if (path == nullptr || path[0] == '\0') return fail(EINVAL);
+  // The common cases take one or two system calls: the directory exists
+  // already (an extractor asks for every file's folder), or only it is
+  // missing. The walk from the top runs when a parent is missing too.
+  struct stat existing;
+  if (stat(path, &existing) == 0 && S_ISDIR(existing.st_mode)) return 0;
   const std::string full(path);
   const mode_t bits = (mode_t)mode & 07777;
+  const int direct = make_one(full, bits);
+  if (direct != ENOENT) return direct == 0 ? 0 : fail(direct);
   // Each prefix that ends before a '/', then the whole path.
   for (size_t end = full.find('/', 1); end != std::string::npos; end = full.find('/', end + 1)) {
     if (full[end - 1] == '/') continue;
@@ -172,15 +179,19 @@ TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode) {
   }
   const int result = make_one(full, bits);
   return result == 0 ? 0 : fail(result);
+} catch (const std::bad_alloc &) {
+  return fail(ENOMEM);
 }
 
-TARNBASE_API int tarn_dirutils_path_transform(const char *in, char *out, size_t out_len) {
+TARNBASE_API int tarn_dirutils_path_transform(const char *in, char *out, size_t out_len) try {
   if (in == nullptr || out == nullptr || out_len == 0) return fail(EINVAL);
   const std::string expanded = tarnbase::expand_exe_relative(in);
   const size_t kept = expanded.size() < out_len ? expanded.size() : out_len - 1;
   memcpy(out, expanded.data(), kept);
   out[kept] = '\0';
   return kept == expanded.size() ? 0 : fail(ENAMETOOLONG);
+} catch (const std::bad_alloc &) {
+  return fail(ENOMEM);
 }
 
 TARNBASE_API int tarn_dirutils_listdir(const char *dir, void *user, tarn_dirutils_listdir_fn callback) {
