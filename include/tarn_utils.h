@@ -143,6 +143,19 @@ TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *h
  * (cut at 2047 characters). The paths stand inside double quotes, so they
  * may hold blanks, but '"', '$', '`' and '\' in them reach the shell: see
  * the warning at the top.
+ * While tar runs, the environment holds
+ *   TAR_OPTIONS=--no-same-owner --no-same-permissions --no-overwrite-dir
+ * in place of any TAR_OPTIONS of the caller's (put back afterwards), so
+ * that even for root tar extracts as for an ordinary user: everything is
+ * owned by the caller, modes lose their set-ID and sticky bits and are
+ * filtered by the umask, and directories that exist (dest itself too) keep
+ * their mode and owner; nor can the caller's options turn tar's own checks
+ * off (tar drops a leading '/' and refuses names with a ".." component).
+ * Do not read or change the environment from another thread meanwhile.
+ * Device and fifo members are still made by tar, inside dest, when the
+ * system lets the caller make them. When the environment has no room for
+ * the entry, tar is not run and the result is -1, as for a command that
+ * cannot be run, through the failure path below.
  * Returns 0 when tar exited with 0; 1, without logging or running
  * anything, when archive or dest is null, dest is not a directory, nothing
  * exists at archive, or its extension is not exactly ".tgz" ("pkg.TGZ" and

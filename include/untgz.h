@@ -38,6 +38,13 @@ TARNAUX_BEGIN_DECLS
  *    extended headers, ...) is ignored without consuming data blocks: no
  *    link is made, and archives with long-name or extended headers, whose
  *    data blocks are then read as headers, are not supported.
+ * Set-user-ID and set-group-ID bits are never extracted: they are cleared
+ * from every member's mode before it is used, for files, the directories
+ * made for them and directory members alike, and a file that already
+ * exists loses them as soon as it is opened to be rewritten (a privileged
+ * writer would otherwise keep them on the new data, or on a file cut short
+ * that never gets the archive's mode). The other bits, sticky and
+ * world-writable ones included, are applied as the archive gives them.
  * Mode and size are octal text: a zero byte ends the field, blanks are
  * skipped, and any other character than '0'..'7' makes the field invalid
  * ("0000644 " and "    644" are both 0644). A name of exactly 100

@@ -56,6 +56,46 @@ struct FreeString {
 };
 using StringPtr = std::unique_ptr<char, FreeString>;
 
+// GNU tar run by root restores the owners recorded in the archive and every
+// mode bit, set-user-ID and set-group-ID included, and gives directories
+// that exist (the destination too) the archive's modes. While unpack_tgz
+// runs it, these options make it extract as it does for an ordinary user:
+// files owned by the caller, modes filtered by the umask and without set-ID
+// bits, directories that exist left as they are. They pass through tar's
+// environment, so the command line stays the same, and they stand in for
+// the caller's own TAR_OPTIONS, which could loosen tar's checks (-P).
+char g_tar_options[] = "TAR_OPTIONS=--no-same-owner --no-same-permissions --no-overwrite-dir";
+
+// Puts g_tar_options into the environment for its lifetime, then gives
+// back the entry that was there (the same string) or none.
+class TarOptions {
+ public:
+  TarOptions() : previous_(current_entry()), ok_(putenv(g_tar_options) == 0) {}
+  ~TarOptions() {
+    if (previous_ != nullptr) {
+      putenv(previous_);
+    } else {
+      unsetenv("TAR_OPTIONS");
+    }
+  }
+  TarOptions(const TarOptions &) = delete;
+  TarOptions &operator=(const TarOptions &) = delete;
+  // False when the environment had no room for the entry.
+  bool ok() const { return ok_; }
+
+ private:
+  static char *current_entry() {
+    static const char kPrefix[] = "TAR_OPTIONS=";
+    for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+      if (strncmp(*entry, kPrefix, sizeof(kPrefix) - 1) == 0) return *entry;
+    }
+    return nullptr;
+  }
+
+  char *previous_;
+  bool ok_;
+};
+
 // Appends a blank and word to the command line in line (size bytes in all).
 void append_word(char *line, size_t size, const char *word) {
   tarn_str_strncat(line, " ", size);
@@ -107,7 +147,9 @@ int32_t tarn_get_upgrade_lock_count(void) {
 extern "C" {
 
 TARNAUX_API char *get_tarn_root_dir(void) {
-  char *root = static_cast<char *>(malloc(sizeof(TARN_INSTALL_ROOT)));
+  // The shared allocator is calloc behind an exported name: free() releases
+  // its blocks, and tests can make it fail.
+  char *root = static_cast<char *>(tarn_zero_malloc_(sizeof(TARN_INSTALL_ROOT)));
   if (root == nullptr) LOG_OUT_OF_MEMORY();
   memcpy(root, TARN_INSTALL_ROOT, sizeof(TARN_INSTALL_ROOT));
   return root;
@@ -278,7 +320,11 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
   char command[2048];
   memset(command, 0, sizeof(command));
   tarn_str_snprintf(command, sizeof(command), "tar -zxf \"%s\" -C \"%s\"", archive, dest);
-  const int32_t code = execute_cmd(command);
+  int32_t code = -1;  // as for a command that cannot be run
+  {
+    TarOptions options;
+    if (options.ok()) code = execute_cmd(command);
+  }
   if (code == 0) return 0;
 
   LOG(warn, "unzip tgz failed with %d, cmd:%s\n", code, command);

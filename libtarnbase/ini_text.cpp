@@ -12,7 +12,8 @@ struct LineReader {
   FILE *file;
   int line;
   int bad_line;  // number of the first line refused here, or 0
-  bool whole_section_names;
+  bool strict;
+  bool after_key;  // a key line came since the last section header
 };
 
 // True when nothing is left to read: a last line without a newline that
@@ -35,6 +36,21 @@ bool section_name_too_long(const char *line, bool first_line) {
   return close != nullptr && close - (line + 1) > kIniSectionMax;
 }
 
+// inih reads an indented line that follows a key line (blank and comment
+// lines between them included) as more text for that key, which it names
+// by its first 49 bytes only: after a longer key the line would make a
+// second, shortened key. Such a line is refused; after a shorter key it
+// would be refused anyway, as the key given a second time.
+bool continues_a_key(LineReader *reader, const char *line) {
+  const char *start = line;
+  if (reader->line == 1 && strncmp(start, "\xEF\xBB\xBF", 3) == 0) start += 3;
+  while (is_blank(*start)) ++start;
+  if (*start == '\0' || *start == ';' || *start == '#') return false;
+  if (reader->after_key && start > line) return true;
+  reader->after_key = *start != '[';
+  return false;
+}
+
 char *read_line(char *buffer, int size, void *stream) {
   LineReader *reader = static_cast<LineReader *>(stream);
   if (reader->bad_line != 0 || fgets(buffer, size, reader->file) == nullptr) return nullptr;
@@ -44,7 +60,7 @@ char *read_line(char *buffer, int size, void *stream) {
     reader->bad_line = reader->line;
     return nullptr;
   }
-  if (reader->whole_section_names && section_name_too_long(buffer, reader->line == 1)) {
+  if (reader->strict && (section_name_too_long(buffer, reader->line == 1) || continues_a_key(reader, buffer))) {
     reader->bad_line = reader->line;
     return nullptr;
   }
@@ -53,10 +69,10 @@ char *read_line(char *buffer, int size, void *stream) {
 
 }  // namespace
 
-int parse_ini_file(const char *path, ini_handler handler, void *user, bool whole_section_names) {
+int parse_ini_file(const char *path, ini_handler handler, void *user, bool strict) {
   FILE *file = fopen(path, "re");
   if (file == nullptr) return -1;
-  LineReader reader{file, 0, 0, whole_section_names};
+  LineReader reader{file, 0, 0, strict, false};
   const int result = ini_parse_stream(read_line, &reader, handler, user);
   // A read error (a directory, an I/O error) looks like the end of the text
   // to inih; it must not pass for a whole file.

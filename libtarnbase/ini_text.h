@@ -19,11 +19,12 @@ constexpr int kIniSectionMax = 49;
 // Parses the file at path, calling handler for each key. Returns 0 when the
 // whole file was read; -1 when it cannot be opened or read (errno says
 // why); else the number of the first malformed line (a line too long
-// included, and, when whole_section_names is set, a section header whose
-// name is longer than kIniSectionMax). The handler may already have been
+// included, and, when strict is set, a section header whose name is longer
+// than kIniSectionMax and an indented line after a key line, which inih
+// would take for more of that key's value). The handler may already have been
 // called for earlier lines when the result is not 0, so callers collect
 // into a scratch object and keep it only on 0.
-int parse_ini_file(const char *path, ini_handler handler, void *user, bool whole_section_names = false);
+int parse_ini_file(const char *path, ini_handler handler, void *user, bool strict = false);
 
 }  // namespace tarnbase
 

@@ -148,6 +148,10 @@ struct LoadState {
 int on_entry(void *user, const char *section_name, const char *key, const char *value) {
   LoadState *state = static_cast<LoadState *>(user);
   if (key[0] == '\0') return 0;
+  // What a save could not give back: a key that begins with a byte order
+  // mark (saved as the first line, the mark would be skipped at the next
+  // load), and a last line without a newline too long to get one.
+  if (strncmp(key, "\xEF\xBB\xBF", 3) == 0 || !line_fits(key, value)) return 0;
   // A second value for a key: a repeated line, or an indented line that
   // inih reads as its continuation. Either would lose text silently.
   try {

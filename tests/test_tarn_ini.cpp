@@ -201,9 +201,27 @@ TEST_F(IniTest, MalformedFilesAreRefusedWhole) {
   expect_refused("[s]\nkey ;x = 1\n");
 }
 
+TEST_F(IniTest, AKeyThatBeginsWithAByteOrderMarkIsRefused) {
+  // Saved as the first line, the mark would be skipped at the next load.
+  expect_refused("\n\xEF\xBB\xBF:\n");
+  expect_refused("[s]\n\xEF\xBB\xBFkey = 1\n");
+  expect_refused("\xEF\xBB\xBF\xEF\xBB\xBFkey = 1\n");
+}
+
 TEST_F(IniTest, ARepeatedKeyInAnotherSectionIsNoRepetition) {
   const Entries expected = {{"a", "k", "1"}, {"b", "k", "2"}};
   EXPECT_EQ(expected, load_entries("[a]\nk = 1\n[b]\nk = 2\n"));
+}
+
+TEST_F(IniTest, AnIndentedLineAfterALongKeyIsRefusedAndMakesNoShortenedKey) {
+  // The parser names a continued key by its first 49 bytes: the line would
+  // otherwise give a second key, the first one cut.
+  const std::string long_key(60, 'k');
+  expect_refused("[s]\n" + long_key + " = 1\n\tmore\n");
+  expect_refused("[s]\n" + long_key + " = 1\n\n; comment\n  x = 2\n");
+  expect_refused("[s]\n" + long_key + " = 1\n  [t]\n");
+  const Entries expected = {{"s", long_key, "1"}, {"t", "x", "2"}};
+  EXPECT_EQ(expected, load_entries("[s]\n" + long_key + " = 1\n  ; comment\n\n[t]\n  x = 2\n"));
 }
 
 TEST_F(IniTest, AnIndentedKeyRightAfterASectionHeaderIsAnOrdinaryKey) {
@@ -224,6 +242,11 @@ TEST_F(IniTest, LinesOf200BytesOrMoreAreRefusedAndShorterOnesAreRead) {
   const Entries longer = {{"s", "k", fits + "v"}};
   EXPECT_EQ(longer, load_entries("[s]\nk = " + fits + "v"));
   expect_refused("[s]\nk = " + fits + "vv");
+  // Without blanks around '=' such a line would reach 200 bytes once saved
+  // with its newline.
+  expect_refused("[s]\nk=" + fits + "vvv");
+  const Entries saved_fits = {{"s", "k", fits + "vv"}};
+  EXPECT_EQ(saved_fits, load_entries("[s]\nk=" + fits + "vv"));
 }
 
 TEST_F(IniTest, SectionNamesOf50BytesOrMoreAreRefused) {

@@ -1,6 +1,6 @@
 // Tests of untgz_file: archives are made at test time, either by the
-// system's tar and gzip programs or, for exact header fields and broken
-// archives, by writing the tar blocks here and compressing them with gzip.
+// system's tar program or, for exact header fields and broken archives, by
+// writing the tar blocks here (tar_builder.h) and compressing them with zlib.
 //
 // Failures are real: a file where a directory belongs, a directory that
 // an unprivileged caller cannot write (the test drops its DAC-override
@@ -10,13 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <linux/capability.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <set>
@@ -27,7 +25,9 @@
 #include "fakes.h"
 #include "files.h"
 #include "log_checks.h"
+#include "tar_builder.h"
 #include "untgz.h"
+#include "without_dac_override.h"
 
 namespace {
 
@@ -37,73 +37,16 @@ using tarn_test::format;
 using tarn_test::list_directory;
 using tarn_test::make_dirs;
 using tarn_test::read_file;
+using tarn_test::WithoutDacOverride;
 using tarn_test::write_file;
 
-constexpr size_t kBlock = 512;
+using Member = tarn_test::TarMember;
+using tarn_test::gzip_of;
+using tarn_test::noise;
+using tarn_test::tar_header_of;
+using tarn_test::tar_of;
 
-// One tar member as written here. mode and size are the raw texts of their
-// fields (cut to the field, zero-padded); an empty size is the data's length
-// in octal. The data is padded to whole blocks, whatever size says.
-struct Member {
-  Member(std::string name_, std::string data_ = "", char type_ = '0', std::string mode_ = "0000644",
-         std::string size_ = "")
-      : name(std::move(name_)), data(std::move(data_)), type(type_), mode(std::move(mode_)),
-        size(std::move(size_)) {}
-
-  std::string name;
-  std::string data;
-  char type;
-  std::string mode;
-  std::string size;
-  std::string link;
-  bool good_checksum = true;
-};
-
-void put(std::string &block, size_t offset, size_t length, const std::string &text) {
-  block.replace(offset, std::min(length, text.size()), text.substr(0, length));
-}
-
-std::string header_of(const Member &member) {
-  std::string block(kBlock, '\0');
-  put(block, 0, 100, member.name);
-  put(block, 100, 8, member.mode);
-  put(block, 108, 8, "0000000");  // uid
-  put(block, 116, 8, "0000000");  // gid
-  put(block, 124, 12, member.size.empty() ? format("%011zo", member.data.size()) : member.size);
-  put(block, 136, 12, "14567123456");  // mtime
-  block[156] = member.type;
-  put(block, 157, 100, member.link);
-  put(block, 257, 8, std::string("ustar\0" "00", 8));
-  // The checksum: the sum of all bytes with the checksum field as blanks.
-  put(block, 148, 8, "        ");
-  unsigned sum = 0;
-  for (unsigned char c : block) sum += c;
-  put(block, 148, 8, std::string(format("%06o", member.good_checksum ? sum : sum + 1)) + '\0' + ' ');
-  return block;
-}
-
-std::string padded(const std::string &data) {
-  return data + std::string((kBlock - data.size() % kBlock) % kBlock, '\0');
-}
-
-// The tar bytes of members, with the two zero blocks at the end or without.
-std::string tar_of(const std::vector<Member> &members, bool end_blocks = true) {
-  std::string tar;
-  for (const Member &member : members) tar += header_of(member) + padded(member.data);
-  if (end_blocks) tar += std::string(2 * kBlock, '\0');
-  return tar;
-}
-
-// Bytes that do not compress: a fixed pseudo-random sequence.
-std::string noise(size_t length, unsigned seed = 7) {
-  std::string bytes(length, '\0');
-  uint32_t state = seed;
-  for (char &c : bytes) {
-    state = state * 1103515245u + 12345u;
-    c = (char)(state >> 23);
-  }
-  return bytes;
-}
+constexpr size_t kBlock = tarn_test::kTarBlock;
 
 int run(const std::string &command) {
   const int status = system(command.c_str());
@@ -124,29 +67,6 @@ std::vector<std::string> lines() {
 
 std::string warn(const std::string &message) { return "warn: " + message; }
 
-// Drops the capabilities that let root ignore permission bits, for the
-// lifetime of the object, so that a read-only directory stops this process
-// as it stops an unprivileged one.
-class WithoutDacOverride {
- public:
-  WithoutDacOverride() {
-    header_.version = _LINUX_CAPABILITY_VERSION_3;
-    header_.pid = 0;
-    ok_ = syscall(SYS_capget, &header_, saved_) == 0;
-    __user_cap_data_struct lowered[2];
-    memcpy(lowered, saved_, sizeof(lowered));
-    lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-    ok_ = ok_ && syscall(SYS_capset, &header_, lowered) == 0;
-  }
-  ~WithoutDacOverride() { syscall(SYS_capset, &header_, saved_); }
-  bool ok() const { return ok_; }
-
- private:
-  __user_cap_header_struct header_{};
-  __user_cap_data_struct saved_[2] = {};
-  bool ok_ = false;
-};
-
 class UntgzTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -160,13 +80,10 @@ class UntgzTest : public ::testing::Test {
     for (const std::string &mount_point : mounts_) umount2(mount_point.c_str(), MNT_DETACH);
   }
 
-  // Writes tar bytes to <tmp>/<name>.tar and compresses them with gzip into
-  // <tmp>/<name>.tgz, whose path is returned.
+  // Compresses tar bytes into <tmp>/<name>.tgz, whose path is returned.
   std::string tgz_of(const std::string &tar, const std::string &name = "archive") {
-    const std::string tar_path = tmp_ + "/" + name + ".tar";
     const std::string tgz_path = tmp_ + "/" + name + ".tgz";
-    EXPECT_TRUE(write_file(tar_path, tar));
-    EXPECT_EQ(run("gzip -n -c " + tar_path + " > " + tgz_path), 0);
+    EXPECT_TRUE(write_file(tgz_path, gzip_of(tar)));
     return tgz_path;
   }
   std::string tgz_of(const std::vector<Member> &members, const std::string &name = "archive") {
@@ -431,7 +348,7 @@ TEST_F(UntgzTest, SymbolicLinkAndOtherMemberTypesAreIgnored) {
 
 TEST_F(UntgzTest, DataOfAnIgnoredMemberIsReadAsTheNextHeader) {
   // An extended header whose data block happens to be a header itself.
-  const std::string inner = header_of({"from_data.txt", "", '0', "0000600", "0"});
+  const std::string inner = tar_header_of({"from_data.txt", "", '0', "0000600", "0"});
   Member extended{"pax_header", inner, 'x'};
   EXPECT_EQ(untgz_file(tgz_of({extended}).c_str(), dest_.c_str()), 0);
   EXPECT_NO_LINES();

@@ -23,12 +23,18 @@
  * never a part of the file), when any line is:
  *   - neither a comment, blank, a section header nor a key line: text
  *     without '=' or ':' outside a header, or a '[' without its ']';
- *   - a key line with an empty key ("= value");
- *   - 200 bytes or more, its newline counted;
+ *   - a key line with an empty key ("= value"), or with a key that begins
+ *     with a UTF-8 byte order mark (only the file's first one is skipped);
+ *   - 200 bytes or more, its newline counted; a last line without a
+ *     newline may have 199 bytes, but its key and value together no more
+ *     than 197, so that saved as "key=value" and a newline it stays below
+ *     200;
  *   - a section header whose name has 50 bytes or more;
- *   - a key given a second time in one section. This includes a key line
- *     indented (begun with blanks) right after another key line, which the
- *     parser reads as a continuation of the previous key: do not indent.
+ *   - a key given a second time in one section;
+ *   - indented (begun with blanks) and not blank or a comment, after a key
+ *     line of the same section (blank and comment lines between them
+ *     included): the parser would read it as a continuation of that key,
+ *     a header or key line included. Do not indent.
  *
  * Order: sections and keys keep the order in which they were loaded or
  * first added; a key set again keeps its place. A save writes them in that
