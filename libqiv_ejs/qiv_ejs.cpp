@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <new>
 #include <string>
 
 #include <sodium.h>
@@ -214,7 +215,7 @@ QIV_EJS_API int qiv_ejs_open_file(const char *path, char **text, size_t *length)
 
 QIV_EJS_API void qiv_ejs_free(char *text) { free(text); }
 
-QIV_EJS_API int qiv_ejs_seal_file(const char *path, const void *text, size_t length) {
+QIV_EJS_API int qiv_ejs_seal_file(const char *path, const void *text, size_t length) try {
   if (path == nullptr || (text == nullptr && length != 0)) {
     errno = EINVAL;
     return -1;
@@ -242,6 +243,9 @@ QIV_EJS_API int qiv_ejs_seal_file(const char *path, const void *text, size_t len
   crypto_aead_xchacha20poly1305_ietf_encrypt(nonce + kNonceSize, nullptr, plain, length, kHeader,
                                              sizeof(kHeader), nullptr, nonce, kKey);
   return replace_file(path, data.get(), size);
+} catch (const std::bad_alloc &) {
+  errno = ENOMEM;
+  return -1;
 }
 
 QIV_EJS_API json_t *qiv_json_load_file_ejs_ex(const char *path, size_t flags, json_error_t *error) {

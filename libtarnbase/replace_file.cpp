@@ -83,6 +83,9 @@ int replace_file(const char *path, const WriteContent &write, const ReplaceOptio
   const std::string target(path);
   const std::string temporary = target + ".tmp." + std::to_string(getpid()) + "." +
                                 std::to_string(g_sequence.fetch_add(1, std::memory_order_relaxed));
+  // Made before anything changes, so that running out of memory cannot come
+  // after the new file is in place.
+  const std::string directory = directory_of(target);
   const int fd = create_temporary(temporary);
   if (fd < 0) return errno;
 
@@ -102,12 +105,13 @@ int replace_file(const char *path, const WriteContent &write, const ReplaceOptio
     return result;
   }
   if (options.durable) {
-    // The new name is in place; a failed directory sync only means that it
-    // may not survive a crash of the machine yet.
-    result = sync_directory(directory_of(target));
-    if (result != 0) errno = result;
+    // The new file is in place and every process sees it: the replacement
+    // has happened, and a failure now would tell the caller that path is as
+    // it was. A failed directory sync only means that the new name may not
+    // survive a crash of the machine yet.
+    (void)sync_directory(directory);
   }
-  return result;
+  return 0;
 }
 
 }  // namespace tarnbase

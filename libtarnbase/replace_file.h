@@ -16,7 +16,9 @@ using WriteContent = std::function<int(int fd)>;
 
 struct ReplaceOptions {
   // fsync the new file before the rename and the directory after it, so
-  // that the new content is on the disk when replace_file returns.
+  // that the new content is on the disk when replace_file returns. Once the
+  // rename is done the replacement has happened: a directory that cannot be
+  // synced is not reported.
   bool durable = false;
   // Permission bits of the new file. Null: those of the file it replaces
   // (with its owner and group where the caller may set them), or, for a new

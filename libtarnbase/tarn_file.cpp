@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "replace_file.h"
 #include "errno_result.h"
 
@@ -58,7 +60,11 @@ TARNBASE_API int tarn_file_copy_ex(const char *src, const char *dst, int option)
     const mode_t mode = st.st_mode & 07777;
     options.mode = &mode;
     options.no_replace = option == TARN_FILE_COPY_NO_REPLACE;
-    result = tarnbase::replace_file(dst, [in](int out) { return copy_content(in, out); }, options);
+    try {
+      result = tarnbase::replace_file(dst, [in](int out) { return copy_content(in, out); }, options);
+    } catch (const std::bad_alloc &) {
+      result = ENOMEM;
+    }
   }
   close(in);
   return result == 0 ? 0 : fail(result);

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <new>
 #include <string>
 
 #include "clock.h"
@@ -145,7 +146,7 @@ TARNBASE_API int tarn_log_dir(char *buf, size_t len) {
 
 TARNBASE_API int tarn_log_is_regestered(void) { return __atomic_load_n(&g_registered, __ATOMIC_ACQUIRE); }
 
-TARNBASE_API int tarn_autolog_init(const char *directory, int max_files) {
+TARNBASE_API int tarn_autolog_init(const char *directory, int max_files) try {
   if (directory == nullptr || directory[0] == '\0' || strlen(directory) >= kDirMax || max_files < 1 ||
       max_files > kMaxFilesLimit) {
     errno = EINVAL;
@@ -160,6 +161,9 @@ TARNBASE_API int tarn_autolog_init(const char *directory, int max_files) {
   g_sink_context = nullptr;
   __atomic_store_n(&g_registered, 1, __ATOMIC_RELEASE);
   return 0;
+} catch (const std::bad_alloc &) {
+  errno = ENOMEM;
+  return ENOMEM;
 }
 
 TARNBASE_API int tarn_log_register(tarn_log_sink_fn sink, void *context) {
@@ -176,7 +180,7 @@ TARNBASE_API int tarn_log_register(tarn_log_sink_fn sink, void *context) {
   return 0;
 }
 
-TARNBASE_API void tarn_log_output(uint32_t level, const char *fmt, ...) {
+TARNBASE_API void tarn_log_output(uint32_t level, const char *fmt, ...) try {
   if (fmt == nullptr) return;
   char line[kLineMax];
   va_list args;
@@ -207,6 +211,8 @@ TARNBASE_API void tarn_log_output(uint32_t level, const char *fmt, ...) {
   } else {
     write_all(STDERR_FILENO, line, length);
   }
+} catch (const std::bad_alloc &) {
+  // The line is lost, as when it cannot be written.
 }
 
 TARNBASE_API uint64_t tarn_log_get_tick_count(void) { return tarnbase::monotonic_ms(); }

@@ -204,7 +204,7 @@ void in_child(const std::function<void(Child &)> &body) {
     close(fds[0]);
     Child child(fds[1]);
     body(child);
-    _exit(child.failed() ? 1 : 0);
+    tarn_test::end_child(child.failed() ? 1 : 0);
   }
   close(fds[1]);
   const std::string report = read_all(fds[0]);

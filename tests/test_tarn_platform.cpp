@@ -14,11 +14,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -28,6 +30,24 @@
 
 #include "child_process.h"
 #include "files.h"
+#include "interpose.h"
+
+// ---------------------------------------------------------------------------
+// The machine name that uname(2) reports to the base library: the real one
+// unless a child set another (default visibility, so that libtarnbase.so's
+// calls come here).
+
+namespace {
+const char *g_machine_name = nullptr;
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int uname(struct utsname *name) noexcept {
+  const int result = tarn_test::next_definition<int (*)(struct utsname *)>("uname")(name);
+  if (result == 0 && g_machine_name != nullptr) {
+    snprintf(name->machine, sizeof(name->machine), "%s", g_machine_name);
+  }
+  return result;
+}
 
 namespace {
 
@@ -142,6 +162,67 @@ TEST_F(PlatformTest, TheConfigurationIsReadOnceByEachProcess) {
   ASSERT_GT(pid, 0);
   EXPECT_EQ(0, reap(pid));
   set_config(nullptr);
+}
+
+// The answers of a fresh process on a machine of the given name under the
+// configuration text, packed as cpu * 100 + kind * 10 + width; 999 when the
+// platform query fails.
+int answers_on(const char *machine_name, const char *config) {
+  set_config(config);
+  tarn_test::Pipe answer;
+  const pid_t pid = fork_child([machine_name, &answer] {
+    answer.close_read();
+    g_machine_name = machine_name;
+    tarn_os_platform_t platform;
+    const bool known = tarn_get_os_platform(&platform) == 0;
+    return answer.write_int(known ? tarn_get_cpu_arch() * 100 + platform.kind * 10 + platform.width : 999) ? 0 : 1;
+  });
+  answer.close_write();
+  int result = -1;
+  if (pid <= 0 || !answer.read_int(&result) || reap(pid) != 0) result = -1;
+  set_config(nullptr);
+  return result;
+}
+
+TEST(Platform, EachMachineNameGivesItsProcessorAndWidth) {
+  struct Machine {
+    const char *name;
+    int cpu;
+    int width;
+  };
+  const Machine machines[] = {
+      {"x86_64", TARN_CPU_ARCH_X64, TARN_OS_PLATFORM_WIDTH_64},
+      {"aarch64", TARN_CPU_ARCH_ARM64, TARN_OS_PLATFORM_WIDTH_64},
+      {"mips64", TARN_CPU_ARCH_MIPS64, TARN_OS_PLATFORM_WIDTH_64},
+      {"mips64el", TARN_CPU_ARCH_MIPS64, TARN_OS_PLATFORM_WIDTH_64},
+      {"i386", TARN_CPU_ARCH_X86, TARN_OS_PLATFORM_WIDTH_32},
+      {"i486", TARN_CPU_ARCH_X86, TARN_OS_PLATFORM_WIDTH_32},
+      {"i586", TARN_CPU_ARCH_X86, TARN_OS_PLATFORM_WIDTH_32},
+      {"i686", TARN_CPU_ARCH_X86, TARN_OS_PLATFORM_WIDTH_32},
+      // Neither of the four families: no processor code, the width by name.
+      {"i786", TARN_CPU_ARCH_UNKNOWN, TARN_OS_PLATFORM_WIDTH_32},
+      {"i86", TARN_CPU_ARCH_UNKNOWN, TARN_OS_PLATFORM_WIDTH_32},
+      {"i3860", TARN_CPU_ARCH_UNKNOWN, TARN_OS_PLATFORM_WIDTH_32},
+      {"armv7l", TARN_CPU_ARCH_UNKNOWN, TARN_OS_PLATFORM_WIDTH_32},
+      {"riscv64", TARN_CPU_ARCH_UNKNOWN, TARN_OS_PLATFORM_WIDTH_64},
+      {"s390x", TARN_CPU_ARCH_UNKNOWN, TARN_OS_PLATFORM_WIDTH_64},
+  };
+  for (const Machine &machine : machines) {
+    SCOPED_TRACE(machine.name);
+    EXPECT_EQ(machine.cpu * 100 + TARN_OS_PLATFORM_LINUX * 10 + machine.width, answers_on(machine.name, nullptr));
+  }
+}
+
+TEST(Platform, OnlyAnX86MachineBecomesTheCompanionPlatform) {
+  const char *companion = "[platform]\nx86_companion = 1\n";
+  EXPECT_EQ(TARN_CPU_ARCH_X86 * 100 + TARN_OS_PLATFORM_X86_COMPANION * 10 + TARN_OS_PLATFORM_WIDTH_32,
+            answers_on("i686", companion));
+  EXPECT_EQ(TARN_CPU_ARCH_X64 * 100 + TARN_OS_PLATFORM_X86_COMPANION * 10 + TARN_OS_PLATFORM_WIDTH_64,
+            answers_on("x86_64", companion));
+  EXPECT_EQ(TARN_CPU_ARCH_ARM64 * 100 + TARN_OS_PLATFORM_LINUX * 10 + TARN_OS_PLATFORM_WIDTH_64,
+            answers_on("aarch64", companion));
+  EXPECT_EQ(TARN_CPU_ARCH_MIPS64 * 100 + TARN_OS_PLATFORM_LINUX * 10 + TARN_OS_PLATFORM_WIDTH_64,
+            answers_on("mips64el", companion));
 }
 
 TEST(Platform, ANullOutputIsEinval) {
@@ -295,6 +376,65 @@ TEST(ShellExecute, AProgramThatClosedItsStandardStreamsStillCapturesOutput) {
   });
   ASSERT_GT(pid, 0);
   EXPECT_EQ(0, reap(pid));
+}
+
+// The address space that this process holds, in bytes.
+uint64_t address_space() {
+  FILE *statm = fopen("/proc/self/statm", "re");
+  if (statm == nullptr) return 0;
+  unsigned long long pages = 0;
+  const bool read = fscanf(statm, "%llu", &pages) == 1;
+  fclose(statm);
+  return read ? pages * (uint64_t)sysconf(_SC_PAGESIZE) : 0;
+}
+
+// Runs "echo x" through the shell in a child under a lowered limit (its
+// soft value set to allowed, or to what the child holds when allowed is
+// 0); the child answers 0 when the call failed with the error expected,
+// left the output empty and kept no descriptor open.
+int shell_under_limit(int resource, rlim_t allowed, int expected,
+                      const std::function<void()> &prepare = {}) {
+  const pid_t pid = fork_child([=] {
+    close_range(STDERR_FILENO + 1, ~0u, 0);
+    if (prepare) prepare();
+    struct rlimit limit;
+    if (getrlimit(resource, &limit) != 0) return 10;
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = allowed != 0 ? allowed : address_space();
+    if (setrlimit(resource, &limit) != 0) return 11;
+    char out[16] = "untouched";
+    errno = 0;
+    const int result = tarn_shell_execute("echo x", out, sizeof(out));
+    const int error = errno;
+    limit.rlim_cur = before;
+    if (setrlimit(resource, &limit) != 0) return 12;
+    if (result != -1) return 13;
+    if (error != expected) return 14;
+    if (out[0] != '\0') return 15;
+    // The lowest free descriptor is the lowest that the caller left free.
+    const int next = dup(STDERR_FILENO);
+    return next == (prepare ? 0 : 3) ? 0 : 16;
+  });
+  return pid > 0 ? reap(pid) : -1;
+}
+
+TEST(ShellExecute, ACallerThatCannotMoveThePipeAboveItsStandardStreamsGetsMinusOne) {
+  // Without standard input and output the pipe takes 0 and 1, and with 3
+  // taken and a limit of 4 its write end cannot be moved above 2.
+  EXPECT_EQ(0, shell_under_limit(RLIMIT_NOFILE, 4, EMFILE, [] {
+              close(STDIN_FILENO);
+              close(STDOUT_FILENO);
+              dup2(STDERR_FILENO, 3);
+            }));
+}
+
+TEST(ShellExecute, ACommandThatCannotBeStartedGetsMinusOneWithTheReason) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the address sanitizer needs more address space than the test allows";
+#else
+  // No address space left for the child's start.
+  EXPECT_EQ(0, shell_under_limit(RLIMIT_AS, 0, ENOMEM));
+#endif
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -229,6 +230,35 @@ TEST_F(ProcessTest, AProgramThatCannotBeExecutedIsMinusOneWithItsErrno) {
     errno = 0;
     EXPECT_EQ(-1, tarn_process_create(c.command.c_str(), 1)) << c.command;
     EXPECT_EQ(c.error, errno) << c.command;
+  }
+}
+
+TEST_F(ProcessTest, ACallerOutOfDescriptorsIsMinusOneWithEmfileAndKeepsNoneOpen) {
+  // Descriptors 0 to 2 and nothing else, then a limit of 5 (the pipe gets 3
+  // and 4 but cannot be moved) and of 6 (one end moved, the other not).
+  for (const rlim_t allowed : {(rlim_t)3, (rlim_t)5, (rlim_t)6}) {
+    SCOPED_TRACE(allowed);
+    const pid_t pid = fork_child([allowed] {
+      close_range(STDERR_FILENO + 1, ~0u, 0);
+      struct rlimit limit;
+      if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 10;
+      const rlim_t before = limit.rlim_cur;
+      limit.rlim_cur = allowed;
+      if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 11;
+      errno = 0;
+      const int result = tarn_process_create("/bin/true", 1);
+      const int error = errno;
+      // Nothing left open: the lowest free descriptor is still 3.
+      const int next = dup(STDIN_FILENO);
+      limit.rlim_cur = before;
+      if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 12;
+      if (result != -1) return 13;
+      if (error != EMFILE) return 14;
+      // (With a limit of 3 there is no room for it at all.)
+      return next == (allowed > 3 ? 3 : -1) ? 0 : 15;
+    });
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(0, reap(pid));
   }
 }
 

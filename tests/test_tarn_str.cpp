@@ -5,7 +5,10 @@
 
 #include <errno.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -14,6 +17,7 @@
 #include <tarnbase/tarn_mem.h>
 #include <tarnbase/tarn_str.h>
 
+#include "child_process.h"
 #include "fakes.h"
 
 // An allocation that cannot be satisfied must come back as null, as it
@@ -168,6 +172,34 @@ TEST_F(StrTest, StrdupCopiesIntoANewBlock) {
     EXPECT_STREQ(text, copy);
     tarn_free_(copy);
   }
+}
+
+// The address space that this process holds, in bytes.
+uint64_t address_space() {
+  FILE *statm = fopen("/proc/self/statm", "re");
+  if (statm == nullptr) return 0;
+  unsigned long long pages = 0;
+  const bool read = fscanf(statm, "%llu", &pages) == 1;
+  fclose(statm);
+  return read ? pages * (uint64_t)sysconf(_SC_PAGESIZE) : 0;
+}
+
+TEST_F(StrTest, StrdupThatCannotBeSatisfiedIsNullWithEnomem) {
+  // A child whose address space may grow by 8 MiB copies a text of 32 MiB.
+  const pid_t pid = tarn_test::fork_child([] {
+    const std::string text(32u << 20, 'x');
+    const uint64_t held = address_space();
+    if (held == 0) return 10;
+    struct rlimit limit;
+    limit.rlim_cur = limit.rlim_max = held + (8u << 20);
+    if (setrlimit(RLIMIT_AS, &limit) != 0) return 11;
+    errno = 0;
+    char *copy = tarn_strdup(text.c_str());
+    if (copy != nullptr) return 12;
+    return errno == ENOMEM ? 0 : 13;
+  });
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(0, tarn_test::reap(pid));
 }
 
 TEST_F(StrTest, StrdupOfNullIsEinval) {

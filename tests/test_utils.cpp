@@ -38,27 +38,6 @@
 #include "tarn_utils.h"
 #include "utils_internal.h"
 
-// ---------------------------------------------------------------------------
-// An allocation that fails once, by size: malloc is interposed in builds
-// without the address sanitizer (which owns malloc itself).
-
-#if defined(__SANITIZE_ADDRESS__)
-#define TARN_TEST_MALLOC_FAULTS 0
-#else
-#define TARN_TEST_MALLOC_FAULTS 1
-extern "C" void *__libc_malloc(size_t size);
-namespace {
-size_t g_fail_malloc_of_size = 0;  // 0: no failure armed
-}  // namespace
-extern "C" void *malloc(size_t size) {
-  if (g_fail_malloc_of_size != 0 && size == g_fail_malloc_of_size) {
-    g_fail_malloc_of_size = 0;
-    return nullptr;
-  }
-  return __libc_malloc(size);
-}
-#endif
-
 namespace {
 
 using tarn_test::dump_logs;
@@ -104,30 +83,18 @@ TEST_F(UtilsTest, RootDirIsANewCopyOfTheInstallRoot) {
 }
 
 TEST_F(UtilsTest, RootDirOutOfMemoryEndsTheProcessWithStatusZero) {
-#if !TARN_TEST_MALLOC_FAULTS
-  GTEST_SKIP() << "malloc belongs to the address sanitizer in this build";
-#else
-  tarn_test::Pipe lines;
-  const pid_t child = tarn_test::fork_child([&lines] {
-    lines.close_read();
-    static tarn_test::Pipe *report = &lines;
-    // The process ends inside the call; report what it logged on the way out.
-    atexit([] {
-      for (const tarn_test::LogLine &line : tarn_test::logs()) {
-        const std::string text = line.word + " " + line.message;
-        for (char c : text) report->send(c);
-      }
-    });
-    g_fail_malloc_of_size = 24;
+  const unsigned before = tarn_test::allocation_calls();
+  free(get_tarn_root_dir());
+  ASSERT_EQ(tarn_test::allocation_calls() - before, 1u);
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child([] {
+    tarn_test::fail_allocation_after(0);
     get_tarn_root_dir();
-    return 7;  // not reached
   });
-  lines.close_write();
-  std::string reported;
-  for (int c; (c = lines.receive()) >= 0;) reported += (char)c;
-  EXPECT_EQ(tarn_test::reap(child), 0);
-  EXPECT_EQ(reported, "fatal Out of memory\n");
-#endif
+  EXPECT_TRUE(outcome.exited);
+  EXPECT_EQ(outcome.exit_status, 0);
+  ASSERT_EQ(outcome.lines.size(), 1u) << tarn_test::dump_logs();
+  EXPECT_EQ(outcome.lines.back().word, "fatal");
+  EXPECT_EQ(outcome.lines.back().message, "Out of memory\n");
 }
 
 // ---------------------------------------------------------------------------

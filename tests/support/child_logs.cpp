@@ -74,7 +74,7 @@ ChildOutcome run_in_child(const std::function<void()> &body) {
     atexit(send_captured_lines);
     body();
     send_captured_lines();
-    _exit(3);
+    tarn_test::end_child(3);
   }
   close(fds[1]);
   if (pid > 0) {

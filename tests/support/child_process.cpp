@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -118,9 +119,19 @@ pid_t fork_flushed() {
   return fork();
 }
 
+void end_child(int status) {
+#ifdef TARN_COVERAGE
+  // exit() runs the exit handlers that write the coverage counters of the
+  // program and of each library it loaded; _exit() would lose them.
+  exit(status);
+#else
+  _exit(status);
+#endif
+}
+
 pid_t fork_child(const std::function<int()> &body) {
   const pid_t pid = fork_flushed();
-  if (pid == 0) _exit(body());
+  if (pid == 0) end_child(body());
   return pid;
 }
 

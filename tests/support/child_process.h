@@ -67,6 +67,11 @@ class Barrier {
 // written twice.
 pid_t fork_flushed();
 
+// Ends a forked child at once with status (_exit: no exit handlers run).
+// In the coverage build (scripts/coverage, TARN_COVERAGE) it ends through
+// exit() instead, so that the child's coverage counters are written.
+[[noreturn]] void end_child(int status);
+
 // Forks a child that runs body and exits with its result (0 for success);
 // no test framework code runs in the child after body.
 pid_t fork_child(const std::function<int()> &body);
