@@ -95,7 +95,7 @@ QIV_EJS_API void qiv_json_decref_ejs(json_t *json);
  * sealed as it stands (layout and key order kept); it is not checked for
  * being JSON. Returns 0, or -1 with errno (EINVAL for a null path or a null
  * text with a non-zero length, EFBIG when the sealed file would exceed
- * QIV_EJS_MAX_FILE_SIZE, or the errno of writing). */
+ * QIV_EJS_MAX_FILE_SIZE, ENOMEM, or the errno of writing). */
 QIV_EJS_API int qiv_ejs_seal_file(const char *path, const void *text, size_t length);
 
 /* Opens the protected file at path: on success *text receives a newly

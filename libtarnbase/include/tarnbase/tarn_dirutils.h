@@ -22,8 +22,8 @@ TARNBASE_BEGIN_DECLS
  * path included, are success and keep their own mode. Several processes may
  * create the same tree at once. Returns 0, EINVAL for a null or empty path,
  * ENOTDIR when path or one of its parents exists and is not a directory,
- * or the errno of the failed mkdir(2) / chmod(2) (EACCES, ENOSPC, ...);
- * directories created before a failure stay. */
+ * ENOMEM, or the errno of the failed mkdir(2) / chmod(2) (EACCES, ENOSPC,
+ * ...); directories created before a failure stay. */
 TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode);
 
 /* Expands an "@" path into out (out_len bytes). An input beginning with
@@ -34,7 +34,8 @@ TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode);
  * input is copied unchanged. The same expansion serves tarn_autolog_init
  * (tarn_log.h). The output is always terminated and cut when it does not
  * fit. Returns 0, EINVAL (out untouched) for a null argument or out_len 0,
- * or ENAMETOOLONG when the output was cut (out then holds the cut text). */
+ * ENOMEM, or ENAMETOOLONG when the output was cut (out then holds the cut
+ * text). */
 TARNBASE_API int tarn_dirutils_path_transform(const char *in, char *out, size_t out_len);
 
 /* The entry types that tarn_dirutils_listdir reports. A symbolic link has

@@ -29,9 +29,9 @@ TARNBASE_API int tarn_file_unlink(const char *path);
  * the complete copy, never a part (it may leave its temporary file behind).
  * The new dst belongs to the calling user; a symbolic link at dst is
  * replaced by the file, not followed. Returns 0, EINVAL for a null or empty
- * argument, EISDIR when src is a directory, or the errno of the failed step
- * (ENOENT for a missing src or a missing directory of dst); on failure dst
- * is as it was and the temporary file is removed. */
+ * argument, EISDIR when src is a directory, ENOMEM, or the errno of the
+ * failed step (ENOENT for a missing src or a missing directory of dst); on
+ * failure dst is as it was and the temporary file is removed. */
 TARNBASE_API int tarn_file_copy(const char *src, const char *dst);
 
 /* Options of tarn_file_copy_ex. */

@@ -141,9 +141,10 @@ TARNBASE_API int tarn_ini_file_foreach(tarn_ini_t *ini, void *user, tarn_ini_for
 TARNBASE_API int tarn_ini_file_save(tarn_ini_t *ini, const char *path, int flags);
 
 /* As tarn_ini_file_save, and durable: when it returns 0 the new content is
- * on the disk (the temporary file and the directory are fsync-ed). One
- * failure comes after the file was replaced: when the directory cannot be
- * synced (EIO), path already holds the new content. */
+ * on the disk (the temporary file and the directory are fsync-ed). Once the
+ * file has been renamed into place the save reports success: a directory
+ * that cannot be synced after that is not reported, since path already
+ * holds the new content and a failure would tell the caller otherwise. */
 TARNBASE_API int tarn_ini_file_save_directio(tarn_ini_t *ini, const char *path, int flags);
 
 /* Frees the object and every string that it handed out. Null is allowed. */

@@ -66,8 +66,9 @@ TARNBASE_API int tarn_log_is_regestered(void);
  * up by one, and at most max_files files are kept in all (with 5: tarn.log
  * and tarn.log.1 to tarn.log.4). Processes that share a directory rotate it
  * together under a lock. When the directory cannot be written, lines go to
- * standard error. Returns 0, or EINVAL for a null or empty directory, a
- * directory longer than 1023 bytes, or max_files outside 1 to 100. May be
+ * standard error. Returns 0, ENOMEM, or EINVAL for a null or empty
+ * directory, a directory longer than 1023 bytes, or max_files outside 1 to
+ * 100. May be
  * called again, also by several threads at once; the last call wins. */
 TARNBASE_API int tarn_autolog_init(const char *directory, int max_files);
 
@@ -84,7 +85,8 @@ TARNBASE_API int tarn_log_register(tarn_log_sink_fn sink, void *context);
  * handed on as it is given; filtering by level is the caller's (the line is
  * written whatever the current level). A line that does not end in '\n'
  * gets one; a line longer than 8191 bytes with its '\n' is cut to that
- * length and still ends in '\n'. Failures to write are not reported. */
+ * length and still ends in '\n'. Failures to write, and a line that cannot
+ * be formatted for want of memory, are not reported (the line is dropped). */
 TARNBASE_API void tarn_log_output(uint32_t level, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
 
