@@ -1,0 +1,58 @@
+/* A program built the way a user builds one: against the installed headers
+ * and shared objects only. argv[1] names the manifest file it writes. It
+ * prints what the libraries answer; check_installed_tree.sh knows what that
+ * must be. */
+#include <stdio.h>
+
+#include <qiv_ejs/qiv_ejs.h>
+#include <tarnaux/tarn_apphome.h>
+#include <tarnaux/version_mgr.h>
+#include <tarnbase/tarn_platform.h>
+
+static const char *or_null(const char *text) { return text ? text : "(null)"; }
+
+static void print_parse(const char *text) {
+  version_mgr_version version = {0, 0, 0};
+  char printed[32] = "";
+  unsigned result = version_mgr_parser_version(text, &version);
+  version_mgr_version_tostring(&version, printed, sizeof printed);
+  printf("parse %s: %u %s\n", text, result, printed);
+}
+
+static void print_compare(const char *first, const char *second) {
+  version_mgr_version a = {0, 0, 0}, b = {0, 0, 0};
+  version_mgr_parser_version(first, &a);
+  version_mgr_parser_version(second, &b);
+  printf("compare %s %s: %d\n", first, second, (int)version_mgr_compare_version(a, b));
+}
+
+int main(int argc, char **argv) {
+  if (argc != 2) {
+    fprintf(stderr, "usage: consumer MANIFEST\n");
+    return 2;
+  }
+  print_parse("3.2.17");
+  print_parse("1..3");
+  print_compare("1.10.0", "1.9.9");
+  print_compare("1.2.3", "1.2.5");
+
+  /* A manifest sealed through libqiv_ejs (with a jansson tree made here),
+   * read back by libtarnaux and by libqiv_ejs. */
+  json_t *manifest = json_pack("{s:s}", "version", "4.5.6");
+  printf("seal: %d\n", qiv_json_dump_file_ejs(manifest, argv[1], 0));
+  json_decref(manifest);
+  version_mgr_version version = {0, 0, 0};
+  char printed[32] = "";
+  unsigned result = version_mgr_get_packman_version_by_file(argv[1], &version);
+  version_mgr_version_tostring(&version, printed, sizeof printed);
+  printf("manifest version: %u %s\n", result, printed);
+  json_t *loaded = qiv_json_load_file_ejs(argv[1]);
+  printf("loaded version: %s\n",
+         or_null(qiv_json_string_value_ejs(qiv_json_object_get_ejs(loaded, "version"))));
+  qiv_json_decref_ejs(loaded);
+
+  printf("cpu arch: %d\n", tarn_get_cpu_arch());
+  printf("system arch: %s\n", or_null(tarn_apphome_sys_arch_str()));
+  printf("companion arch: %s\n", or_null(tarn_apphome_com_arch_str()));
+  return 0;
+}
