@@ -9,9 +9,16 @@
 namespace tarnbase {
 
 bool read_proc_stat(int pid, ProcStat *stat) {
-  char path[64];
-  snprintf(path, sizeof(path), "/proc/%d/stat", pid);
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  // Opened relative to /proc: qemu-user answers a process's own
+  // "/proc/<pid>/stat" with a start time of its making, which other
+  // processes never see, and would make a lock's live holder look dead;
+  // it passes a relative path through to the kernel.
+  const int proc = open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (proc < 0) return false;
+  char path[32];
+  snprintf(path, sizeof(path), "%d/stat", pid);
+  const int fd = openat(proc, path, O_RDONLY | O_CLOEXEC);
+  close(proc);
   if (fd < 0) return false;
   char line[1024];
   const ssize_t length = read(fd, line, sizeof(line) - 1);

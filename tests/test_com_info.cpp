@@ -1599,7 +1599,7 @@ TEST_F(PackageTest, NewNameRetriesAFailedCreation) {
   // Made before the text errors are queued, which it would otherwise take.
   const std::string third = uuid_text(0x44);
   g_uuid_answers = {{EIO, uuid_of(0)}, {0, uuid_of(0x33)}, {0, uuid_of(0x44)}};
-  g_uuid_text_errors = {0, ERANGE};
+  g_uuid_text_errors = {ERANGE};
   // The first creation fails, the second's text cannot be made: the third
   // is taken.
   EXPECT_EQ(std::string(new_name(nullptr).get()), third);

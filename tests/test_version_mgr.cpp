@@ -271,8 +271,8 @@ TEST_F(PackageVersionTest, ATamperedManifestLogsBadMessage) {
   const Parsed parsed = read(path);
   EXPECT_EQ(parsed.result, 1u);
   EXPECT_TRUE(has_fields(parsed.version, 7, 8, 9));
-  ASSERT_EQ(EBADMSG, 0x4a);
-  EXPECT_LOGGED("warn", format("load ejs failed, path is %s, errcode:0x4a\n", path.c_str()));
+  // EBADMSG is 0x4a on x86 and arm64, 0x4d on mips64.
+  EXPECT_LOGGED("warn", format("load ejs failed, path is %s, errcode:0x%x\n", path.c_str(), EBADMSG));
 }
 
 TEST_F(PackageVersionTest, AManifestWhoseTextIsNotJsonLogsInvalidArgument) {

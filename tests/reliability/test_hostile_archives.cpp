@@ -296,6 +296,22 @@ class HostileArchiveTest : public ::testing::Test {
   }
 };
 
+// The result and the lines of untgz_file on tgz.
+#define EXPECT_UNTGZ_RESULT(tgz, code, expected_lines) \
+  do {                                                 \
+    const Outcome untgz_outcome = untgz(tgz);          \
+    EXPECT_EQ(untgz_outcome.result, code);             \
+    EXPECT_EQ(untgz_outcome.lines, expected_lines);    \
+  } while (0)
+
+// The result of unpack_tgz on tgz when tar exits with code, and its lines.
+#define EXPECT_TAR_RESULT(tgz, code)                      \
+  do {                                                    \
+    const Outcome tar_outcome = unpack(tgz);              \
+    EXPECT_EQ(tar_outcome.result, code);                  \
+    EXPECT_EQ(tar_outcome.lines, tar_lines(tgz, code));   \
+  } while (0)
+
 // ---------------------------------------------------------------------------
 // Names that point elsewhere
 
@@ -304,15 +320,11 @@ TEST_F(HostileArchiveTest, AbsoluteNamesAreRefusedByUntgzAndMadeRelativeByTar) {
   const std::string dir = world_ + "/outside/planted_dir/";
   const std::string tgz = archive("absolute", {{file, "planted"}, {dir, "", '5', mode_field(0755)}, {"kept.txt", "kept"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, (Lines{warn(format("unsafe member name %s -- skipping\n", file.c_str())),
+  EXPECT_UNTGZ_RESULT(tgz, 1, (Lines{warn(format("unsafe member name %s -- skipping\n", file.c_str())),
                                     warn(format("unsafe member name %s -- skipping\n", dir.c_str()))}));
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"kept.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(tar_dest_ + file), "planted");
   EXPECT_EQ(kind(tar_dest_ + dir), "directory 0755");
   EXPECT_EQ(read_file(in_tar("kept.txt")), "kept");
@@ -325,17 +337,13 @@ TEST_F(HostileArchiveTest, DotDotComponentsNeverLeaveTheDestination) {
                                              {"sub/../inside.txt", "inside"},
                                              {"kept.txt", "kept"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, (Lines{warn("unsafe member name ../../../escape.txt -- skipping\n"),
+  EXPECT_UNTGZ_RESULT(tgz, 1, (Lines{warn("unsafe member name ../../../escape.txt -- skipping\n"),
                                     warn("unsafe member name a/../../../../escape2.txt -- skipping\n"),
                                     warn("unsafe member name ../../../escape_dir/ -- skipping\n"),
                                     warn("unsafe member name sub/../inside.txt -- skipping\n")}));
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"kept.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(list_directory(tar_dest_), std::set<std::string>{"kept.txt"});
 }
 
@@ -346,16 +354,12 @@ TEST_F(HostileArchiveTest, SymbolicLinkOutOfTheDestinationFollowedByAFileThrough
       archive("symlink_abs", {link, {"link/planted.txt", "planted"}, {"link/planted_dir/", "", '5', mode_field(0755)}});
 
   // No link is made: the members land in a directory of that name.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(kind(in_untgz("link")), "directory 0644");
   EXPECT_EQ(read_file(in_untgz("link/planted.txt")), "planted");
   EXPECT_EQ(kind(in_untgz("link/planted_dir")), "directory 0755");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(kind(in_tar("link")), "link");
 }
 
@@ -364,14 +368,10 @@ TEST_F(HostileArchiveTest, RelativeSymbolicLinkUpwardsFollowedByAFileThroughIt) 
   up.link = "../../..";
   const std::string tgz = archive("symlink_up", {up, {"up/escape.txt", "escape"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz("up/escape.txt")), "escape");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(kind(in_tar("up")), "link");
   EXPECT_EQ(list_directory(tar_dest_), std::set<std::string>{"up"});
 }
@@ -381,14 +381,10 @@ TEST_F(HostileArchiveTest, SymbolicLinkThenAFileOfTheSameNameLeavesTheTargetAlon
   link.link = world_ + "/victim.txt";
   const std::string tgz = archive("symlink_same_name", {link, {"victim", "overwritten"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz("victim")), "overwritten");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar("victim")), "overwritten");
 }
 
@@ -414,15 +410,11 @@ TEST_F(HostileArchiveTest, HardLinksToFilesOutsideAreNeverMade) {
   inside.link = "inside.txt";
   const std::string tgz = archive("hardlinks", {absolute, upwards, {"inside.txt", "in"}, inside});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"inside.txt"});
 
   // The link counts of the files outside are part of the sentinel listing.
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(list_directory(tar_dest_), (std::set<std::string>{"inside.txt", "hard_in"}));
   EXPECT_EQ(read_file(in_tar("hard_in")), "in");
 }
@@ -441,9 +433,7 @@ TEST_F(HostileArchiveTest, DeviceAndFifoEntriesAreIgnoredByUntgzAndMadeWithoutWo
   blk.devminor = mode_field(0);
   const std::string tgz = archive("devices", {chr, blk, {"fifo", "", '6', mode_field(0666)}, {"kept.txt", "kept"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"kept.txt"});
 
   const Outcome tar_run = unpack(tgz);
@@ -463,14 +453,10 @@ TEST_F(HostileArchiveTest, NameWithoutItsTerminatingZeroRunsIntoTheModeForUntgzO
   const std::string name(100, 'n');
   const std::string tgz = archive("no_terminator", {{name, "long"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{name + "0000644"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar(name)), "long");
 }
 
@@ -500,9 +486,7 @@ TEST_F(HostileArchiveTest, HeaderWithoutAnyZeroByteMakesANameTooLongForUntgz) {
                                     warn("broken archive\n")}));
   EXPECT_TRUE(list_directory(untgz_dest_).empty());
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar(std::string(100, 'n'))), "12345");
 }
 
@@ -511,14 +495,10 @@ TEST_F(HostileArchiveTest, BadOctalDigitInTheModeStopsBothExtractors) {
       archive("bad_mode", {{"before.txt", "b"}, {"bad.txt", "x", '0', "00006x4"}, {"after.txt", "a"}});
 
   // The contract: an invalid mode ends extraction without a message.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"before.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(read_file(in_tar("before.txt")), "b");
 }
 
@@ -527,14 +507,10 @@ TEST_F(HostileArchiveTest, BadOctalDigitInTheSizeIsABrokenArchive) {
   bad.size = "0000000100x";
   const std::string tgz = archive("bad_size", {{"before.txt", "b"}, bad, {"after.txt", "a"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{warn("broken archive\n")});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{warn("broken archive\n")});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"before.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(read_file(in_tar("before.txt")), "b");
   EXPECT_FALSE(exists(in_tar("bad.bin")));
 }
@@ -544,14 +520,10 @@ TEST_F(HostileArchiveTest, WrongHeaderChecksumIsIgnoredByUntgzOnly) {
   unchecked.good_checksum = false;
   const std::string tgz = archive("bad_checksum", {unchecked, {"after.txt", "a"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(list_directory(untgz_dest_), (std::set<std::string>{"unchecked.txt", "after.txt"}));
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_FALSE(exists(in_tar("unchecked.txt")));
 }
 
@@ -560,15 +532,11 @@ TEST_F(HostileArchiveTest, SizeLargerThanTheDataEndsInsideTheData) {
   short_data.size = "00000010000";  // 4096 bytes; the archive holds 1536 after the header
   const std::string tgz = archive("size_too_large", {short_data});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{warn("broken archive\n")});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{warn("broken archive\n")});
   EXPECT_EQ(read_file(in_untgz("short.bin")), tarn_test::tar_padded("abc") + std::string(2 * kTarBlock, '\0'));
   EXPECT_EQ(kind(in_untgz("short.bin")), "file 0644");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
 }
 
 TEST_F(HostileArchiveTest, HugeOctalSizeIsABrokenArchive) {
@@ -576,14 +544,10 @@ TEST_F(HostileArchiveTest, HugeOctalSizeIsABrokenArchive) {
   huge.size = "77777777777";  // 8 GiB less one byte
   const std::string tgz = archive("huge_size", {{"before.txt", "b"}, huge});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{warn("broken archive\n")});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{warn("broken archive\n")});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"before.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(read_file(in_tar("before.txt")), "b");
 }
 
@@ -592,14 +556,10 @@ TEST_F(HostileArchiveTest, HugeBase256SizeIsABrokenArchiveForUntgz) {
   huge.size = std::string("\x80\0\0\0\0\0\x01\0\0\0\0\0", 12);  // 2^40 in base 256
   const std::string tgz = archive("base256_size", {huge});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{warn("broken archive\n")});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{warn("broken archive\n")});
   EXPECT_TRUE(list_directory(untgz_dest_).empty());
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
 }
 
 // ---------------------------------------------------------------------------
@@ -614,9 +574,7 @@ TEST_F(HostileArchiveTest, SetUserAndGroupIdBitsAreNeverExtracted) {
   for (Member &member : members) member.uid = member.gid = mode_field(1000);
   const std::string tgz = archive("set_id", members);
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(kind(in_untgz("suid")), "file 0755");
   EXPECT_EQ(kind(in_untgz("sgid")), "file 0755");
   EXPECT_EQ(kind(in_untgz("both")), "file 0777");
@@ -625,9 +583,7 @@ TEST_F(HostileArchiveTest, SetUserAndGroupIdBitsAreNeverExtracted) {
   EXPECT_EQ(kind(in_untgz("made/by")), "directory 0750");
   EXPECT_EQ(kind(in_untgz("made/by/file")), "file 0750");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(kind(in_tar("suid")), "file 0755");
   EXPECT_EQ(kind(in_tar("sgid")), "file 0755");
   EXPECT_EQ(kind(in_tar("both")), "file 0755");
@@ -643,18 +599,14 @@ TEST_F(HostileArchiveTest, SetUserIdFileRewrittenByAStreamCutShortLosesTheBit) {
   const std::string whole = gzip_of(tar_of({{"tool", data, '0', mode_field(0700)}, {"after.txt", "a"}}));
   const std::string tgz = raw_archive("rewrite_cut", whole.substr(0, whole.size() / 2));
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, (Lines{warn("broken archive\n"), warn("failed gzclose\n")}));
+  EXPECT_UNTGZ_RESULT(tgz, 1, (Lines{warn("broken archive\n"), warn("failed gzclose\n")}));
   // Cut short, the file keeps its old permission bits, without set-ID.
   EXPECT_EQ(kind(in_untgz("tool")), "file 0755");
   const std::string written = read_file(in_untgz("tool"));
   EXPECT_GT(written.size(), 0u);
   EXPECT_TRUE(written == data.substr(0, written.size()));
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
 }
 
 TEST_F(HostileArchiveTest, WorldWritableModesAreKeptByUntgzAndFilteredByTheUmaskInTar) {
@@ -665,18 +617,14 @@ TEST_F(HostileArchiveTest, WorldWritableModesAreKeptByUntgzAndFilteredByTheUmask
                                                      {"open/inner.txt", "i", '0', mode_field(0777)}});
 
   // The contract keeps the archive's permission bits.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(kind(in_untgz("ww.txt")), "file 0666");
   EXPECT_EQ(kind(in_untgz("wx.sh")), "file 0777");
   EXPECT_EQ(kind(in_untgz("tmpdir")), "directory 1777");
   EXPECT_EQ(kind(in_untgz("open")), "directory 0777");
   EXPECT_EQ(kind(in_untgz("open/inner.txt")), "file 0777");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(kind(in_tar("ww.txt")), "file 0644");
   EXPECT_EQ(kind(in_tar("wx.sh")), "file 0755");
   EXPECT_EQ(kind(in_tar("tmpdir")), "directory 0755");
@@ -689,17 +637,13 @@ TEST_F(HostileArchiveTest, DirectoryOfMode0444StillTakesItsChildrenForRoot) {
                                                     {"ro/inner.txt", "inner"},
                                                     {"ro/sub/deeper.txt", "deeper", '0', mode_field(0600)}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(kind(in_untgz("ro")), "directory 0444");
   EXPECT_EQ(read_file(in_untgz("ro/inner.txt")), "inner");
   EXPECT_EQ(kind(in_untgz("ro/sub")), "directory 0600");
   EXPECT_EQ(read_file(in_untgz("ro/sub/deeper.txt")), "deeper");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(kind(in_tar("ro")), "directory 0444");
   EXPECT_EQ(read_file(in_tar("ro/inner.txt")), "inner");
   EXPECT_EQ(read_file(in_tar("ro/sub/deeper.txt")), "deeper");
@@ -722,9 +666,7 @@ TEST_F(HostileArchiveTest, DirectoryOfMode0444BlocksItsChildrenForAnUnprivileged
   EXPECT_FALSE(exists(in_untgz("after.txt")));
 
   // tar, a program of its own, runs with root's capabilities.
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar("ro/inner.txt")), "inner");
 }
 
@@ -736,18 +678,14 @@ TEST_F(HostileArchiveTest, ZeroLengthFilesAreMadeWithTheirModes) {
                                                   {"empty_suid", "", '0', mode_field(04755)},
                                                   {"after.txt", "a"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(kind(in_untgz("empty")), "file 0600");
   EXPECT_EQ(kind(in_untgz("empty_no_size")), "file 0640");
   EXPECT_EQ(kind(in_untgz("empty_suid")), "file 0755");
   EXPECT_EQ(read_file(in_untgz("empty")), "");
   EXPECT_EQ(read_file(in_untgz("after.txt")), "a");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(kind(in_tar("empty")), "file 0600");
   EXPECT_EQ(kind(in_tar("empty_no_size")), "file 0640");
   EXPECT_EQ(kind(in_tar("empty_suid")), "file 0755");
@@ -764,9 +702,7 @@ TEST_F(HostileArchiveTest, TruncatedStreamKeepsThePartialFileWithoutItsModeOrRem
                                             {"truncated/after.txt", "a"}}));
   const std::string tgz = raw_archive("truncated", whole.substr(0, whole.size() / 2));
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, (Lines{warn("broken archive\n"), warn("failed gzclose\n")}));
+  EXPECT_UNTGZ_RESULT(tgz, 1, (Lines{warn("broken archive\n"), warn("failed gzclose\n")}));
   EXPECT_EQ(kind(in_untgz("truncated/big.bin")), "file 0644");
   EXPECT_FALSE(exists(in_untgz("truncated/after.txt")));
 
@@ -780,14 +716,10 @@ TEST_F(HostileArchiveTest, PlainTarNamedTgzIsReadByUntgzAndRefusedByTar) {
   const std::string tgz = raw_archive("not_gzip", tar_of({{"plain/file.txt", "plain"}}));
 
   // zlib reads a stream without a gzip header as it is.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz("plain/file.txt")), "plain");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_TRUE(list_directory(tar_dest_).empty());
 }
 
@@ -797,9 +729,7 @@ TEST_F(HostileArchiveTest, TrailingGarbageAfterTheGzipStream) {
   const std::string tgz = raw_archive("trailing", bytes);
 
   // The end block comes first; what follows the stream is never looked at.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz("trailing/file.txt")), "data");
 
   // gzip warns about the garbage and exits with 2; tar passes that on, and
@@ -813,14 +743,10 @@ TEST_F(HostileArchiveTest, TrailingGarbageAfterTheGzipStream) {
 TEST_F(HostileArchiveTest, ArchiveOfOnlyTheEndBlocksExtractsNothing) {
   const std::string tgz = archive("empty", std::vector<Member>{});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_TRUE(list_directory(untgz_dest_).empty());
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_TRUE(list_directory(tar_dest_).empty());
 }
 
@@ -834,14 +760,10 @@ TEST_F(HostileArchiveTest, GnuLongNameWithDotDotIsRefusedByBoth) {
 
   // The long name's data block is read as a header of its own: an empty
   // file of that name, which is refused; the next member keeps its name.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{warn("unsafe member name ../../../long_escape.txt -- skipping\n")});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{warn("unsafe member name ../../../long_escape.txt -- skipping\n")});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"short_name.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_TRUE(list_directory(tar_dest_).empty());
 }
 
@@ -852,14 +774,10 @@ TEST_F(HostileArchiveTest, GnuLongNameStopsUntgzAtItsDataBlock) {
 
   // The data block as a header has letters in its mode field: invalid, so
   // extraction ends there without a message.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{});
   EXPECT_TRUE(list_directory(untgz_dest_).empty());
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar(long_name)), "payload");
 }
 
@@ -871,14 +789,10 @@ TEST_F(HostileArchiveTest, PaxPathWithDotDotIsRefusedByBoth) {
 
   // The extended header's data read as a header: its "name" has a ".."
   // component.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{warn("unsafe member name " + pax + " -- skipping\n")});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{warn("unsafe member name " + pax + " -- skipping\n")});
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"pax_short.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_TRUE(list_directory(tar_dest_).empty());
 }
 
@@ -887,14 +801,10 @@ TEST_F(HostileArchiveTest, UstarPrefixWithDotDotIsIgnoredByUntgzAndRefusedByTar)
   prefixed.prefix = "../../..";
   const std::string tgz = archive("prefix_escape", {prefixed});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz("x.txt")), "prefixed");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_TRUE(list_directory(tar_dest_).empty());
 }
 
@@ -905,15 +815,11 @@ TEST_F(HostileArchiveTest, DeeplyNestedPathsAreMadeInside) {
   const std::string tgz =
       archive("deep", {{deep + "leaf.txt", "leaf", '0', mode_field(0700)}, {"./a//b/./c.txt", "c"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz(deep + "leaf.txt")), "leaf");
   EXPECT_EQ(read_file(in_untgz("a/b/c.txt")), "c");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar(deep + "leaf.txt")), "leaf");
   EXPECT_EQ(read_file(in_tar("a/b/c.txt")), "c");
 }
@@ -929,14 +835,10 @@ TEST_F(HostileArchiveTest, DirectoryMembersNamedDotLeaveTheDestinationsModeAndOw
   const std::string tgz = archive("dot_dirs", members);
 
   // The sentinel listing holds each destination's own mode and owner.
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz("after.txt")), "a");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar("after.txt")), "a");
 }
 
@@ -945,15 +847,11 @@ TEST_F(HostileArchiveTest, FileOrLinkNamedDotCannotReplaceTheDestination) {
   link.link = world_ + "/outside";
   const std::string tgz = archive("dot_file", {link, {"before.txt", "b"}, {".", "replaced"}, {"after.txt", "a"}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, (Lines{warn(format("Couldn't create %s/., errcode:0x%x\n", untgz_dest_.c_str(), EISDIR)),
+  EXPECT_UNTGZ_RESULT(tgz, 1, (Lines{warn(format("Couldn't create %s/., errcode:0x%x\n", untgz_dest_.c_str(), EISDIR)),
                                     warn("broken archive\n")}));
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"before.txt"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(list_directory(tar_dest_), (std::set<std::string>{"before.txt", "after.txt"}));
 }
 
@@ -963,16 +861,12 @@ TEST_F(HostileArchiveTest, DuplicateNamesTakeTheLastFileAndTheFirstDirectory) {
                                                  {"dupdir/", "", '5', mode_field(0700)},
                                                  {"dupdir/", "", '5', mode_field(0755)}});
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 0);
-  EXPECT_EQ(untgz_run.lines, Lines{});
+  EXPECT_UNTGZ_RESULT(tgz, 0, Lines{});
   EXPECT_EQ(read_file(in_untgz("dup.txt")), "second");
   EXPECT_EQ(kind(in_untgz("dup.txt")), "file 0640");
   EXPECT_EQ(kind(in_untgz("dupdir")), "directory 0700");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(in_tar("dup.txt")), "second");
   EXPECT_EQ(kind(in_tar("dup.txt")), "file 0640");
   EXPECT_EQ(kind(in_tar("dupdir")), "directory 0700");
@@ -989,9 +883,7 @@ TEST_F(HostileArchiveTest, FileWhereADirectoryIsNeeded) {
                    warn("broken archive\n")}));
   EXPECT_EQ(list_directory(untgz_dest_), std::set<std::string>{"x"});
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 2);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 2));
+  EXPECT_TAR_RESULT(tgz, 2);
   EXPECT_EQ(read_file(in_tar("x")), "file");
   EXPECT_EQ(read_file(in_tar("after.txt")), "a");
 }
@@ -1007,14 +899,10 @@ TEST_F(HostileArchiveTest, CallersTarOptionsCannotLoosenUnpackTgz) {
   const char *callers = "--absolute-names --same-permissions --same-owner";
   ASSERT_EQ(setenv("TAR_OPTIONS", callers, 1), 0);
 
-  const Outcome untgz_run = untgz(tgz);
-  EXPECT_EQ(untgz_run.result, 1);
-  EXPECT_EQ(untgz_run.lines, Lines{warn(format("unsafe member name %s -- skipping\n", planted.c_str()))});
+  EXPECT_UNTGZ_RESULT(tgz, 1, Lines{warn(format("unsafe member name %s -- skipping\n", planted.c_str()))});
   EXPECT_EQ(kind(in_untgz("suid")), "file 0755");
 
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(read_file(tar_dest_ + planted), "planted");
   EXPECT_EQ(kind(in_tar("suid")), "file 0755");
   // The caller's own value is back.
@@ -1026,9 +914,7 @@ TEST_F(HostileArchiveTest, CallersTarOptionsCannotLoosenUnpackTgz) {
 TEST_F(HostileArchiveTest, UnpackTgzLeavesNoTarOptionsBehind) {
   ASSERT_EQ(unsetenv("TAR_OPTIONS"), 0);
   const std::string tgz = archive("no_options", {{"file.txt", "f"}});
-  const Outcome tar_run = unpack(tgz);
-  EXPECT_EQ(tar_run.result, 0);
-  EXPECT_EQ(tar_run.lines, tar_lines(tgz, 0));
+  EXPECT_TAR_RESULT(tgz, 0);
   EXPECT_EQ(getenv("TAR_OPTIONS"), nullptr);
 }
 
