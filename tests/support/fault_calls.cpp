@@ -17,6 +17,7 @@
 #include <atomic>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 #define TARN_TEST_EXPORT __attribute__((visibility("default")))
 
@@ -163,28 +164,31 @@ Fn next_new(const char *name) {
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// The replaced global operator new.
+// The replaced global operator new. size_t mangles as "m" (unsigned long)
+// on the 64-bit targets and as "j" (unsigned int) on 32-bit x86.
+
+#define TARN_SIZE_MANGLE(prefix, suffix) (std::is_same<size_t, unsigned long>::value ? prefix "m" suffix : prefix "j" suffix)
 
 TARN_TEST_EXPORT void *operator new(size_t size) {
-  static const auto real = next_new<void *(*)(size_t)>("_Znwm");
+  static const auto real = next_new<void *(*)(size_t)>(TARN_SIZE_MANGLE("_Znw", ""));
   if (allocation_fails()) throw std::bad_alloc();
   return real(size);
 }
 
 TARN_TEST_EXPORT void *operator new[](size_t size) {
-  static const auto real = next_new<void *(*)(size_t)>("_Znam");
+  static const auto real = next_new<void *(*)(size_t)>(TARN_SIZE_MANGLE("_Zna", ""));
   if (allocation_fails()) throw std::bad_alloc();
   return real(size);
 }
 
 TARN_TEST_EXPORT void *operator new(size_t size, const std::nothrow_t &tag) noexcept {
-  static const auto real = next_new<void *(*)(size_t, const std::nothrow_t &)>("_ZnwmRKSt9nothrow_t");
+  static const auto real = next_new<void *(*)(size_t, const std::nothrow_t &)>(TARN_SIZE_MANGLE("_Znw", "RKSt9nothrow_t"));
   if (allocation_fails()) return nullptr;
   return real(size, tag);
 }
 
 TARN_TEST_EXPORT void *operator new[](size_t size, const std::nothrow_t &tag) noexcept {
-  static const auto real = next_new<void *(*)(size_t, const std::nothrow_t &)>("_ZnamRKSt9nothrow_t");
+  static const auto real = next_new<void *(*)(size_t, const std::nothrow_t &)>(TARN_SIZE_MANGLE("_Zna", "RKSt9nothrow_t"));
   if (allocation_fails()) return nullptr;
   return real(size, tag);
 }

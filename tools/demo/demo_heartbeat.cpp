@@ -77,7 +77,7 @@ int worker_main(int argc, char **argv) {
   long number = 0, type = 0, interval = 0, mode = 0, cmd_fd = -1, reply_fd = -1;
   if (argc != 8 || !parse_int(argv[2], 1, kWorkerCount, &number) ||
       !parse_int(argv[3], 1, 5, &type) || !parse_int(argv[4], 1, 59, &interval) ||
-      !parse_int(argv[5], 0, UINT32_MAX, &mode) || !parse_int(argv[6], 0, INT_MAX, &cmd_fd) ||
+      !parse_int(argv[5], 0, INT_MAX, &mode) || !parse_int(argv[6], 0, INT_MAX, &cmd_fd) ||
       !parse_int(argv[7], 0, INT_MAX, &reply_fd) || !is_pipe(cmd_fd) || !is_pipe(reply_fd)) {
     fprintf(stderr, "%s: --worker is used by the demo itself to start its workers\n", kProgram);
     return 2;
