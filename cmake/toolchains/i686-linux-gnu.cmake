@@ -8,9 +8,3 @@ set(TARN_CROSS_PROCESSOR i686)
 set(TARN_CROSS_QEMU qemu-i386)
 include(${CMAKE_CURRENT_LIST_DIR}/debian-cross.cmake)
 
-# qemu-i386 is a 64-bit process, so the kernel gives it 64-bit directory
-# offsets, which the 32-bit readdir of a build without large-file support
-# cannot hold (EOVERFLOW); an i686 kernel gives 32-bit ones, and the same
-# program passes there.
-list(APPEND TARN_TESTS_NOT_UNDER_QEMU
-  test_tarn_fs.FsTest.ListdirOfADirectoryEndingInASlashAddsNoSecondOne)

@@ -21,6 +21,19 @@
 
 #define TARN_TEST_EXPORT __attribute__((visibility("default")))
 
+// A 32-bit build with 64-bit file offsets (the libraries' own on such
+// targets) has headers that give open, openat, fopen, mmap and ftruncate the
+// symbols of their 64-bit-offset forms: the definitions below then take
+// those symbols, the next definition must be looked up by the same one, and
+// open64 and fopen64 are not defined a second time.
+#if defined(__USE_FILE_OFFSET64) && __WORDSIZE == 32
+#define TARN_OFFSET_SYMBOL(name) name "64"
+#define TARN_SEPARATE_OFFSET64_FORMS 0
+#else
+#define TARN_OFFSET_SYMBOL(name) name
+#define TARN_SEPARATE_OFFSET64_FORMS 1
+#endif
+
 namespace {
 
 using tarn_test::Call;
@@ -228,9 +241,10 @@ TARN_TEST_EXPORT int open(const char *path, int flags, ...) {
   va_start(args, flags);
   const mode_t mode = mode_argument(flags, args);
   va_end(args);
-  return open_with("open", path, flags, mode);
+  return open_with(TARN_OFFSET_SYMBOL("open"), path, flags, mode);
 }
 
+#if TARN_SEPARATE_OFFSET64_FORMS
 TARN_TEST_EXPORT int open64(const char *path, int flags, ...) {
   va_list args;
   va_start(args, flags);
@@ -238,6 +252,7 @@ TARN_TEST_EXPORT int open64(const char *path, int flags, ...) {
   va_end(args);
   return open_with("open64", path, flags, mode);
 }
+#endif
 
 TARN_TEST_EXPORT int openat(int dirfd, const char *path, int flags, ...) {
   va_list args;
@@ -248,15 +263,20 @@ TARN_TEST_EXPORT int openat(int dirfd, const char *path, int flags, ...) {
     errno = error;
     return -1;
   }
-  static const auto real = next_definition<int (*)(int, const char *, int, ...)>("openat");
+  using Openat = int (*)(int, const char *, int, ...);
+  static const auto real = next_definition<Openat>(TARN_OFFSET_SYMBOL("openat"));
   return real(dirfd, path, flags, mode);
 }
 
-TARN_TEST_EXPORT FILE *fopen(const char *path, const char *mode) { return fopen_with("fopen", path, mode); }
+TARN_TEST_EXPORT FILE *fopen(const char *path, const char *mode) {
+  return fopen_with(TARN_OFFSET_SYMBOL("fopen"), path, mode);
+}
 
+#if TARN_SEPARATE_OFFSET64_FORMS
 TARN_TEST_EXPORT FILE *fopen64(const char *path, const char *mode) {
   return fopen_with("fopen64", path, mode);
 }
+#endif
 
 TARN_TEST_EXPORT ssize_t read(int fd, void *buffer, size_t size) {
   if (const int error = fd_call(Call::kRead, fd)) {
@@ -322,7 +342,8 @@ TARN_TEST_EXPORT void *mmap(void *address, size_t length, int protection, int fl
       return MAP_FAILED;
     }
   }
-  static const auto real = next_definition<void *(*)(void *, size_t, int, int, int, off_t)>("mmap");
+  using Mmap = void *(*)(void *, size_t, int, int, int, off_t);
+  static const auto real = next_definition<Mmap>(TARN_OFFSET_SYMBOL("mmap"));
   return real(address, length, protection, flags, fd, offset);
 }
 
@@ -340,7 +361,7 @@ TARN_TEST_EXPORT int ftruncate(int fd, off_t length) noexcept {
     errno = error;
     return -1;
   }
-  static const auto real = next_definition<int (*)(int, off_t)>("ftruncate");
+  static const auto real = next_definition<int (*)(int, off_t)>(TARN_OFFSET_SYMBOL("ftruncate"));
   return real(fd, length);
 }
 
