@@ -51,6 +51,7 @@ extern "C" __attribute__((visibility("default"))) int uname(struct utsname *name
 
 namespace {
 
+using tarn_test::address_space;
 using tarn_test::fork_child;
 using tarn_test::monotonic_ms;
 using tarn_test::reap;
@@ -376,16 +377,6 @@ TEST(ShellExecute, AProgramThatClosedItsStandardStreamsStillCapturesOutput) {
   });
   ASSERT_GT(pid, 0);
   EXPECT_EQ(0, reap(pid));
-}
-
-// The address space that this process holds, in bytes.
-uint64_t address_space() {
-  FILE *statm = fopen("/proc/self/statm", "re");
-  if (statm == nullptr) return 0;
-  unsigned long long pages = 0;
-  const bool read = fscanf(statm, "%llu", &pages) == 1;
-  fclose(statm);
-  return read ? pages * (uint64_t)sysconf(_SC_PAGESIZE) : 0;
 }
 
 // Runs "echo x" through the shell in a child under a lowered limit (its

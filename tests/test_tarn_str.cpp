@@ -29,6 +29,7 @@ extern "C" __attribute__((visibility("default"))) const char *__asan_default_opt
 
 namespace {
 
+using tarn_test::address_space;
 using tarn_test::allocation_calls;
 using tarn_test::fail_allocation_after;
 using tarn_test::reset_fakes;
@@ -174,16 +175,6 @@ TEST_F(StrTest, StrdupCopiesIntoANewBlock) {
     EXPECT_STREQ(text, copy);
     tarn_free_(copy);
   }
-}
-
-// The address space that this process holds, in bytes.
-uint64_t address_space() {
-  FILE *statm = fopen("/proc/self/statm", "re");
-  if (statm == nullptr) return 0;
-  unsigned long long pages = 0;
-  const bool read = fscanf(statm, "%llu", &pages) == 1;
-  fclose(statm);
-  return read ? pages * (uint64_t)sysconf(_SC_PAGESIZE) : 0;
 }
 
 TEST_F(StrTest, StrdupThatCannotBeSatisfiedIsNullWithEnomem) {

@@ -247,4 +247,13 @@ int Peer::end_and_reap() {
   }
 }
 
+uint64_t address_space() {
+  FILE *statm = fopen("/proc/self/statm", "re");
+  if (statm == nullptr) return 0;
+  unsigned long long pages = 0;
+  const bool read = fscanf(statm, "%llu", &pages) == 1;
+  fclose(statm);
+  return read ? pages * (uint64_t)sysconf(_SC_PAGESIZE) : 0;
+}
+
 }  // namespace tarn_test

@@ -86,6 +86,11 @@ int reap(pid_t pid);
 
 void kill_and_reap(pid_t pid);
 
+// The address space that this process holds, in bytes; 0 when
+// /proc/self/statm cannot be read. A test that lowers RLIMIT_AS in a child
+// starts from it.
+uint64_t address_space();
+
 // A peer program started with pipes for its standard input and output and
 // driven by command lines: one command line in, one answer line out. End of
 // input, or the command "exit", ends it.
