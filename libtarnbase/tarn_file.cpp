@@ -82,6 +82,27 @@ TARNBASE_API int tarn_file_rename(const char *src, const char *dst) {
   return unlink(src) == 0 ? 0 : errno;
 }
 
+TARNBASE_API int tarn_file_open_regular(const char *path, unsigned long long max_bytes) {
+  if (is_empty(path)) {
+    errno = EINVAL;
+    return -1;
+  }
+  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  struct stat st;
+  int error = fstat(fd, &st) == 0 ? 0 : errno;
+  if (error == 0 && S_ISDIR(st.st_mode)) error = EISDIR;
+  if (error == 0 && !S_ISREG(st.st_mode)) error = EFTYPE;
+  if (error == 0 && (unsigned long long)st.st_size > max_bytes) error = EFBIG;
+  if (error == 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) error = errno;
+  if (error != 0) {
+    close(fd);
+    errno = error;
+    return -1;
+  }
+  return fd;
+}
+
 TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode) {
   char with_cloexec[16];
   if (is_empty(path) || is_empty(mode) || strlen(mode) > sizeof(with_cloexec) - 2) {

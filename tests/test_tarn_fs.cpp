@@ -489,6 +489,48 @@ TEST_F(FsTest, OpenFailuresGiveNullWithErrno) {
   EXPECT_EQ(0, tarn_path_is_exist_u(at("x").c_str()));
 }
 
+TEST_F(FsTest, OpenRegularGivesABlockingDescriptorForAFileWithinTheBound) {
+  write_file(at("record"), "0123456789");
+  const int fd = tarn_file_open_regular(at("record").c_str(), 10);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
+  EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+  char text[16] = {0};
+  EXPECT_EQ(10, read(fd, text, sizeof(text)));
+  EXPECT_STREQ("0123456789", text);
+  close(fd);
+  ASSERT_EQ(0, symlink(at("record").c_str(), at("link").c_str()));
+  const int through_link = tarn_file_open_regular(at("link").c_str(), 10);
+  EXPECT_GE(through_link, 0);
+  close(through_link);
+}
+
+TEST_F(FsTest, OpenRegularRefusesWhatIsNotARegularFileWithoutBlocking) {
+  ASSERT_EQ(0, mkfifo(at("fifo").c_str(), 0644));
+  ASSERT_EQ(0, symlink("/dev/zero", at("zero").c_str()));
+  make_dirs(at("dir"));
+  const struct {
+    std::string path;
+    unsigned long long bound;
+    int error;
+  } cases[] = {
+      {at("fifo"), 1 << 20, EFTYPE}, {at("zero"), 1 << 20, EFTYPE}, {at("dir"), 1 << 20, EISDIR},
+      {at("missing"), 1 << 20, ENOENT}, {"", 1 << 20, EINVAL},
+  };
+  for (const auto &c : cases) {
+    errno = 0;
+    EXPECT_EQ(-1, tarn_file_open_regular(c.path.c_str(), c.bound)) << c.path;
+    EXPECT_EQ(c.error, errno) << c.path;
+  }
+  errno = 0;
+  EXPECT_EQ(-1, tarn_file_open_regular(nullptr, 1));
+  EXPECT_EQ(EINVAL, errno);
+  write_file(at("record"), "0123456789");
+  errno = 0;
+  EXPECT_EQ(-1, tarn_file_open_regular(at("record").c_str(), 9));
+  EXPECT_EQ(EFBIG, errno);
+}
+
 TEST_F(FsTest, FullControlForAllUsersAddsReadAndWriteToFilesAndAllToDirectories) {
   ASSERT_TRUE(write_file(at("private"), "x"));
   ASSERT_EQ(0, chmod(at("private").c_str(), 0600));

@@ -10,6 +10,7 @@
 #ifndef TARN_FILE_H
 #define TARN_FILE_H
 
+#include <errno.h>
 #include <stdio.h>
 
 #include "tarn_base_api.h"
@@ -63,6 +64,21 @@ TARNBASE_API int tarn_file_rename(const char *src, const char *dst);
  * which the caller closes with fclose, or null with errno set (EINVAL for
  * a null or empty argument or a longer mode). */
 TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode);
+
+/* Opens path for reading, only when it is a regular file of at most
+ * max_bytes bytes: a reader given a FIFO, a device (a link to /dev/zero), a
+ * socket or a directory in place of a file must neither block nor read
+ * without end. The open itself cannot block (O_NONBLOCK, dropped again once
+ * fstat(2) shows a regular file); links are followed as open(2) does.
+ * Returns a descriptor, closed on exec, which the caller closes; or -1 with
+ * errno: EINVAL for a null or empty path, EISDIR for a directory, EFTYPE
+ * (defined below as ENODEV where the system has none) for any other kind
+ * that is not a regular file, EFBIG when the file is longer than max_bytes,
+ * else the errno of open(2) or fstat(2) (ENOENT, EACCES...). */
+#ifndef EFTYPE
+#define EFTYPE ENODEV
+#endif
+TARNBASE_API int tarn_file_open_regular(const char *path, unsigned long long max_bytes);
 
 /* Opens path to a user. user "" means every user: read and write
  * permission for owner, group and others are added to a file (0666 at
