@@ -42,11 +42,11 @@ TARNAUX_BEGIN_DECLS
  * symbolic link counts by what it points to), otherwise 0 (a missing path,
  * a device, a socket, a pipe). Reading the record logs at warn, each with
  * its own text: "get_apphome_path_main failed" (no app home), "flock file
- * failed <lock path>" (the record's lock cannot be taken), "load ini file
- * failed: <record path>" (the record cannot be loaded), "read <record path>
- * failed: missing section[<product>] field[install_path]" (no path
- * recorded); each of these is followed by "<product> get_production_install_path
- * failed!" at warn. When memory runs out while the path is copied, the
+ * failed <lock path>" (the record's lock cannot be taken), "read <record
+ * path> failed: missing section[<product>] field[install_path]" (no path
+ * recorded, also after "load ini file failed: <record path>" when the record
+ * cannot be loaded); each of these is followed by "<product>
+ * get_production_install_path failed!" at warn. When memory runs out while the path is copied, the
  * process logs "Out of memory" at fatal and ends with exit status 0.
  * product must not be null (it is not checked). */
 TARNAUX_API int32_t is_product_installed(const char *product);

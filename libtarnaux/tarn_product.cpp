@@ -128,10 +128,9 @@ char *tarn_product_get_install_path(const char *product) {
   TarnFileLock lock;
   if (!lock_ini_file(&lock, record)) return nullptr;
   TarnIniPtr ini(tarn_ini_file_load(record));
-  if (!ini) {
-    LOG(warn, "load ini file failed: %s\n", record);
-    return nullptr;
-  }
+  // A record that does not load holds no path either: both lines are
+  // logged, the second as for a product that is not in the record.
+  if (!ini) LOG(warn, "load ini file failed: %s\n", record);
   const char *value = tarn_ini_file_get(ini.get(), product, kInstallPathKey);
   if (value == nullptr) {
     LOG(warn, "read %s failed: missing section[%s] field[%s]\n", record, product, kInstallPathKey);

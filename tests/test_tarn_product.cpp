@@ -75,6 +75,17 @@ std::string not_recorded_message(const char *product) {
   return format("%s get_production_install_path failed!\n", product);
 }
 
+std::string unloadable_record_message() {
+  return format("load ini file failed: %s\n", kInskey.c_str());
+}
+
+// Every captured line as its level word, a space and its message.
+std::vector<std::string> leveled_lines() {
+  std::vector<std::string> lines;
+  for (const tarn_test::LogLine &line : tarn_test::logs()) lines.push_back(line.word + " " + line.message);
+  return lines;
+}
+
 // The events of copies only.
 std::vector<std::string> copies() {
   std::vector<std::string> found;
@@ -151,10 +162,22 @@ TEST_F(ProductTest, InstallPathOfAProductWithoutTheKeyIsNull) {
   EXPECT_EQ(lock_events(kInskeyLock), tarn_test::file_events());
 }
 
-TEST_F(ProductTest, InstallPathOfAMissingRecordIsNull) {
+TEST_F(ProductTest, InstallPathOfAMissingRecordIsNullAndNamesTheMissingField) {
+  // The reader goes on past the failed load and finds no value in it.
   EXPECT_EQ(nullptr, install_path("edr"));
-  EXPECT_EQ(std::vector<std::string>{format("load ini file failed: %s\n", kInskey.c_str())},
-            messages("warn"));
+  EXPECT_EQ((std::vector<std::string>{"warn " + unloadable_record_message(),
+                                      "warn " + missing_path_message("edr")}),
+            leveled_lines());
+  EXPECT_EQ(lock_events(kInskeyLock), tarn_test::file_events());
+  EXPECT_FALSE(tarn_test::lock_is_held(kInskeyLock));
+}
+
+TEST_F(ProductTest, InstallPathOfAMalformedRecordIsNullAndNamesTheMissingField) {
+  ASSERT_TRUE(write_file(kInskey, "[edr\ninstall_path=/opt/velmora/edr\n"));
+  EXPECT_EQ(nullptr, install_path("edr"));
+  EXPECT_EQ((std::vector<std::string>{"warn " + unloadable_record_message(),
+                                      "warn " + missing_path_message("edr")}),
+            leveled_lines());
   EXPECT_EQ(lock_events(kInskeyLock), tarn_test::file_events());
 }
 
@@ -269,6 +292,15 @@ TEST_F(ProductTest, AProductWithoutARecordedPathIsNotInstalled) {
   EXPECT_EQ(0, is_product_installed("firewall"));
   EXPECT_EQ((std::vector<std::string>{missing_path_message("firewall"), not_recorded_message("firewall")}),
             messages("warn"));
+}
+
+TEST_F(ProductTest, NoProductIsInstalledWithoutAnInstallRecord) {
+  EXPECT_EQ(0, is_product_installed("edr"));
+  EXPECT_EQ((std::vector<std::string>{"warn " + unloadable_record_message(),
+                                      "warn " + missing_path_message("edr"),
+                                      "warn " + not_recorded_message("edr")}),
+            leveled_lines());
+  EXPECT_EQ(lock_events(kInskeyLock), tarn_test::file_events());
 }
 
 TEST_F(ProductTest, NoProductIsInstalledWithoutAnAppHome) {
