@@ -25,16 +25,16 @@
 namespace {
 
 // Allocations that have no error return end the process, as the agent's
-// processes expect.
-void *zero_slots(size_t count, size_t size) {
+// processes expect; the fatal line names the caller's place (site).
+void *zero_slots(size_t count, size_t size, log_site site) {
   void *slots = tarn_zero_malloc_(count * size);
-  if (slots == nullptr) LOG_OUT_OF_MEMORY();
+  if (slots == nullptr) log_out_of_memory(site);
   return slots;
 }
 
-char *copy_text(const char *text) {
+char *copy_text(const char *text, log_site site) {
   char *copy = tarn_strdup(text);
-  if (copy == nullptr) LOG_OUT_OF_MEMORY();
+  if (copy == nullptr) log_out_of_memory(site);
   return copy;
 }
 
@@ -88,14 +88,22 @@ bool file_entry(const json_t *entry, const char **name, const char **sha256) {
 // entry is stored at the slot of its JSON index: a skipped entry leaves an
 // empty slot and the count counts the stored entries only.
 
-void load_strings(const json_t *array, char ***slots, uint32_t *count) {
+// The slots for the entries of a JSON array of strings; null when it has
+// none.
+char **string_slots(const json_t *array, log_site site) {
   const size_t size = qiv_json_array_size_ejs(array);
-  if (size == 0) return;
-  *slots = static_cast<char **>(zero_slots(size, sizeof(char *)));
+  if (size == 0) return nullptr;
+  return static_cast<char **>(zero_slots(size, sizeof(char *), site));
+}
+
+// Copies the strings of the JSON array into slots (from string_slots), each
+// at its index.
+void load_strings(const json_t *array, char **slots, uint32_t *count, log_site site) {
+  const size_t size = qiv_json_array_size_ejs(array);
   for (size_t i = 0; i < size; ++i) {
     const char *text = qiv_json_string_value_ejs(qiv_json_array_get_ejs(array, i));
     if (text == nullptr) continue;
-    (*slots)[i] = copy_text(text);
+    slots[i] = copy_text(text, site);
     ++*count;
   }
 }
@@ -107,12 +115,13 @@ uint32_t load_depends(const json_t *array, const char *version, com_info_var *in
   if (size == 0) return 0;
   // Sized as component records, larger than the entries need; the entries
   // are indexed as com_depend.
-  info->depends = static_cast<com_depend *>(zero_slots(size, sizeof(com_info_var)));
+  info->depends =
+      static_cast<com_depend *>(zero_slots(size, sizeof(com_info_var), OUT_OF_MEMORY_HERE));
   for (size_t i = 0; i < size; ++i) {
     const char *name = qiv_json_string_value_ejs(qiv_json_array_get_ejs(array, i));
     if (name == nullptr) continue;
     com_depend &entry = info->depends[i];
-    entry.name = copy_text(name);
+    entry.name = copy_text(name, OUT_OF_MEMORY_HERE);
     // Counted with its name, so that freeing the record after a failed
     // parse below frees the name too.
     ++info->depend_count;
@@ -127,13 +136,13 @@ uint32_t load_depends(const json_t *array, const char *version, com_info_var *in
 uint32_t load_files(const json_t *array, com_info_var *info) {
   const size_t size = qiv_json_array_size_ejs(array);
   if (size == 0) return 1;
-  info->files = static_cast<com_file *>(zero_slots(size, sizeof(com_file)));
+  info->files = static_cast<com_file *>(zero_slots(size, sizeof(com_file), OUT_OF_MEMORY_HERE));
   for (size_t i = 0; i < size; ++i) {
     const char *name = nullptr;
     const char *sha256 = nullptr;
     if (!file_entry(qiv_json_array_get_ejs(array, i), &name, &sha256)) continue;
-    info->files[i].name = copy_text(name);
-    info->files[i].sha256 = copy_text(sha256);
+    info->files[i].name = copy_text(name, OUT_OF_MEMORY_HERE);
+    info->files[i].sha256 = copy_text(sha256, OUT_OF_MEMORY_HERE);
     ++info->file_count;
   }
   return 0;
@@ -146,11 +155,15 @@ uint32_t fill_com_info(const json_t *root, const char *path, com_info_var *info)
   const char *package = nullptr;
   const char *version = nullptr;
   if (!name_and_version(root, path, &package, &version)) return 1;
-  info->package = copy_text(package);
+  info->package = copy_text(package, OUT_OF_MEMORY_HERE);
   if (!parse_version(version, &info->version)) return 1;
   info->requirement = member_is_true(root, "requirement");
-  load_strings(member(root, "arch"), &info->archs, &info->arch_count);
-  load_strings(member(root, "platform"), &info->platforms, &info->platform_count);
+  const json_t *archs = member(root, "arch");
+  info->archs = string_slots(archs, OUT_OF_MEMORY_HERE);
+  load_strings(archs, info->archs, &info->arch_count, OUT_OF_MEMORY_HERE);
+  const json_t *platforms = member(root, "platform");
+  info->platforms = string_slots(platforms, OUT_OF_MEMORY_HERE);
+  load_strings(platforms, info->platforms, &info->platform_count, OUT_OF_MEMORY_HERE);
   load_plat_support_info(member(root, "platform_version"), info);
   if (load_depends(member(root, "depends"), version, info) != 0) return 1;
   // Cut to 32 bits; 0 when absent or not an integer.
@@ -231,7 +244,7 @@ int collect_manifest(int type, const char *path, void *user) {
     LOG(warn, "too many manifests, %s ignored\n", path);
     return 0;
   }
-  found->paths[found->count++] = copy_text(path);
+  found->paths[found->count++] = copy_text(path, OUT_OF_MEMORY_HERE);
   return 0;
 }
 
@@ -244,7 +257,7 @@ bool load_local_manifest(const char *path, com_depend *entry) {
   const char *package = nullptr;
   const char *version = nullptr;
   if (!name_and_version(tree.get(), path, &package, &version)) return false;
-  entry->name = copy_text(package);
+  entry->name = copy_text(package, OUT_OF_MEMORY_HERE);
   if (parse_version(version, &entry->version)) return true;
   tarn_free_(entry->name);
   entry->name = nullptr;
@@ -422,7 +435,8 @@ TARNAUX_API uint32_t load_local_pack(const char *dir, com_list_var *list) {
   (void)tarn_dirutils_listdir(path, &found, collect_manifest);
   if (found.count == 0) return 1;
 
-  auto *items = static_cast<com_depend *>(zero_slots(found.count, sizeof(com_depend)));
+  auto *items =
+      static_cast<com_depend *>(zero_slots(found.count, sizeof(com_depend), OUT_OF_MEMORY_HERE));
   uint32_t stored = 0;
   for (uint32_t i = 0; i < found.count; ++i) {
     if (load_local_manifest(found.paths[i], &items[stored])) ++stored;
@@ -480,9 +494,9 @@ TARNAUX_API char *generate_new_name(const char *previous) {
     memset(text, 0, sizeof(text));
     if (tarn_uuid_create(&uuid) != 0 || tarn_uuid_make_cstr(&uuid, text, sizeof(text)) != 0) continue;
     if (previous != nullptr && strncmp(text, previous, kNameLength) == 0) continue;
-    return copy_text(text);
+    return copy_text(text, OUT_OF_MEMORY_HERE);
   }
-  return copy_text(COM_INFO_FALLBACK_NAME);
+  return copy_text(COM_INFO_FALLBACK_NAME, OUT_OF_MEMORY_HERE);
 }
 
 }  // extern "C"

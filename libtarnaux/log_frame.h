@@ -19,7 +19,12 @@
  *
  * LOG_OUT_OF_MEMORY() logs "Out of memory" at fatal and ends the process
  * with status 0, which is what the agent's processes expect; it is used
- * where an allocation fails at a place that has no error return.
+ * where an allocation fails at a place that has no error return. The line
+ * names the place: every allocation that can end the process this way has
+ * its own line. A helper that allocates on its callers' behalf takes their
+ * place (OUT_OF_MEMORY_HERE, a log_site) and ends the process with
+ * log_out_of_memory(site), so that the line names the caller's allocation
+ * and not the helper.
  */
 #ifndef TARNAUX_LOG_FRAME_H
 #define TARNAUX_LOG_FRAME_H
@@ -147,7 +152,8 @@ static inline bool log_passes_gate(bool gated, uint32_t number) {
   return !gated || tarn_log_level_get() >= number;
 }
 
-#define LOG_EMIT_(word, number, gated, fmt, ...)                                                   \
+/* A statement that names the source file file_name and the line line. */
+#define LOG_EMIT_AT_(word, number, gated, file_name, line, fmt, ...)                                \
   do {                                                                                             \
     log_ensure_registered();                                                                       \
     char log_time_[LOG_TIME_BUFFER_SIZE];                                                          \
@@ -157,10 +163,12 @@ static inline bool log_passes_gate(bool gated, uint32_t number) {
       long long log_tid_ = (long long)syscall(SYS_gettid);                                         \
       int log_pid_ = (int)getpid();                                                                \
       tarn_log_output((number), "[%s] [" word "] [pid:%d] [tid:%lld] %s [%s:%d] " fmt, log_time_, \
-                      log_pid_, log_tid_, LOG_MODULE_TAG, log_base_name(__FILE__), __LINE__,       \
-                      ##__VA_ARGS__);                                                              \
+                      log_pid_, log_tid_, LOG_MODULE_TAG, (file_name), (line), ##__VA_ARGS__);     \
     }                                                                                              \
   } while (0)
+
+#define LOG_EMIT_(word, number, gated, fmt, ...) \
+  LOG_EMIT_AT_(word, number, gated, log_base_name(__FILE__), __LINE__, fmt, ##__VA_ARGS__)
 
 #define LOG_fatal(fmt, ...) LOG_EMIT_("fatal", 0, false, fmt, ##__VA_ARGS__)
 #define LOG_error(fmt, ...) LOG_EMIT_("error", 0, false, fmt, ##__VA_ARGS__)
@@ -174,10 +182,19 @@ static inline bool log_passes_gate(bool gated, uint32_t number) {
     if (!(condition)) LOG(warn, "expr[%s] false! " fmt, #condition, ##__VA_ARGS__);                \
   } while (0)
 
-#define LOG_OUT_OF_MEMORY()                                                                        \
-  do {                                                                                             \
-    LOG(fatal, "Out of memory\n");                                                                 \
-    exit(0);                                                                                       \
-  } while (0)
+/* A place in a source file: the one that an "Out of memory" line names. */
+struct log_site {
+  const char *path; /* __FILE__; the line shows its last component */
+  int line;
+};
+
+#define OUT_OF_MEMORY_HERE (log_site{__FILE__, __LINE__})
+
+[[noreturn]] static inline void log_out_of_memory(log_site site) {
+  LOG_EMIT_AT_("fatal", 0, false, log_base_name(site.path), site.line, "Out of memory\n");
+  exit(0);
+}
+
+#define LOG_OUT_OF_MEMORY() log_out_of_memory(OUT_OF_MEMORY_HERE)
 
 #endif

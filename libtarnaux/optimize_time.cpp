@@ -45,12 +45,12 @@ void free_probe(void *element) {
   tarn_free_(probe);
 }
 
-// Ends the process for want of memory, first freeing a probe that no
-// container holds yet, so that a leak checker run at exit finds nothing
-// lost (what the containers hold stays reachable to the end).
-[[noreturn]] void out_of_memory(Probe *unheld) {
+// Ends the process for want of memory at the caller's place, first freeing
+// a probe that no container holds yet, so that a leak checker run at exit
+// finds nothing lost (what the containers hold stays reachable to the end).
+[[noreturn]] void out_of_memory(log_site site, Probe *unheld) {
   free_probe(unheld);
-  LOG_OUT_OF_MEMORY();
+  log_out_of_memory(site);
 }
 
 char *copy_name(const char *name) {
@@ -70,13 +70,13 @@ extern "C" {
 TARNAUX_API void tarnaux_optimize_time_init(void) {
   if (g_running == nullptr) {
     g_running = tarn_xhash_create(0, nullptr);
-    if (g_running == nullptr) out_of_memory(nullptr);
+    if (g_running == nullptr) out_of_memory(OUT_OF_MEMORY_HERE, nullptr);
   }
   if (g_stack == nullptr && tarn_vector_create(&g_stack, kStackCapacity) != 0) {
-    out_of_memory(nullptr);
+    out_of_memory(OUT_OF_MEMORY_HERE, nullptr);
   }
   if (g_probes == nullptr && tarn_vector_create(&g_probes, kListCapacity) != 0) {
-    out_of_memory(nullptr);
+    out_of_memory(OUT_OF_MEMORY_HERE, nullptr);
   }
 }
 
@@ -99,13 +99,15 @@ TARNAUX_API void tarnaux_optimize_time_start(const char *name) {
   }
 
   Probe *probe = static_cast<Probe *>(tarn_zero_malloc_(sizeof(Probe)));
-  if (probe == nullptr) out_of_memory(nullptr);
+  if (probe == nullptr) out_of_memory(OUT_OF_MEMORY_HERE, nullptr);
   probe->name = copy_name(name);
-  if (probe->name == nullptr) out_of_memory(probe);
-  if (tarn_vector_push_back(g_stack, probe) != 0) out_of_memory(probe);
-  if (tarn_vector_push_back(g_probes, probe) != 0) out_of_memory(nullptr);
+  if (probe->name == nullptr) out_of_memory(OUT_OF_MEMORY_HERE, probe);
+  if (tarn_vector_push_back(g_stack, probe) != 0) out_of_memory(OUT_OF_MEMORY_HERE, probe);
+  if (tarn_vector_push_back(g_probes, probe) != 0) out_of_memory(OUT_OF_MEMORY_HERE, nullptr);
   probe->depth = (uint32_t)(tarn_vector_size(g_stack) - 1);
-  if (tarn_xhash_insert(g_running, name, key_length(name), probe) != 0) out_of_memory(nullptr);
+  if (tarn_xhash_insert(g_running, name, key_length(name), probe) != 0) {
+    out_of_memory(OUT_OF_MEMORY_HERE, nullptr);
+  }
   probe->start_tick = tarn_time_get_tick_cout();
 }
 
