@@ -29,7 +29,13 @@
  *
  * Ownership. Every pointer in a record or list is owned by it and released
  * by free_com_info_var or free_com_list_var; the record or list structure
- * itself belongs to the caller.
+ * itself belongs to the caller. A structure copied by value (a loaded
+ * record put into a list, say) shares its pointers with the original: free
+ * exactly one of the two, once. Release the arrays of a loaded record only
+ * through these functions, never with tarn_free_: the library remembers
+ * them (see free_com_info_var) until they are freed through it, and a
+ * memory of an array freed otherwise could mislead it about a later array
+ * that the allocator places at the same address.
  *
  * Results of the digest lookup and tarn_apphome_path_cat_auto are codes of
  * the family in kep_result.h. Messages named below are logged through the
@@ -89,9 +95,9 @@ typedef struct com_list_var {
  * record that still owns memory must be freed before it is passed. The
  * record keeps no reference to the manifest's JSON tree, which is released
  * before the call returns. Returns 0 on success, 1 on failure, and then
- * *info is freed with free_com_info_var (its pointers and counts are zero;
- * plain fields read before the failure, such as scripts_skippable or the
- * version, keep their values):
+ * *info is freed as free_com_info_var frees it (its pointers and counts are
+ * zero; plain fields read before the failure, such as scripts_skippable or
+ * the version, keep their values):
  * - path or info null (nothing logged, *info untouched);
  * - the manifest does not load: warn "load plugin config: %s failed";
  * - no "package" or "version" string: warn "get package name or version
@@ -105,12 +111,16 @@ typedef struct com_list_var {
 TARNAUX_API uint32_t load_com_info(const char *path, com_info_var *info);
 
 /* Frees every member that *info owns and zeroes the pointers and counts;
- * the plain fields (version, flags, arch_bind) are left as they are. Each
- * array's stored entries are its non-empty slots, count of them: the walk
- * goes on past an empty slot until it has freed count entries, so entries
- * that stand past the count (see Slots) are freed too. A record built by
- * hand must therefore hold exactly count non-empty slots in each array.
- * Null is ignored; a freed record may be freed again. */
+ * the plain fields (version, flags, arch_bind) are left as they are. Null
+ * is ignored; a freed record may be freed again.
+ * Each array is visited below its count only, skipping empty slots:
+ * whatever a slot from the count on holds (in a record built by hand) is
+ * never read and stays the caller's. The one exception is an array that
+ * load_com_info allocated with an empty slot, whose entries may stand past
+ * the count (see Slots): the library remembers such arrays, by address,
+ * with their full length, from the load until they are freed here, and
+ * frees every entry of them up to that length. Records may be loaded and
+ * freed on any thread; for copies of a record see Ownership above. */
 TARNAUX_API void free_com_info_var(com_info_var *info);
 
 /* Frees the entries of *list below count (the name of each com_depend when

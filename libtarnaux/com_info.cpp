@@ -9,6 +9,9 @@
 
 #include <string.h>
 
+#include <array>
+#include <mutex>
+
 #include <qiv_ejs/qiv_ejs.h>
 #include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_mem.h>
@@ -172,27 +175,123 @@ uint32_t fill_com_info(const json_t *root, const char *path, com_info_var *info)
   return load_files(member(root, "files"), info);
 }
 
-// Frees the stored entries of an array of slots and the array, and zeroes
-// its pointer and count. The stored entries are the non-empty slots, and
-// there are count of them; because a skipped entry leaves an empty slot,
-// some may stand past the count, so the walk goes on until it has met count
-// of them (the last one is inside the array). free_entry frees an entry's
-// members and tells whether the slot held one.
-template <typename Entry, typename FreeEntry>
-void free_slots(Entry *&slots, uint32_t &count, FreeEntry free_entry) {
-  if (slots != nullptr) {
-    for (uint32_t i = 0, found = 0; found < count; ++i) {
-      if (free_entry(slots[i])) ++found;
+// ---- Freeing records ----
+//
+// A loaded record's array may hold entries past its count (after an empty
+// slot), which a walk of the slots below the count would leave behind. A
+// record built by hand, though, may own nothing from its count on. So the
+// loader notes, by address, each array it made that has an empty slot, with
+// the number of slots it was given; freeing visits every slot of a noted
+// array (and drops the note) and only the slots below the count of any
+// other. The notes are process-wide and guarded by a mutex: records are
+// loaded and freed on any thread.
+
+enum RecordArray { kPlatforms, kArchs, kDepends, kFiles, kRecordArrays };
+
+// One number per array of a record.
+using ArrayCounts = std::array<uint32_t, kRecordArrays>;
+
+std::array<const void *, kRecordArrays> arrays_of(const com_info_var &info) {
+  return {info.platforms, info.archs, info.depends, info.files};
+}
+
+ArrayCounts counts_of(const com_info_var &info) {
+  return {info.platform_count, info.arch_count, info.depend_count, info.file_count};
+}
+
+// The slots that the loader gives each array: the length of its JSON array.
+ArrayCounts slot_capacities(const json_t *root) {
+  ArrayCounts capacity;
+  const char *const keys[kRecordArrays] = {"platform", "arch", "depends", "files"};
+  for (size_t i = 0; i < kRecordArrays; ++i) {
+    capacity[i] = (uint32_t)qiv_json_array_size_ejs(member(root, keys[i]));
+  }
+  return capacity;
+}
+
+// The noted arrays of one loaded record; an entry is null when that array
+// was not noted or has been freed since.
+struct LoadedArrays {
+  const void *slots[kRecordArrays];
+  uint32_t capacity[kRecordArrays];
+  LoadedArrays *next;
+};
+
+std::mutex g_loaded_mutex;
+LoadedArrays *g_loaded = nullptr;  // guarded by g_loaded_mutex
+
+// Notes the arrays of the record just loaded that have an empty slot, with
+// their capacities.
+void note_loaded_arrays(const com_info_var &info, const ArrayCounts &capacity) {
+  const auto arrays = arrays_of(info);
+  const ArrayCounts counts = counts_of(info);
+  bool any = false;
+  for (size_t i = 0; i < kRecordArrays; ++i) {
+    any = any || (arrays[i] != nullptr && counts[i] < capacity[i]);
+  }
+  if (!any) return;
+  auto *note = static_cast<LoadedArrays *>(tarn_zero_malloc_(sizeof(LoadedArrays)));
+  if (note == nullptr) LOG_OUT_OF_MEMORY();
+  for (size_t i = 0; i < kRecordArrays; ++i) {
+    if (arrays[i] == nullptr || counts[i] == capacity[i]) continue;
+    note->slots[i] = arrays[i];
+    note->capacity[i] = capacity[i];
+  }
+  const std::lock_guard<std::mutex> lock(g_loaded_mutex);
+  note->next = g_loaded;
+  g_loaded = note;
+}
+
+// How many slots of each array of info to visit when it is freed: every
+// slot of a noted array, whose note is dropped, and the slots below the
+// count of any other.
+ArrayCounts slots_to_free(const com_info_var &info) {
+  const auto arrays = arrays_of(info);
+  ArrayCounts visit = counts_of(info);
+  const std::lock_guard<std::mutex> lock(g_loaded_mutex);
+  for (LoadedArrays **link = &g_loaded; *link != nullptr;) {
+    LoadedArrays *note = *link;
+    bool noted = false;
+    for (size_t i = 0; i < kRecordArrays; ++i) {
+      if (arrays[i] != nullptr && note->slots[i] == arrays[i]) {
+        visit[i] = note->capacity[i];
+        note->slots[i] = nullptr;
+      }
+      noted = noted || note->slots[i] != nullptr;
     }
+    if (noted) {
+      link = &note->next;
+    } else {
+      *link = note->next;
+      tarn_free_(note);
+    }
+  }
+  return visit;
+}
+
+// Frees the entries in the first `visit` slots of an array and the array,
+// and zeroes its pointer and count.
+template <typename Entry, typename FreeEntry>
+void free_slots(Entry *&slots, uint32_t &count, uint32_t visit, FreeEntry free_entry) {
+  if (slots != nullptr) {
+    for (uint32_t i = 0; i < visit; ++i) free_entry(slots[i]);
   }
   tarn_free_(slots);
   slots = nullptr;
   count = 0;
 }
 
-bool free_string(char *text) {
-  tarn_free_(text);
-  return text != nullptr;
+void free_record(com_info_var *info, const ArrayCounts &visit) {
+  tarn_free_(info->package);
+  info->package = nullptr;
+  free_slots(info->platforms, info->platform_count, visit[kPlatforms], tarn_free_);
+  free_slots(info->archs, info->arch_count, visit[kArchs], tarn_free_);
+  free_slots(info->depends, info->depend_count, visit[kDepends],
+             [](com_depend &entry) { tarn_free_(entry.name); });
+  free_slots(info->files, info->file_count, visit[kFiles], [](com_file &entry) {
+    tarn_free_(entry.name);
+    tarn_free_(entry.sha256);
+  });
 }
 
 // The first entry of "files" named file_name: its digest, or null. The walk
@@ -302,27 +401,18 @@ TARNAUX_API uint32_t load_com_info(const char *path, com_info_var *info) {
   // path, success included.
   const JsonTree tree(load_manifest(path));
   if (!tree) return 1;
+  const ArrayCounts capacity = slot_capacities(tree.get());
   if (fill_com_info(tree.get(), path, info) != 0) {
-    free_com_info_var(info);
+    free_record(info, capacity);
     return 1;
   }
+  note_loaded_arrays(*info, capacity);
   return 0;
 }
 
 TARNAUX_API void free_com_info_var(com_info_var *info) {
   if (info == nullptr) return;
-  tarn_free_(info->package);
-  info->package = nullptr;
-  free_slots(info->platforms, info->platform_count, free_string);
-  free_slots(info->archs, info->arch_count, free_string);
-  free_slots(info->depends, info->depend_count,
-             [](com_depend &entry) { return free_string(entry.name); });
-  free_slots(info->files, info->file_count, [](com_file &entry) {
-    const bool stored = entry.name != nullptr || entry.sha256 != nullptr;
-    tarn_free_(entry.name);
-    tarn_free_(entry.sha256);
-    return stored;
-  });
+  free_record(info, slots_to_free(*info));
 }
 
 TARNAUX_API void free_com_list_var(com_list_var *list) {

@@ -20,6 +20,7 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,19 @@
 #include "reset_test.h"
 #include "split_faults.h"
 #include "tarn_utils.h"
+
+// The blocks that the library's objects linked into this program (and the
+// test) hand to tarn_free_ while g_watch_frees is set, to see what freeing a
+// record releases.
+namespace {
+bool g_watch_frees = false;
+std::set<const void *> g_freed;
+}  // namespace
+
+extern "C" void tarn_free_(void *block) {
+  if (g_watch_frees && block != nullptr) g_freed.insert(block);
+  tarn_test::next_definition<void (*)(void *)>("tarn_free_")(block);
+}
 
 namespace {
 
@@ -181,6 +195,8 @@ class ManifestTest : public ::testing::Test {
   static void reset() {
     tarn_test::reset_fakes();
     tarn_test::clear_split_faults();
+    g_watch_frees = false;
+    g_freed.clear();
   }
 
   // Seals json as <name>.ejs in the scratch directory and returns its path.
@@ -599,20 +615,124 @@ TEST_F(ManifestTest, FreeIgnoresNullAndZeroesPointersAndCountsButNotThePlainFiel
   EXPECT_NO_LINES();
 }
 
+// A manifest whose every array has an empty slot before a stored entry,
+// which stands past the count: slot 1 of each array.
+constexpr char kPastTheCount[] =
+    R"({"package":"p","version":"1.0.0","arch":[1,"x64"],"platform":[null,"uos"],)"
+    R"("depends":[0,"d"],"files":[{"name":"a"},{"name":"b","sha256":"x"}]})";
+
+// The blocks that stand past the counts of a record loaded from
+// kPastTheCount.
+std::set<const void *> past_the_count(const com_info_var &info) {
+  return {info.archs[1], info.platforms[1], info.depends[1].name, info.files[1].name,
+          info.files[1].sha256};
+}
+
+// Whether every block of `blocks` was freed while watched.
+::testing::AssertionResult all_freed(const std::set<const void *> &blocks) {
+  for (const void *block : blocks) {
+    if (g_freed.count(block) == 0) return ::testing::AssertionFailure() << block << " was not freed";
+  }
+  return ::testing::AssertionSuccess();
+}
+
 TEST_F(ManifestTest, FreeReleasesEntriesThatStandPastTheCount) {
-  // Every array has an empty slot before a stored entry; the sanitizer
-  // build reports any entry left unfreed.
+  // What the load allocated is all freed, the entries past the counts too
+  // (the sanitizer build's leak checker agrees).
   Record record;
-  ASSERT_EQ(load(R"({"package":"p","version":"1.0.0","arch":[1,"x64"],"platform":[null,"uos"],)"
-                 R"("depends":[0,"d"],"files":[{"name":"a"},{"name":"b","sha256":"x"}]})",
-                 &record),
-            0u);
-  ASSERT_STREQ(record.info.archs[1], "x64");
-  ASSERT_STREQ(record.info.platforms[1], "uos");
-  ASSERT_STREQ(record.info.depends[1].name, "d");
-  ASSERT_STREQ(record.info.files[1].name, "b");
+  const unsigned before = tarn_test::allocation_calls();
+  ASSERT_EQ(load(kPastTheCount, &record), 0u);
+  const unsigned allocated = tarn_test::allocation_calls() - before;
+  const com_info_var &info = record.info;
+  ASSERT_EQ(info.arch_count, 1u);
+  ASSERT_STREQ(info.archs[1], "x64");
+  ASSERT_STREQ(info.platforms[1], "uos");
+  ASSERT_STREQ(info.depends[1].name, "d");
+  ASSERT_STREQ(info.files[1].name, "b");
+  const std::set<const void *> past = past_the_count(info);
+  g_watch_frees = true;
   free_com_info_var(&record.info);
+  g_watch_frees = false;
   EXPECT_TRUE(holds_nothing(record.info));
+  EXPECT_TRUE(all_freed(past));
+  EXPECT_EQ(g_freed.size(), allocated);
+  // Freed again: nothing is left to free.
+  g_freed.clear();
+  g_watch_frees = true;
+  free_com_info_var(&record.info);
+  g_watch_frees = false;
+  EXPECT_TRUE(g_freed.empty());
+  EXPECT_NO_LINES();
+}
+
+TEST_F(ManifestTest, FreeOfARecordBuiltByHandVisitsOnlyTheSlotsBelowTheCounts) {
+  // Each array has an empty slot below its count of 1 and, past the count,
+  // a pointer that the record does not own: a buffer on the stack, which
+  // free() refuses by aborting, or a string the caller keeps.
+  enum Outcome { kReturned = 3, kFreedPastTheCount = 4, kChanged = 5, kNotZeroed = 6 };
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child([] {
+    char on_stack[] = "the caller's buffer";
+    char *kept = tarn_strdup("the caller's string");
+    com_info_var info;
+    memset(&info, 0, sizeof(info));
+    info.archs = static_cast<char **>(tarn_zero_malloc_(4 * sizeof(char *)));
+    info.archs[3] = on_stack;
+    info.arch_count = 1;
+    info.platforms = static_cast<char **>(tarn_zero_malloc_(3 * sizeof(char *)));
+    info.platforms[2] = kept;
+    info.platform_count = 1;
+    info.depends = static_cast<com_depend *>(tarn_zero_malloc_(2 * sizeof(com_depend)));
+    info.depends[1].name = kept;
+    info.depend_count = 1;
+    info.files = static_cast<com_file *>(tarn_zero_malloc_(2 * sizeof(com_file)));
+    info.files[1].name = on_stack;
+    info.files[1].sha256 = kept;
+    info.file_count = 1;
+    g_watch_frees = true;
+    free_com_info_var(&info);
+    g_watch_frees = false;
+    if (g_freed.count(on_stack) != 0 || g_freed.count(kept) != 0) tarn_test::end_child(kFreedPastTheCount);
+    if (strcmp(on_stack, "the caller's buffer") != 0 || strcmp(kept, "the caller's string") != 0) {
+      tarn_test::end_child(kChanged);
+    }
+    if (!holds_nothing(info)) tarn_test::end_child(kNotZeroed);
+    tarn_free_(kept);
+  });
+  ASSERT_TRUE(outcome.exited) << "signal " << outcome.signal;
+  EXPECT_EQ(outcome.exit_status, kReturned)
+      << "4: a pointer past a count was freed, 5: what it points to changed, 6: not zeroed";
+  EXPECT_TRUE(outcome.lines.empty());
+}
+
+TEST_F(ManifestTest, FreeOfALoadedRecordForgetsItsArrays) {
+  // Once freed, a loaded array's address means nothing more: an array built
+  // by hand at the same address is walked below its count only. (Where the
+  // allocator hands the block out again at once, as glibc's does, this
+  // checks it; otherwise the hand-built array merely lies elsewhere.)
+  Record record;
+  ASSERT_EQ(load(manifest_with(R"(,"arch":[1,"x64"])"), &record), 0u);
+  const void *loaded_archs = record.info.archs;
+  free_com_info_var(&record.info);
+
+  std::vector<char **> blocks;  // arrays of two slots, until one reuses the address
+  for (int i = 0; i < 8 && (blocks.empty() || blocks.back() != loaded_archs); ++i) {
+    blocks.push_back(static_cast<char **>(tarn_zero_malloc_(2 * sizeof(char *))));
+  }
+  char *kept = tarn_strdup("the caller's string");
+  com_info_var info;
+  memset(&info, 0, sizeof(info));
+  info.archs = blocks.back();
+  blocks.pop_back();
+  info.archs[1] = kept;
+  info.arch_count = 1;
+  const bool reused = info.archs == loaded_archs;
+  g_watch_frees = true;
+  free_com_info_var(&info);
+  g_watch_frees = false;
+  EXPECT_EQ(g_freed.count(kept), 0u) << (reused ? "at the loaded array's address" : "elsewhere");
+  EXPECT_STREQ(kept, "the caller's string");
+  tarn_free_(kept);
+  for (char **block : blocks) tarn_free_(block);
 }
 
 // A record built by hand, as callers that assemble lists do: one stored
@@ -672,6 +792,36 @@ TEST_F(ManifestTest, FreeListOfComponentRecordsFreesEachRecordAndTheArray) {
     EXPECT_EQ(list.count, 0u) << kind;
     EXPECT_EQ(list.kind, kind);
   }
+  EXPECT_NO_LINES();
+}
+
+TEST_F(ManifestTest, FreeListFreesEntriesPastTheCountOfLoadedRecordsCopiedIntoIt) {
+  // Records loaded on their own and copied into the list by value: the
+  // copies own the arrays now, and only the list is freed.
+  const std::string path = manifest(kPastTheCount);
+  const unsigned before = tarn_test::allocation_calls();
+  com_list_var list;
+  list.kind = 1;
+  list.count = 2;
+  auto *records = static_cast<com_info_var *>(tarn_zero_malloc_(2 * sizeof(com_info_var)));
+  ASSERT_NE(records, nullptr);
+  list.items = records;
+  std::set<const void *> past;
+  for (uint32_t i = 0; i < list.count; ++i) {
+    com_info_var loaded;
+    ASSERT_EQ(load_com_info(path.c_str(), &loaded), 0u);
+    records[i] = loaded;
+    past.merge(past_the_count(loaded));
+  }
+  const unsigned allocated = tarn_test::allocation_calls() - before;
+  ASSERT_EQ(past.size(), 10u);
+  g_watch_frees = true;
+  free_com_list_var(&list);
+  g_watch_frees = false;
+  EXPECT_EQ(list.items, nullptr);
+  EXPECT_EQ(list.count, 0u);
+  EXPECT_TRUE(all_freed(past));
+  EXPECT_EQ(g_freed.size(), allocated);
   EXPECT_NO_LINES();
 }
 
