@@ -153,18 +153,11 @@ ChildOutcome run_unprivileged(const std::function<int()> &body) {
   GTEST_SKIP() << "this sandbox cannot run a process as an unprivileged user (see stderr)"
 
 // Puts content at a system path as a regular file of its own, with exactly
-// the mode given. /etc/os-release is usually a symbolic link into /usr/lib,
-// which the sandbox does not overlay: the link is removed first and the file
-// is created anew without following links, so the host's file is never
-// written.
+// the mode given, never writing through the link that may be there.
 void put_system_file(const char *path, const std::string &content, mode_t mode = 0644) {
-  ASSERT_TRUE(unlink(path) == 0 || errno == ENOENT) << path << ": " << strerror(errno);
-  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-  ASSERT_GE(fd, 0) << path << ": " << strerror(errno);
-  const bool written = write(fd, content.data(), content.size()) == (ssize_t)content.size();
-  fchmod(fd, mode);
-  close(fd);
-  ASSERT_TRUE(written) << path;
+  const bool put = tarn_test::replace_with_file(path, content, mode);
+  const int error = errno;
+  ASSERT_TRUE(put) << path << ": " << strerror(error);
 }
 
 void remove_system_file(const char *path) {

@@ -41,6 +41,7 @@ using tarn_test::make_apphome;
 using tarn_test::make_dirs;
 using tarn_test::read_file;
 using tarn_test::record_text;
+using tarn_test::replace_with_file;
 using tarn_test::ScratchDirectory;
 using tarn_test::seal_manifest;
 using tarn_test::under_root;
@@ -855,8 +856,8 @@ TEST_F(TarnctlTest, EnvSpaceRefusesBadArguments) {
 }
 
 TEST_F(TarnctlTest, EnvUosComparesTheMinorVersion) {
-  ASSERT_TRUE(write_file("/etc/os-release", "NAME=\"UOS\"\nID=uos\nVERSION_ID=20\n"));
-  ASSERT_TRUE(write_file("/etc/os-version", "[Version]\nMinorVersion=1040\n"));
+  ASSERT_TRUE(replace_with_file("/etc/os-release", "NAME=\"UOS\"\nID=uos\nVERSION_ID=20\n"));
+  ASSERT_TRUE(replace_with_file("/etc/os-version", "[Version]\nMinorVersion=1040\n"));
   const Outcome lower = tarnctl({"env", "uos", "1050"});
   EXPECT_EQ(lower.status, 0) << dump(lower);
   EXPECT_EQ(lower.out, "yes\n");
@@ -864,7 +865,7 @@ TEST_F(TarnctlTest, EnvUosComparesTheMinorVersion) {
   const Outcome same = tarnctl({"env", "uos", "1040"});
   EXPECT_EQ(same.status, 1) << dump(same);
   EXPECT_EQ(same.out, "no\n");
-  ASSERT_TRUE(write_file("/etc/os-release", "ID=debian\n"));
+  ASSERT_TRUE(replace_with_file("/etc/os-release", "ID=debian\n"));
   const Outcome other = tarnctl({"env", "uos", "1050"});
   EXPECT_EQ(other.status, 1) << dump(other);
   EXPECT_EQ(other.out, "no\n");

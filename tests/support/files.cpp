@@ -1,6 +1,7 @@
 #include "files.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
@@ -20,12 +21,26 @@ std::string make_temp_directory(const std::string &prefix) {
   return name;
 }
 
-bool write_file(const std::string &path, const std::string &content, mode_t mode) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+namespace {
+
+// Writes content into a file just opened, gives it exactly mode and closes it.
+bool fill_and_close(int fd, const std::string &content, mode_t mode) {
   if (fd < 0) return false;
   const bool ok = write(fd, content.data(), content.size()) == (ssize_t)content.size();
   fchmod(fd, mode);
   return close(fd) == 0 && ok;
+}
+
+}  // namespace
+
+bool write_file(const std::string &path, const std::string &content, mode_t mode) {
+  return fill_and_close(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode), content, mode);
+}
+
+bool replace_with_file(const std::string &path, const std::string &content, mode_t mode) {
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) return false;
+  return fill_and_close(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode), content,
+                        mode);
 }
 
 std::string read_file(const std::string &path) {

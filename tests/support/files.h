@@ -1,5 +1,6 @@
 // Small file operations for tests: fresh directories below /tmp, writing and
-// reading whole files, listing a directory, whether a path exists, its
+// reading whole files, replacing a system file (a link included) with a file
+// of its own, listing a directory, whether a path exists, its
 // permission bits, making a directory tree, and the directory of the running
 // test program.
 //
@@ -20,6 +21,13 @@ std::string make_temp_directory(const std::string &prefix);
 // Creates or replaces path with content; the file ends up with exactly the
 // permission bits mode, whatever the umask or its mode before.
 bool write_file(const std::string &path, const std::string &content, mode_t mode = 0644);
+
+// Puts content at path as a new regular file with exactly the permission
+// bits mode. Whatever was at path is removed first and never followed: on
+// Debian /etc/os-release is a symbolic link to ../usr/lib/os-release, which
+// no overlay of the sandbox covers. False, with errno set, when a step
+// failed.
+bool replace_with_file(const std::string &path, const std::string &content, mode_t mode = 0644);
 
 // The whole content, or "<missing>" when the file cannot be read.
 std::string read_file(const std::string &path);
