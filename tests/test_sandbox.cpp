@@ -2,7 +2,8 @@
 // (tools/sandbox/sandbox.h), seen from inside: the host's files cannot be
 // written, not even through a link out of an overlay, while the overlays,
 // the sandbox's own tmpfs mounts, /proc, the device nodes and the build
-// folder can.
+// folder can; /proc/self/exe names this program inside its root; and the
+// marker of a program executed again is honoured only in its own namespace.
 //
 // The write attempts put a file's own bytes back into it, so a sandbox that
 // let one through would change no content of the host's, only the file's
@@ -13,6 +14,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,6 +95,12 @@ std::string round_trip(const std::string &dir) {
   return back == "probe\n" ? "" : path + " read back \"" + back + "\"";
 }
 
+std::string mount_namespace() {
+  char link[64];
+  const ssize_t length = readlink("/proc/self/ns/mnt", link, sizeof(link));
+  return length > 0 ? std::string(link, (size_t)length) : "";
+}
+
 TEST(SandboxTest, TheHostsFilesCannotBeWrittenNorMade) {
   const FileState before = state_of(kHostRelease);
   ASSERT_FALSE(before.content.empty()) << kHostRelease;
@@ -152,6 +161,53 @@ TEST(SandboxTest, ProcAndTheDeviceNodesStayWritable) {
   ASSERT_GE(fd, 0) << strerror(errno);
   EXPECT_EQ(write(fd, "x", 1), 1);
   close(fd);
+}
+
+TEST(SandboxTest, TheExecutableIsNamedInsideTheRoot) {
+  char link[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", link, sizeof(link) - 1);
+  ASSERT_GT(length, 0) << strerror(errno);
+  link[length] = '\0';
+  struct stat named, running;
+  ASSERT_EQ(stat(link, &named), 0) << link << ": " << strerror(errno);
+  const int fd = open("/proc/self/exe", O_PATH | O_CLOEXEC);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  ASSERT_EQ(fstat(fd, &running), 0) << strerror(errno);
+  close(fd);
+  EXPECT_EQ(named.st_dev, running.st_dev) << link;
+  EXPECT_EQ(named.st_ino, running.st_ino) << link;
+  EXPECT_EQ(getenv("TARN_SANDBOX_ENTERED"), nullptr);
+}
+
+// Runs the sandbox tool with marker as TARN_SANDBOX_ENTERED; the command it
+// runs prints the marker it inherited ("unset" when none) and its mount
+// namespace.
+std::string sandbox_tool_with_marker(const std::string &marker) {
+  setenv("TARN_SANDBOX_ENTERED", marker.c_str(), 1);
+  FILE *out = popen(TARN_SANDBOX_PATH " sh -c 'echo ${TARN_SANDBOX_ENTERED-unset}; readlink /proc/self/ns/mnt'", "r");
+  unsetenv("TARN_SANDBOX_ENTERED");
+  if (out == nullptr) return "<popen failed>";
+  std::string text;
+  char chunk[256];
+  size_t got;
+  while ((got = fread(chunk, 1, sizeof(chunk), out)) > 0) text.append(chunk, got);
+  const int status = pclose(out);
+  return status == 0 ? text : text + "<exit status " + std::to_string(status) + ">";
+}
+
+TEST(SandboxTest, TheMarkerOfThisNamespaceEntersNoOther) {
+  const std::string here = mount_namespace();
+  ASSERT_FALSE(here.empty());
+  // The marker holds the namespace's inode number, the digits of
+  // "mnt:[NUMBER]": a program executed again keeps the namespace it made.
+  const std::string number = here.substr(5, here.size() - 6);
+  EXPECT_EQ(sandbox_tool_with_marker(number), "unset\n" + here + "\n");
+  // A marker of another namespace (left over in an environment) does not
+  // let a program skip its own sandbox.
+  const std::string fresh = sandbox_tool_with_marker("1");
+  EXPECT_EQ(fresh.substr(0, 6), "unset\n");
+  EXPECT_NE(fresh.substr(6), here + "\n");
+  EXPECT_EQ(fresh.substr(6, 5), "mnt:[");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -26,6 +27,7 @@ constexpr const char *kHeldBuild = "/run/tarn-sandbox/build";
 constexpr const char *kOverlaid[] = {"/etc", "/var", "/usr/share", "/tmp"};
 constexpr const char *kInstallRoot = "/usr/share/velmora/TARN";
 constexpr const char *kBuildFolder = TARN_SANDBOX_BUILD_DIR;
+constexpr const char *kEnteredMarker = "TARN_SANDBOX_ENTERED";
 
 int fail(const std::string &what) {
   fprintf(stderr, "tarn-sandbox: %s: %s\n", what.c_str(), strerror(errno));
@@ -49,6 +51,17 @@ class Fd {
 bool write_file(const char *path, const std::string &text) {
   Fd fd(open(path, O_WRONLY | O_CLOEXEC));
   return fd.get() >= 0 && write(fd.get(), text.data(), text.size()) == (ssize_t)text.size();
+}
+
+bool same_file(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The identity of this process's mount namespace, "" when it cannot be read.
+std::string mount_namespace_id() {
+  struct stat st;
+  if (stat("/proc/self/ns/mnt", &st) != 0) return "";
+  return std::to_string(st.st_ino);
 }
 
 int enter_user_namespace() {
@@ -151,6 +164,46 @@ int seal_the_host() {
   return make_all_read_only();
 }
 
+// Whether the root directory is the root of a mount. A kernel too old to
+// say (before 5.8) is taken to run outside a chroot, where it always is.
+bool root_is_a_mount_point() {
+  struct statx stx;
+  if (statx(AT_FDCWD, "/", 0, 0, &stx) != 0 || !(stx.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT)) return true;
+  return (stx.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+// Runs seal_the_host() with the namespace's own root as this process's root.
+//
+// In a container the root is a mount point and nothing more is needed. In a
+// plain chroot it is a directory inside some mount, and the kernel changes
+// propagation and mount attributes only at the root of a mount; the mounts
+// above the chroot's folder must be made private too, or a mount made on a
+// folder of a shared one would appear on the host. The namespace's own root
+// is still reachable from a chroot by a root process: chroot into a
+// subdirectory while the working directory stays above it, and ".." then
+// leads past the old root until it no longer changes. This runs only in the
+// new namespace, whose mounts are copies of the host's, and the process
+// returns to its chroot (through a descriptor of it) before anything else.
+int seal_the_host_from_its_root() {
+  if (root_is_a_mount_point()) return seal_the_host();
+  const Fd old_root(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const Fd old_cwd(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (old_root.get() < 0 || old_cwd.get() < 0) return fail("open the chroot's root");
+  if (chdir("/") != 0 || chroot("/etc") != 0) return fail("leave the chroot");
+  struct stat here, up;
+  if (stat(".", &here) != 0) return fail("leave the chroot");
+  for (;;) {
+    if (chdir("..") != 0 || stat(".", &up) != 0) return fail("leave the chroot");
+    if (same_file(here, up)) break;
+    here = up;
+  }
+  if (chroot(".") != 0) return fail("leave the chroot");
+  const int sealed = seal_the_host();
+  if (fchdir(old_root.get()) != 0 || chroot(".") != 0 || fchdir(old_cwd.get()) != 0)
+    return fail("return to the chroot");
+  return sealed;
+}
+
 // ---------------------------------------------------------------------------
 // The writable mounts.
 
@@ -196,12 +249,80 @@ int place_build_folder() {
   return 0;
 }
 
+// ---------------------------------------------------------------------------
+// The executable's name.
+
+// Executes this program again from path, with its arguments and the marker.
+int execute_again(const std::string &path) {
+  FILE *cmdline = fopen("/proc/self/cmdline", "re");
+  if (cmdline == nullptr) return fail("read /proc/self/cmdline");
+  std::string words;
+  char chunk[4096];
+  size_t got;
+  while ((got = fread(chunk, 1, sizeof(chunk), cmdline)) > 0) words.append(chunk, got);
+  fclose(cmdline);
+  std::vector<char *> argv;
+  for (size_t start = 0; start < words.size(); start = words.find('\0', start) + 1) {
+    argv.push_back(&words[start]);
+  }
+  argv.push_back(nullptr);
+  const std::string id = mount_namespace_id();
+  if (id.empty() || setenv(kEnteredMarker, id.c_str(), 1) != 0) return fail("mark the sandbox as entered");
+  execv(path.c_str(), argv.data());
+  return fail("execute " + path + " again");
+}
+
+// After unshare(CLONE_NEWNS) the running executable is still the file opened
+// through a mount of the old namespace, so /proc/self/exe names it by its
+// path from that namespace's root. In a chroot that path begins with the
+// chroot's folder, and a program that finds files beside itself through the
+// link would look outside its root. Such a program is executed again, once
+// the sandbox is ready, through the tail of that path that names the same
+// file inside this root: *again is set to it, or left empty when the link
+// is right. This runs before the overlays are laid, which give the files
+// below them other device numbers.
+int find_executable_name(std::string *again) {
+  struct stat exe, named;
+  const Fd fd(open("/proc/self/exe", O_PATH | O_CLOEXEC));
+  if (fd.get() < 0 || fstat(fd.get(), &exe) != 0) return fail("open /proc/self/exe");
+  char link[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", link, sizeof(link) - 1);
+  if (length <= 0) return fail("read /proc/self/exe");
+  const std::string path(link, (size_t)length);
+  if (stat(path.c_str(), &named) == 0 && same_file(exe, named)) return 0;
+  // An executable replaced on disk while it runs has no path at all.
+  if (exe.st_nlink == 0) return 0;
+  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    const std::string inside = path.substr(slash);
+    if (stat(inside.c_str(), &named) == 0 && same_file(exe, named)) {
+      *again = inside;
+      return 0;
+    }
+  }
+  errno = ENOENT;
+  return fail("find the executable " + path + " inside the root");
+}
+
+// Whether this process is the run that execute_again() started, in the
+// namespace it had entered. The marker is removed either way, so that the
+// programs this one starts do not inherit it.
+bool entered_already() {
+  const char *marker = getenv(kEnteredMarker);
+  if (marker == nullptr) return false;
+  const std::string value = marker;
+  unsetenv(kEnteredMarker);
+  return value == mount_namespace_id();
+}
+
 }  // namespace
 
 extern "C" int tarn_sandbox_enter(void) {
+  if (entered_already()) return 0;
   if (geteuid() != 0 && enter_user_namespace() != 0) return -1;
   if (unshare(CLONE_NEWNS) != 0) return fail("unshare(CLONE_NEWNS)");
-  if (seal_the_host() != 0) return -1;
+  std::string again;
+  if (find_executable_name(&again) != 0) return -1;
+  if (seal_the_host_from_its_root() != 0) return -1;
   // Tests write files of /proc/self; writes to device nodes pass a
   // read-only mount anyway.
   if (make_writable("/proc") != 0) return -1;
@@ -221,5 +342,5 @@ extern "C" int tarn_sandbox_enter(void) {
   if (mount_tmpfs(kInstallRoot, "mode=0755") != 0) return -1;
   if (mkdir("/etc/velmora", 0755) != 0 && errno != EEXIST) return fail("mkdir /etc/velmora");
   if (build_held && place_build_folder() != 0) return -1;
-  return 0;
+  return again.empty() ? 0 : execute_again(again);
 }

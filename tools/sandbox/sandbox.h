@@ -23,9 +23,22 @@
  * (unlink, then create), never writes through it.
  *
  * As root it needs nothing more; as another user it first enters a user
- * namespace of its own, mapped to root inside. Children started afterwards
- * (fork, exec) share the namespace. Two sandboxes never see each other's
- * files or shared memory.
+ * namespace of its own, mapped to root inside (which the kernel refuses in
+ * a chroot). It works where / is a mount point (a host, a container after
+ * pivot_root) and in a plain chroot, where / is not. Children started
+ * afterwards (fork, exec) share the namespace. Two sandboxes never see each
+ * other's files or shared memory.
+ *
+ * In a chroot, /proc/self/exe of a process that has just entered a new
+ * mount namespace names its executable by the path from outside the chroot.
+ * The program is then executed again, before tarn_sandbox_enter() returns,
+ * through the path that names it inside the root, with the same arguments
+ * (read from /proc/self/cmdline) and the environment variable
+ * TARN_SANDBOX_ENTERED set to the number of the namespace made. In that run
+ * tarn_sandbox_enter() finds the variable naming its own namespace, removes
+ * it from the environment and returns 0 at once; a variable naming any
+ * other namespace is removed and ignored. So call it first in main(),
+ * before writing anything or starting anything.
  */
 #ifndef TARN_SANDBOX_H
 #define TARN_SANDBOX_H
@@ -35,7 +48,8 @@ extern "C" {
 #endif
 
 /* Returns 0, or -1 after printing the reason on standard error as
- * "tarn-sandbox: STEP: REASON". */
+ * "tarn-sandbox: STEP: REASON". When the program must be executed again (a
+ * chroot, see above) it does not return on success. */
 int tarn_sandbox_enter(void);
 
 #ifdef __cplusplus
