@@ -5,9 +5,11 @@
 // standard error and exit code are checked.
 
 #include <gtest/gtest.h>
+#include <errno.h>
 #include <grp.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <jansson.h>
@@ -66,6 +69,8 @@ std::string read_stream(FILE *file) {
 // Runs argv (the program is looked up in PATH when it has no '/') with its
 // standard output and error in temporary files. prepare runs in the child
 // before the program starts; when it returns false the child exits with 126.
+// A program that cannot be started leaves "cannot run PROGRAM: REASON" on
+// its standard error and exit status 127.
 Outcome run_program(const std::vector<std::string> &argv, const std::function<bool()> &prepare = {}) {
   std::unique_ptr<FILE, int (*)(FILE *)> out(tmpfile(), fclose);
   std::unique_ptr<FILE, int (*)(FILE *)> err(tmpfile(), fclose);
@@ -79,6 +84,8 @@ Outcome run_program(const std::vector<std::string> &argv, const std::function<bo
     for (const std::string &word : argv) words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
     execvp(words[0], words.data());
+    fprintf(stderr, "cannot run %s: %s\n", words[0], strerror(errno));
+    fflush(stderr);
     _exit(127);
   }
   outcome.status = tarn_test::reap(pid);
@@ -816,11 +823,42 @@ TEST_F(TarnctlTest, EnvAdminAnswersForTheEffectiveUser) {
   EXPECT_EQ(outcome.err, "");
 }
 
+// tarnctl and the three libraries it loads, copied into a new folder of /tmp
+// that every user may enter: the build folder may lie below one that only
+// its owner may (a root user's clone under /root), and the program's run
+// path names the libraries there. Returns the folder, or "" with the reason
+// in *error. The loader finds the copies through LD_LIBRARY_PATH, which it
+// searches before the run path.
+std::string copy_tarnctl_for_any_user(std::string *error) {
+  const std::string dir = tarn_test::make_temp_directory("tarnctl_for_any_user");
+  if (dir.empty() || chmod(dir.c_str(), 0755) != 0) {
+    *error = std::string("cannot make a folder in /tmp: ") + strerror(errno);
+    return "";
+  }
+  std::vector<std::string> files = {TARNCTL_PATH};
+  std::istringstream libraries(TARNCTL_LIBRARIES);
+  for (std::string library; std::getline(libraries, library, ':');) files.push_back(library);
+  for (const std::string &file : files) {
+    const std::string copy = dir + file.substr(file.rfind('/'));
+    std::error_code ec;
+    std::filesystem::copy_file(file, copy, ec);
+    if (ec || chmod(copy.c_str(), 0755) != 0) {
+      *error = "cannot copy " + file + " to " + copy + ": " + (ec ? ec.message() : strerror(errno));
+      return "";
+    }
+  }
+  return dir;
+}
+
 TEST_F(TarnctlTest, EnvAdminSaysNoForAnotherUser) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  std::string error;
+  const std::string dir = copy_tarnctl_for_any_user(&error);
+  ASSERT_FALSE(dir.empty()) << error;
   constexpr uid_t kNobody = 65534;
-  const Outcome outcome = tarnctl({"env", "admin"}, [] {
-    return setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0;
+  const Outcome outcome = run_program({dir + "/tarnctl", "env", "admin"}, [&dir] {
+    return setenv("LD_LIBRARY_PATH", dir.c_str(), 1) == 0 && setgroups(0, nullptr) == 0 &&
+           setgid(kNobody) == 0 && setuid(kNobody) == 0;
   });
   if (outcome.status == 126) GTEST_SKIP() << "this sandbox maps no other user";
   EXPECT_EQ(outcome.status, 1) << dump(outcome);
