@@ -1,6 +1,6 @@
 // Parsing: a component manifest of many files (load_com_info, which also
-// opens the protected file), a version string, and a command line of many
-// options.
+// opens the protected file), ini files (the app home record and a large
+// file), a version string, and a command line of many options.
 
 #include <benchmark/benchmark.h>
 #include <stdio.h>
@@ -9,6 +9,8 @@
 #include <vector>
 
 #include <qiv_ejs/qiv_ejs.h>
+
+#include <tarnbase/tarn_ini.h>
 
 #include "bench_support.h"
 #include "com_info.h"
@@ -54,6 +56,41 @@ void load_manifest(benchmark::State &state) {
   state.counters["files"] = (double)g_manifest_files;
 }
 
+// An ini file of key_count keys: the app home record's three keys, or
+// sections of 50 keys with values of 60 bytes, written as a save writes them
+// but with blanks around '=' and a comment line before each section.
+std::string ini_text(long key_count) {
+  if (key_count <= 3) {
+    return "[apphome]\napp_home = 0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d\n"
+           "app_home_x86 = 2c3d4e5f-6a7b-4c8d-9e0f-1a2b3c4d5e6f\nupgrade_lock_count = 0\n";
+  }
+  std::string text;
+  for (long i = 0; i < key_count; ++i) {
+    if (i % 50 == 0) text += "; section " + std::to_string(i / 50) + "\n[section" + std::to_string(i / 50) + "]\n";
+    text += "key" + std::to_string(i % 50) + " = " + std::string(60, (char)('a' + i % 26)) + "\n";
+  }
+  return text;
+}
+
+// tarn_ini_file_load of an ini file of state.range(0) keys.
+void load_ini(benchmark::State &state) {
+  const std::string path = "/tmp/bench_parse_" + std::to_string(state.range(0)) + ".ini";
+  const std::string text = ini_text(state.range(0));
+  if (!tarn_bench::write_text(path, text)) {
+    state.SkipWithError("cannot write the ini file");
+    return;
+  }
+  for (auto _ : state) {
+    tarn_ini_t *ini = tarn_ini_file_load(path.c_str());
+    if (ini == nullptr) {
+      state.SkipWithError("tarn_ini_file_load failed");
+      break;
+    }
+    tarn_ini_file_free(ini);
+  }
+  state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)text.size());
+}
+
 void parse_version(benchmark::State &state) {
   version_mgr_version version = {};
   for (auto _ : state) {
@@ -94,6 +131,7 @@ void create_arguments(benchmark::State &state) {
 }  // namespace
 
 BENCHMARK(load_manifest);
+BENCHMARK(load_ini)->Arg(3)->Arg(2000);
 BENCHMARK(parse_version);
 BENCHMARK(create_arguments);
 

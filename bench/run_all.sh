@@ -172,6 +172,8 @@ echo "| app home | tarn_apphome_update (disk), us | $(fmt "$(awk -v n="$update" 
 echo "| app home | tarn_apphome_reduction_file, 1,000 candidates, ms | $(fmt "$(awk -v n="$reduce" 'BEGIN { print n / 1e6 }')" 1) | | | | | |"
 
 echo "| parsing | load_com_info, 1,000 files, per second | $(per_second "$(gb parse.json load_manifest)") | | | | | |"
+echo "| parsing | tarn_ini_file_load, the app home record (3 keys), per second | $(per_second "$(gb parse.json load_ini/3)") | | | | | |"
+echo "| parsing | tarn_ini_file_load, 2,000 keys (139 KB), per second | $(per_second "$(gb parse.json load_ini/2000)") | | | | | |"
 echo "| parsing | version_mgr_parser_version per second | $(per_second "$(gb parse.json parse_version)") | | | | | |"
 echo "| parsing | argment_paras_create, 100 options, per second | $(per_second "$(gb parse.json create_arguments)") | | | | | |"
 glock=$(gb glock.json glock_acquire_release) cas=$(gb glock.json atomic_cas_pair) flock=$(gb glock.json flock_pair)
