@@ -89,4 +89,21 @@ std::string executable_directory() {
   return path.substr(0, path.rfind('/'));
 }
 
+const char *describe(NotAFile kind) { return kind == NotAFile::kFifo ? "a FIFO" : "a link to /dev/zero"; }
+
+bool make_not_a_file(const std::string &path, NotAFile kind) {
+  std::error_code ec;
+  std::filesystem::remove_all(path, ec);
+  return kind == NotAFile::kFifo ? mkfifo(path.c_str(), 0666) == 0 : symlink("/dev/zero", path.c_str()) == 0;
+}
+
+bool is_not_a_file(const std::string &path, NotAFile kind) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return false;
+  if (kind == NotAFile::kFifo) return S_ISFIFO(st.st_mode);
+  char target[16] = {0};
+  return S_ISLNK(st.st_mode) && readlink(path.c_str(), target, sizeof(target) - 1) == 9 &&
+         std::string(target) == "/dev/zero";
+}
+
 }  // namespace tarn_test

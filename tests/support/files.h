@@ -1,8 +1,8 @@
 // Small file operations for tests: fresh directories below /tmp, writing and
 // reading whole files, replacing a system file (a link included) with a file
 // of its own, listing a directory, whether a path exists, its
-// permission bits, making a directory tree, and the directory of the running
-// test program.
+// permission bits, making a directory tree, the directory of the running
+// test program, and what a reader of files must refuse in place of one.
 //
 // Nothing here calls the base library, so every test program can link it.
 #ifndef TARN_TEST_FILES_H
@@ -46,6 +46,22 @@ bool make_dirs(const std::string &path);
 
 // The directory of this program's executable, or "".
 std::string executable_directory();
+
+// What can stand at a file's path in place of a regular file, for the
+// readers that must refuse it at once: a FIFO, whose open would wait for a
+// writer, and a symbolic link to /dev/zero, which never ends.
+enum class NotAFile { kFifo, kLinkToDevZero };
+constexpr NotAFile kNotAFiles[] = {NotAFile::kFifo, NotAFile::kLinkToDevZero};
+
+// "a FIFO", "a link to /dev/zero".
+const char *describe(NotAFile kind);
+
+// Replaces whatever is at path with one of kind.
+bool make_not_a_file(const std::string &path, NotAFile kind);
+
+// Whether path is (still) one of kind: a FIFO, or a symbolic link naming
+// /dev/zero.
+bool is_not_a_file(const std::string &path, NotAFile kind);
 
 }  // namespace tarn_test
 
