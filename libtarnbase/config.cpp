@@ -51,14 +51,14 @@ void on_platform_entry(BaseConfig *config, const char *name, const char *value) 
   }
 }
 
-int on_config_entry(void *user, const char *section, const char *name, const char *value) {
+bool on_config_entry(void *user, const char *section, const char *name, const char *value) {
   BaseConfig *config = static_cast<BaseConfig *>(user);
   if (strcmp(section, "log") == 0) {
     on_log_entry(config, name, value);
   } else if (strcmp(section, "platform") == 0) {
     on_platform_entry(config, name, value);
   }
-  return 1;
+  return true;
 }
 
 }  // namespace

@@ -44,43 +44,30 @@ struct tarn_ini {
 namespace {
 
 using tarnbase::fail;
-
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f' || c == '\r' || c == '\n'; }
+using tarnbase::has_ini_inline_comment;
+using tarnbase::is_ini_blank;
 
 bool has_line_end(const char *text) { return strpbrk(text, "\r\n") != nullptr; }
 
-// inih takes a ';' that follows a blank for the start of a comment.
-bool has_inline_comment(const char *text) {
-  for (const char *c = text; *c != '\0'; ++c) {
-    if (*c == ';' && c > text && is_blank(c[-1])) return true;
-  }
-  return false;
-}
-
 bool blank_at_ends(const char *text) {
   const size_t length = strlen(text);
-  return length > 0 && (is_blank(text[0]) || is_blank(text[length - 1]));
+  return length > 0 && (is_ini_blank(text[0]) || is_ini_blank(text[length - 1]));
 }
 
 // What a saved file gives back unchanged. A section is written "[name]",
-// a key "key=value" (without blanks around '=', so that a key line is never
-// longer than the line that it was loaded from).
+// a key "key=value".
 bool section_saves(const char *name) {
-  return strlen(name) <= (size_t)tarnbase::kIniSectionMax && strchr(name, ']') == nullptr &&
-         !has_line_end(name) && !has_inline_comment(name);
+  return strchr(name, ']') == nullptr && !has_line_end(name) && !has_ini_inline_comment(name);
 }
 
 bool key_saves(const char *key) {
   return key[0] != '\0' && strpbrk(key, "=:") == nullptr && strchr("[;#", key[0]) == nullptr &&
-         strncmp(key, "\xEF\xBB\xBF", 3) != 0 && !blank_at_ends(key) && !has_line_end(key) &&
-         !has_inline_comment(key);
+         strncmp(key, tarnbase::kIniByteOrderMark, 3) != 0 && !blank_at_ends(key) && !has_line_end(key) &&
+         !has_ini_inline_comment(key);
 }
 
-bool value_saves(const char *value) { return !blank_at_ends(value) && !has_line_end(value) && !has_inline_comment(value); }
-
-bool line_fits(const char *key, const char *value) {
-  // "key=value\n"
-  return strlen(key) + strlen(value) + 2 <= (size_t)tarnbase::kIniLineMax;
+bool value_saves(const char *value) {
+  return !blank_at_ends(value) && !has_line_end(value) && !has_ini_inline_comment(value);
 }
 
 Section *find_section(tarn_ini *ini, const char *name) {
@@ -145,24 +132,22 @@ struct LoadState {
   int error;  // ENOMEM, or 0
 };
 
-int on_entry(void *user, const char *section_name, const char *key, const char *value) {
+bool on_entry(void *user, const char *section_name, const char *key, const char *value) {
   LoadState *state = static_cast<LoadState *>(user);
-  if (key[0] == '\0') return 0;
-  // What a save could not give back: a key that begins with a byte order
-  // mark (saved as the first line, the mark would be skipped at the next
-  // load), and a last line without a newline too long to get one.
-  if (strncmp(key, "\xEF\xBB\xBF", 3) == 0 || !line_fits(key, value)) return 0;
-  // A second value for a key: a repeated line, or an indented line that
-  // inih reads as its continuation. Either would lose text silently.
+  if (key[0] == '\0') return false;
+  // A key that begins with a byte order mark: saved as the first line, the
+  // mark would be skipped at the next load.
+  if (strncmp(key, tarnbase::kIniByteOrderMark, 3) == 0) return false;
+  // A key given twice: one of its values would be lost silently.
   try {
     Section *section = find_section(state->ini, section_name);
-    if (section != nullptr && find_entry(section, key) != nullptr) return 0;
+    if (section != nullptr && find_entry(section, key) != nullptr) return false;
     put(state->ini, section_name, key, value);
   } catch (const std::bad_alloc &) {
     state->error = ENOMEM;
-    return 0;
+    return false;
   }
-  return 1;
+  return true;
 }
 
 void append_text(std::string *text, const tarn_ini *ini) {
@@ -185,6 +170,8 @@ int save(tarn_ini_t *ini, const char *path, int flags, bool durable) {
   } catch (const std::bad_alloc &) {
     return fail(ENOMEM);
   }
+  // A load would refuse the file.
+  if (text.size() > tarnbase::kIniFileMaxBytes) return fail(EFBIG);
   tarnbase::ReplaceOptions options;
   options.durable = durable;
   try {
@@ -208,7 +195,7 @@ TARNBASE_API tarn_ini_t *tarn_ini_file_load(const char *path) {
   }
   if (path == nullptr) return ini;
   LoadState state{ini, 0};
-  const int result = tarnbase::parse_ini_file(path, on_entry, &state, true);
+  const int result = tarnbase::parse_ini_file(path, on_entry, &state);
   if (result == 0) return ini;
   const int error = result < 0 ? errno : (state.error != 0 ? state.error : EINVAL);
   delete ini;
@@ -229,8 +216,7 @@ TARNBASE_API const char *tarn_ini_file_get(tarn_ini_t *ini, const char *section_
 
 TARNBASE_API int tarn_ini_file_set(tarn_ini_t *ini, const char *section, const char *key, const char *value) {
   if (ini == nullptr || section == nullptr || key == nullptr || value == nullptr) return fail(EINVAL);
-  if (!section_saves(section) || !key_saves(key) || !value_saves(value) || !line_fits(key, value))
-    return fail(EINVAL);
+  if (!section_saves(section) || !key_saves(key) || !value_saves(value)) return fail(EINVAL);
   try {
     put(ini, section, key, value);
   } catch (const std::bad_alloc &) {
@@ -241,7 +227,7 @@ TARNBASE_API int tarn_ini_file_set(tarn_ini_t *ini, const char *section, const c
 
 TARNBASE_API int tarn_ini_file_get_int(tarn_ini_t *ini, const char *section, const char *key, int default_value) {
   const char *value = tarn_ini_file_get(ini, section, key);
-  if (value == nullptr || value[0] == '\0' || is_blank(value[0])) return default_value;
+  if (value == nullptr || value[0] == '\0' || is_ini_blank(value[0])) return default_value;
   char *end = nullptr;
   const int saved_errno = errno;
   errno = 0;

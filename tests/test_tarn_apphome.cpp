@@ -46,6 +46,7 @@
 #include "manifests.h"
 #include "tarn_apphome.h"
 #include "tarn_apphome_internal.h"
+#include "time_limit.h"
 
 // ---------------------------------------------------------------------------
 // Interposed platform answers: the real ones unless a test set its own.
@@ -429,6 +430,58 @@ TEST_F(AppHomeTest, GetApphomeOfARecordWithoutAppHomeIsOne) {
   EXPECT_LOGGED("warn", "get apphome field failed\n");
 }
 
+// A record of exactly size bytes naming kHomeA, padded by a key of its own.
+std::string record_of_size(size_t size) {
+  const std::string head = record_text(kHomeA) + "\n[pad]\nk=";
+  return head + std::string(size - head.size() - 1, 'p') + "\n";
+}
+
+TEST_F(AppHomeTest, GetApphomeReadsARecordAtTheSizeBoundAndRefusesOneByteMore) {
+  constexpr size_t kBound = 1024 * 1024;
+  ASSERT_TRUE(write_file(kRecordPath, record_of_size(kBound)));
+  char name[64] = {0};
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 0) << dump_logs();
+  EXPECT_STREQ(name, kHomeA);
+  EXPECT_NO_LINES();
+  ASSERT_TRUE(write_file(kRecordPath, record_of_size(kBound + 1)));
+  memset(name, 'Z', sizeof(name));
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 1);
+  EXPECT_EQ(name[0], 'Z');
+  EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
+  EXPECT_LOGGED("warn", "tarn_ini_file_load is failed\n");
+}
+
+TEST_F(AppHomeTest, GetApphomeRefusesARecordOrBackupThatIsNotARegularFileAtOnce) {
+  for (const char *path : {kRecordPath, kBackupPath}) {
+    for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+      const std::string what = std::string(path) + " as " + tarn_test::describe(kind);
+      SCOPED_TRACE(what);
+      tarn_test::clear_logs();
+      ASSERT_TRUE(tarn_test::make_not_a_file(path, kind));
+      char name[64];
+      memset(name, 'Z', sizeof(name));
+      {
+        tarn_test::TimeLimit limit(5, "tarn_apphome_get_apphome of " + what);
+        EXPECT_EQ(tarn_apphome_get_apphome(path, name, sizeof(name), nullptr, 0), 1);
+      }
+      EXPECT_EQ(name[0], 'Z');
+      EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
+      EXPECT_LOGGED("warn", "tarn_ini_file_load is failed\n");
+      // The validity check reports it as a record that cannot be read.
+      tarn_test::clear_logs();
+      {
+        tarn_test::TimeLimit limit(5, "tarn_apphome_check_validity of " + what);
+        EXPECT_EQ(tarn_apphome_check_validity(path), 2);
+      }
+      EXPECT_EQ(tarn_test::messages("warn"),
+                (std::vector<std::string>{"tarn_ini_file_load is failed\n",
+                                          "tarn_apphome_get_apphome get apphome is failed\n"}));
+      EXPECT_TRUE(tarn_test::is_not_a_file(path, kind));
+      EXPECT_FALSE(tarn_test::lock_is_held(std::string(path) + ".lock"));
+    }
+  }
+}
+
 TEST_F(AppHomeTest, GetApphomeReadsTheCompanionNameWhereTheMachineNeedsIt) {
   companion_machine();
   ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, kHomeX86)));
@@ -654,6 +707,59 @@ TEST_F(AppHomeTest, UpdateOfAnUnreadableRecordStartsAfresh) {
   EXPECT_EQ(tarn_apphome_update(kHomeA, nullptr), 0);
   EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(apphome_only(kHomeA)));
   EXPECT_LOGGED("info", "after load\n");
+}
+
+TEST_F(AppHomeTest, UpdateOfARecordThatIsNotARegularFileStartsAfreshAtOnce) {
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    tarn_test::clear_logs();
+    ASSERT_TRUE(tarn_test::make_not_a_file(kRecordPath, kind));
+    {
+      tarn_test::TimeLimit limit(5, std::string("tarn_apphome_update of a record that is ") +
+                                        tarn_test::describe(kind));
+      EXPECT_EQ(tarn_apphome_update(kHomeA, nullptr), 0) << dump_logs();
+    }
+    EXPECT_EQ(tarn_test::messages("info"),
+              (std::vector<std::string>{"after load\n", "backup ini to file successful!\n"}));
+    EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
+    // The record is a regular file again, in place of what was there.
+    EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+    EXPECT_FALSE(tarn_test::is_not_a_file(kRecordPath, kind));
+    EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  }
+}
+
+// An app home name of length bytes: UUID text and more after it.
+std::string long_name(size_t length) { return kHomeA + std::string(length - strlen(kHomeA), 'x'); }
+
+TEST_F(AppHomeTest, UpdateRecordsAppHomeNamesOfAnyLength) {
+  for (const size_t length : {190u, 200u, 4096u}) {
+    SCOPED_TRACE("a name of " + std::to_string(length) + " bytes");
+    const std::string name = long_name(length);
+    EXPECT_EQ(tarn_apphome_update(name.c_str(), nullptr), 0) << dump_logs();
+    char read_back[8192];
+    memset(read_back, 'Z', sizeof(read_back));
+    EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, read_back, sizeof(read_back), nullptr, 0), 0) << dump_logs();
+    EXPECT_EQ(std::string(read_back), name);
+    EXPECT_EQ(read_file(kRecordPath), record_text(name));
+    EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  }
+  EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
+}
+
+TEST_F(AppHomeTest, UpdateKeepsLongLinesOfOtherSectionsAndTheUpgradeLockCount) {
+  const std::string note(65535, 'n');
+  const std::string section(4096, 's');
+  const std::string key(4096, 'k');
+  ASSERT_TRUE(write_file(kRecordPath, "[agent]\nnote = " + note + "\n\n[apphome]\napp_home=" + std::string(kHomeA) +
+                                          "\nupgrade_lock_count=2\n\n[" + section + "]\n" + key + "=1\n"));
+  EXPECT_EQ(tarn_apphome_update(kHomeB, nullptr), 0) << dump_logs();
+  const Sections expected = {{"agent", {{"note", note}}},
+                             {"apphome", {{"app_home", kHomeB}, {"upgrade_lock_count", "2"}}},
+                             {section, {{key, "1"}}}};
+  EXPECT_EQ(load_ini(kRecordPath), std::optional<Sections>(expected));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_NOT_LOGGED("info", "after load\n");
 }
 
 TEST_F(AppHomeTest, UpdateOnAPlainMachineWritesOnlyAppHome) {
@@ -892,6 +998,23 @@ TEST_F(AppHomeTest, RestoreFromAnUnreadableBackupFails) {
   EXPECT_LOGGED("warn", format("load ini file %s failed\n", kBackupPath));
   EXPECT_LOGGED("warn", error_occurd());
   EXPECT_FALSE(exists(kRecordPath));
+}
+
+TEST_F(AppHomeTest, RestoreFromABackupThatIsNotARegularFileFailsAtOnce) {
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    tarn_test::clear_logs();
+    ASSERT_TRUE(tarn_test::make_not_a_file(kBackupPath, kind));
+    {
+      tarn_test::TimeLimit limit(5, std::string("the restore from a backup that is ") + tarn_test::describe(kind));
+      EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+    }
+    EXPECT_EQ(tarn_test::messages("warn"),
+              (std::vector<std::string>{format("load ini file %s failed\n", kBackupPath), error_occurd()}));
+    EXPECT_FALSE(exists(kRecordPath));
+    EXPECT_TRUE(tarn_test::is_not_a_file(kBackupPath, kind));
+    EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+  }
 }
 
 TEST_F(AppHomeTest, RestoreFailsWhenTheRecordsLockCannotBeOpenedOrTaken) {
@@ -1261,6 +1384,21 @@ TEST_F(AppHomeTest, ReductionRunTwiceStopsAtTheFirstCheckTheSecondTime) {
   EXPECT_EQ(service_runs(), 1u);
   EXPECT_EQ(g_walk.calls.size(), 1u);
   EXPECT_EQ(read_file(kRecordPath), record);
+}
+
+TEST_F(AppHomeTest, ReductionRecordsAQualifyingDirectoryWhoseNameGoesOnPastItsUuid) {
+  // Only the name's first 36 bytes must be UUID text.
+  const std::string name = long_name(36 + 200);
+  install_service(kVersion);
+  make_main_home(name);
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(name));
+  EXPECT_EQ(read_file(kBackupPath), read_file(kRecordPath));
+  EXPECT_LOGGED("info", reduced_message(name, "(null)"));
+  char read_back[1024] = {0};
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, read_back, sizeof(read_back), nullptr, 0), 0);
+  EXPECT_EQ(std::string(read_back), name);
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 0);
 }
 
 TEST_F(AppHomeTest, ReductionTakesTheFirstQualifyingDirectoryInWalkOrder) {

@@ -23,6 +23,7 @@
 #include "install_root.h"
 #include "log_checks.h"
 #include "tarn_directory.h"
+#include "time_limit.h"
 
 // ---------------------------------------------------------------------------
 // Interposed data root: the real one unless a test set its own (an empty
@@ -165,6 +166,31 @@ TEST_F(DirectoryTest, DirNameOfAMissingRecordIsMinusOne) {
   EXPECT_EQ(get_apphome_dir_name(kRecordPath, out, sizeof(out), nullptr), -1);
   EXPECT_LOGGED("debug", std::string("tarn_ini_file_load is failed, path is ") + kRecordPath + ".\n");
   EXPECT_EQ(out[0], 'Z');
+}
+
+TEST_F(DirectoryTest, DirNameAndPathMainOfARecordThatIsNotARegularFileFailAtOnce) {
+  const std::string message = std::string("tarn_ini_file_load is failed, path is ") + kRecordPath + ".\n";
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    const std::string what = std::string(" of a record that is ") + tarn_test::describe(kind);
+    ASSERT_TRUE(tarn_test::make_not_a_file(kRecordPath, kind));
+    tarn_test::clear_logs();
+    char out[64];
+    memset(out, 'Z', sizeof(out));
+    {
+      tarn_test::TimeLimit limit(5, "get_apphome_dir_name" + what);
+      EXPECT_EQ(get_apphome_dir_name(kRecordPath, out, sizeof(out), nullptr), -1);
+    }
+    EXPECT_EQ(tarn_test::messages("debug"), std::vector<std::string>{message});
+    tarn_test::clear_logs();
+    {
+      tarn_test::TimeLimit limit(5, "get_apphome_path_main" + what);
+      EXPECT_EQ(get_apphome_path_main(out, sizeof(out)), 1);
+    }
+    EXPECT_EQ(tarn_test::messages("debug"), std::vector<std::string>{message});
+    EXPECT_EQ(out[0], 'Z');
+    EXPECT_TRUE(tarn_test::is_not_a_file(kRecordPath, kind));
+  }
 }
 
 TEST_F(DirectoryTest, DirNameOfARecordWithoutTheKeyIsOne) {

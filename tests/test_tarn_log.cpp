@@ -49,6 +49,8 @@
 #include <tarnbase/tarn_time.h>
 
 #include "child_process.h"
+#include "files.h"
+#include "time_limit.h"
 
 namespace {
 
@@ -370,10 +372,9 @@ TEST_F(TarnLog, ANullBufferOrZeroLengthGivesZeroAndWritesNothing) {
   });
 }
 
-TEST_F(TarnLog, ADirectoryThatFitsTheLineLimitIsReadWhole) {
-  // "dir = ", the value and the newline: 199 bytes, the longest line the file may hold.
-  const std::string long_dir = "/srv/" + std::string(187, 'd');
-  write_config("[log]\nlevel = 3\ndir = " + long_dir + "\n");
+TEST_F(TarnLog, LongLinesAreReadWhole) {
+  const std::string long_dir = "/srv/" + std::string(1018, 'd');
+  write_config("[other]\nnote = " + std::string(65535, 'n') + "\n[log]\nlevel = 3\ndir = " + long_dir + "\n");
   in_child([&long_dir](Child &child) {
     char dir[1024];
     CHILD_EXPECT_EQ(child, (int)long_dir.size(), tarn_log_dir(dir, sizeof(dir)));
@@ -382,15 +383,60 @@ TEST_F(TarnLog, ADirectoryThatFitsTheLineLimitIsReadWhole) {
   });
 }
 
-TEST_F(TarnLog, ALineTooLongMakesTheWholeFileIgnored) {
-  const std::string long_dir = "/srv/" + std::string(495, 'd');
-  write_config("[log]\nlevel = 3\ndir = " + long_dir + "\n");
+// Checks in child that every value is its default.
+void expect_defaults(Child &child) {
+  char dir[1024];
+  CHILD_EXPECT_EQ(child, 8, tarn_log_dir(dir, sizeof(dir)));
+  CHILD_EXPECT(child, std::string("/var/log") == dir);
+  CHILD_EXPECT_EQ(child, 2u, tarn_log_level_get());
+}
+
+// A configuration of exactly size bytes that sets level 3, padded by a
+// comment.
+std::string config_of_size(size_t size) {
+  const std::string head = "[log]\nlevel = 3\n; ";
+  return head + std::string(size - head.size() - 1, 'c') + "\n";
+}
+
+TEST_F(TarnLog, AFileAtTheSizeBoundIsReadAndOneByteMoreGivesEveryDefault) {
+  constexpr size_t kBound = 1024 * 1024;
+  write_config(config_of_size(kBound));
+  in_child([](Child &child) { CHILD_EXPECT_EQ(child, 3u, tarn_log_level_get()); });
+  write_config(config_of_size(kBound + 1));
+  in_child(expect_defaults);
+}
+
+TEST_F(TarnLog, ANulByteMakesTheWholeFileIgnored) {
+  const std::string nul(1, '\0');
+  for (const std::string &config : {"[log]\nlevel = 3\n" + nul + "dir = /srv/x\n",
+                                    "[log]\nlevel = 3\ndir = /srv/x" + nul + "\n", nul + "[log]\nlevel = 3\n"}) {
+    write_config(config);
+    in_child(expect_defaults);
+  }
+}
+
+TEST_F(TarnLog, AConfigurationThatIsNotARegularFileGivesEveryDefaultAtOnce) {
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    ASSERT_TRUE(tarn_test::make_not_a_file(kConfigPath, kind));
+    in_child([kind](Child &child) {
+      tarn_test::TimeLimit limit(5, std::string("reading a configuration that is ") + tarn_test::describe(kind));
+      expect_defaults(child);
+    });
+    EXPECT_TRUE(tarn_test::is_not_a_file(kConfigPath, kind));
+  }
+}
+
+TEST_F(TarnLog, AnIndentedLineIsReadAsItWouldBeWithoutItsIndent) {
+  write_config("[log]\n   level = 3\n\tdir = /srv/x\n");
   in_child([](Child &child) {
-    char dir[1024];
-    CHILD_EXPECT_EQ(child, 8, tarn_log_dir(dir, sizeof(dir)));
-    CHILD_EXPECT(child, std::string("/var/log") == dir);
-    CHILD_EXPECT_EQ(child, 2u, tarn_log_level_get());
+    CHILD_EXPECT_EQ(child, 3u, tarn_log_level_get());
+    char dir[64];
+    CHILD_EXPECT_EQ(child, 6, tarn_log_dir(dir, sizeof(dir)));
   });
+  // Never as more text for the key line above it: this file is malformed.
+  write_config("[log]\nlevel = 1\n   3\n");
+  in_child(expect_defaults);
 }
 
 TEST_F(TarnLog, AMalformedLineMakesTheWholeFileIgnored) {

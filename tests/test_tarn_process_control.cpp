@@ -33,6 +33,7 @@
 #include "interpose.h"
 #include "log_checks.h"
 #include "tarn_process_control.h"
+#include "time_limit.h"
 
 // ---------------------------------------------------------------------------
 // Interposed base operations.
@@ -489,6 +490,26 @@ TEST_F(ProcessControlTest, RestartOfAFileThatDoesNotLoadIsMinusOneAndLeavesIt) {
   EXPECT_TRUE(g_saves.empty());
   EXPECT_EQ(malformed, read_file(kConfig));
   EXPECT_FALSE(renewed_since_aged(kConfig));
+}
+
+TEST_F(ProcessControlTest, RestartOfAConfigurationThatIsNotARegularFileIsMinusOneAtOnce) {
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    tarn_test::clear_logs();
+    tarn_test::clear_file_events();
+    ASSERT_TRUE(tarn_test::make_not_a_file(kConfig, kind));
+    {
+      tarn_test::TimeLimit limit(5, std::string("restart_tarn_process of a configuration that is ") +
+                                        tarn_test::describe(kind));
+      EXPECT_EQ(-1, restart_tarn_process("tarn_worker"));
+    }
+    EXPECT_EQ(std::vector<std::string>{"restart_tarn_process tarn_worker failed: tarn_ini_file_load failed!\n"},
+              messages("error"));
+    EXPECT_EQ(1u, tarn_test::logs().size()) << dump_logs();
+    EXPECT_EQ(kLockEvents, tarn_test::file_events());
+    EXPECT_TRUE(g_saves.empty());
+    EXPECT_TRUE(tarn_test::is_not_a_file(kConfig, kind));
+  }
 }
 
 TEST_F(ProcessControlTest, RestartReturnsTheSavesError) {

@@ -33,6 +33,7 @@
 #include "log_checks.h"
 #include "tarn_product.h"
 #include "tarn_product_internal.h"
+#include "time_limit.h"
 
 namespace {
 
@@ -179,6 +180,25 @@ TEST_F(ProductTest, InstallPathOfAMalformedRecordIsNullAndNamesTheMissingField) 
                                       "warn " + missing_path_message("edr")}),
             leveled_lines());
   EXPECT_EQ(lock_events(kInskeyLock), tarn_test::file_events());
+}
+
+TEST_F(ProductTest, AnInstallRecordThatIsNotARegularFileIsRefusedAtOnce) {
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    tarn_test::clear_logs();
+    tarn_test::clear_file_events();
+    ASSERT_TRUE(tarn_test::make_not_a_file(kInskey, kind));
+    {
+      tarn_test::TimeLimit limit(5, std::string("is_product_installed with an install record that is ") +
+                                        tarn_test::describe(kind));
+      EXPECT_EQ(0, is_product_installed("edr"));
+    }
+    EXPECT_EQ((std::vector<std::string>{format("load ini file failed: %s\n", kInskey.c_str()),
+                                        not_recorded_message("edr")}),
+              messages("warn"));
+    EXPECT_EQ(lock_events(kInskeyLock), tarn_test::file_events());
+    EXPECT_TRUE(tarn_test::is_not_a_file(kInskey, kind));
+  }
 }
 
 TEST_F(ProductTest, InstallPathWithoutAnAppHomeIsNull) {
@@ -442,6 +462,49 @@ TEST_F(ProductTest, ARegisterThatDoesNotLoadIsRestoredFromTheBackup) {
   EXPECT_EQ(kBackupText, read_file(kRegister));
   EXPECT_EQ(std::vector<std::string>{format("load [%s] error!\n", kRegister.c_str())}, messages("warn"));
   EXPECT_EQ(std::vector<std::string>{"reset backup product_register successed\n"}, messages("info"));
+}
+
+TEST_F(ProductTest, ARegisterOrBackupThatIsNotARegularFileIsRefusedAtOnce) {
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    const std::string what = std::string("is_product_register with a register that is ") + tarn_test::describe(kind);
+    // Without a backup: not registered.
+    tarn_test::clear_logs();
+    ASSERT_TRUE(tarn_test::make_not_a_file(kRegister, kind));
+    {
+      tarn_test::TimeLimit limit(5, what);
+      EXPECT_EQ(0, is_product_register("edr"));
+    }
+    EXPECT_EQ((std::vector<std::string>{
+                  format("product_register backup file is no exists, path is %s\n", kBackup.c_str()),
+                  format("tarn_ini_file_load failed path[%s]\n", kRegister.c_str())}),
+              messages("warn"));
+    EXPECT_TRUE(tarn_test::is_not_a_file(kRegister, kind));
+    // With a whole backup: replaced by it, as a register that does not load.
+    tarn_test::clear_logs();
+    ASSERT_TRUE(write_file(kBackup, kBackupText));
+    {
+      tarn_test::TimeLimit limit(5, what + " and a backup");
+      EXPECT_EQ(1, is_product_register("firewall"));
+    }
+    EXPECT_EQ(std::vector<std::string>{format("load [%s] error!\n", kRegister.c_str())}, messages("warn"));
+    EXPECT_EQ(std::vector<std::string>{"reset backup product_register successed\n"}, messages("info"));
+    EXPECT_EQ(kBackupText, read_file(kRegister));
+    // A backup that is not a regular file: the register is read as it is.
+    tarn_test::clear_logs();
+    ASSERT_TRUE(tarn_test::make_not_a_file(kBackup, kind));
+    {
+      tarn_test::TimeLimit limit(5, std::string("is_product_register with a backup that is ") +
+                                        tarn_test::describe(kind));
+      EXPECT_EQ(1, is_product_register("firewall"));
+    }
+    EXPECT_EQ(std::vector<std::string>{format("product_register backup file is failed, path is %s\n",
+                                              kBackup.c_str())},
+              messages("warn"));
+    EXPECT_EQ(kBackupText, read_file(kRegister));
+    EXPECT_TRUE(tarn_test::is_not_a_file(kBackup, kind));
+    ASSERT_EQ(0, unlink(kBackup.c_str()));
+  }
 }
 
 TEST_F(ProductTest, WithoutABackupTheRegisterIsLeftAsItIs) {

@@ -35,6 +35,7 @@
 #include "interpose.h"
 #include "log_checks.h"
 #include "manifests.h"
+#include "time_limit.h"
 #include "utils_internal.h"
 
 // ---------------------------------------------------------------------------
@@ -173,6 +174,27 @@ TEST_F(UpgradeTest, ALaterExitInfoReplacesTheValuesAndKeepsEverythingElse) {
   EXPECT_NOT_LOGGED("info", "after load\n");
   EXPECT_LOGGED("info",
                 format("update file %s is successed, exit type is %d\n", exit_info_path().c_str(), -7));
+}
+
+TEST_F(UpgradeTest, AnExitInfoFileThatIsNotARegularFileIsStartedAfreshAtOnce) {
+  ASSERT_TRUE(make_dirs(config_dir()));
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    ASSERT_TRUE(tarn_test::make_not_a_file(exit_info_path(), kind));
+    tarn_test::clear_logs();
+    g_overrides.now = 42;
+    {
+      tarn_test::TimeLimit limit(5, std::string("tarn_update_exit_info with a file that is ") +
+                                        tarn_test::describe(kind));
+      EXPECT_EQ(tarn_update_exit_info(2), 0);
+    }
+    EXPECT_EQ(tarn_test::messages("info"),
+              (std::vector<std::string>{
+                  "after load\n",
+                  format("update file %s is successed, exit type is %d\n", exit_info_path().c_str(), 2)}));
+    EXPECT_EQ(load_ini(exit_info_path()), (Sections{{"config", {{"exit_type", "2"}, {"exit_time", "42"}}}}));
+    EXPECT_FALSE(tarn_test::is_not_a_file(exit_info_path(), kind));
+  }
 }
 
 TEST_F(UpgradeTest, ExitInfoTakesTheFilesLockAroundTheLoadAndTheSave) {

@@ -36,6 +36,7 @@
 #include "parameter_parsing.h"
 #include "reset_test.h"
 #include "tarn_utils.h"
+#include "time_limit.h"
 #include "utils_internal.h"
 
 namespace {
@@ -137,6 +138,41 @@ TEST_F(UtilsTest, AppHomeDirOfAMissingRecordIsMinusOne) {
   EXPECT_LOGGED("warn", format("qiv_eni_file_load is failed, path is %s.\n", kRecordPath));
   EXPECT_EQ(out[0], 'Z');
   EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(UtilsTest, ReadersOfARecordThatIsNotARegularFileFailAtOnce) {
+  for (const tarn_test::NotAFile kind : tarn_test::kNotAFiles) {
+    SCOPED_TRACE(tarn_test::describe(kind));
+    const std::string what = std::string(" of a record that is ") + tarn_test::describe(kind);
+    ASSERT_TRUE(tarn_test::make_not_a_file(kRecordPath, kind));
+    tarn_test::clear_logs();
+    char out[64];
+    memset(out, 'Z', sizeof(out));
+    {
+      tarn_test::TimeLimit limit(5, "get_app_home_dir" + what);
+      EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), nullptr), -1);
+    }
+    EXPECT_EQ(out[0], 'Z');
+    EXPECT_EQ(tarn_test::messages("warn"),
+              std::vector<std::string>{format("qiv_eni_file_load is failed, path is %s.\n", kRecordPath)});
+    tarn_test::clear_logs();
+    {
+      tarn_test::TimeLimit limit(5, "tarn_get_upgrade_lock_count" + what);
+      EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
+    }
+    EXPECT_EQ(tarn_test::messages("info"),
+              std::vector<std::string>{format("tarn_ini_file_load is failed, path is %s.\n", kRecordPath)});
+    EXPECT_TRUE(tarn_test::is_not_a_file(kRecordPath, kind));
+    EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+    // An update starts afresh and puts a regular file in its place.
+    tarn_test::clear_logs();
+    {
+      tarn_test::TimeLimit limit(5, "update_app_home_dir" + what);
+      EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeA, nullptr, nullptr), 0);
+    }
+    EXPECT_EQ(tarn_test::messages("info"), std::vector<std::string>{"after load\n"});
+    EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
+  }
 }
 
 TEST_F(UtilsTest, AppHomeDirWithoutTheKeyIsOne) {

@@ -9,32 +9,28 @@
  *   key = value           also "key: value"; blanks around key and value go
  *                         (blank lines are ignored)
  *
+ * - Lines end at '\n' (a "\r\n" end loses its '\r' as a trailing blank)
+ *   and may be of any length: the file's size is the only bound (below).
+ * - Blanks at the start of a line are dropped: an indented line is read as
+ *   it would be without its indent.
  * - A key before any section header belongs to the section "" (as does a
  *   key after "[]").
- * - Section names are kept as written between '[' and ']' (blanks
- *   included); keys and values are trimmed of surrounding blanks. Sections
- *   and keys are case-sensitive.
+ * - Section names are kept as written between '[' and the first ']'
+ *   (blanks included, of any length); keys and values are trimmed of
+ *   surrounding blanks. Sections and keys are case-sensitive.
  * - In a value (and a key or section name) a ';' that follows a blank starts
  *   a comment that runs to the end of the line: "a = 1 ; one" gives "1".
  *   A ';' with no blank before it is text: "a = x;y" gives "x;y".
  * - A UTF-8 byte order mark at the start of the file is skipped.
  *
  * A file is malformed, and tarn_ini_file_load refuses it whole (no object,
- * never a part of the file), when any line is:
+ * never a part of the file), when it holds a NUL byte anywhere (a comment
+ * included), or when any line is:
  *   - neither a comment, blank, a section header nor a key line: text
  *     without '=' or ':' outside a header, or a '[' without its ']';
  *   - a key line with an empty key ("= value"), or with a key that begins
  *     with a UTF-8 byte order mark (only the file's first one is skipped);
- *   - 200 bytes or more, its newline counted; a last line without a
- *     newline may have 199 bytes, but its key and value together no more
- *     than 197, so that saved as "key=value" and a newline it stays below
- *     200;
- *   - a section header whose name has 50 bytes or more;
- *   - a key given a second time in one section;
- *   - indented (begun with blanks) and not blank or a comment, after a key
- *     line of the same section (blank and comment lines between them
- *     included): the parser would read it as a continuation of that key,
- *     a header or key line included. Do not indent.
+ *   - a key given a second time in one section.
  *
  * Order: sections and keys keep the order in which they were loaded or
  * first added; a key set again keeps its place. A save writes them in that
@@ -47,13 +43,15 @@
  *
  * Only text that a saved file gives back unchanged can be set, so that a
  * save never writes a file that a load would refuse or read differently:
- * tarn_ini_file_set refuses (EINVAL) a section name of 50 bytes or more or
- * holding ']'; a key that is empty, holds '=' or ':', begins with '[', ';',
- * '#' or a UTF-8 byte order mark, or begins or ends with a blank; a value
- * that begins or ends with a blank; any text holding a line end ('\n',
- * '\r') or a ';' right after a blank; and a key and value whose line
- * "key=value" would reach 200 bytes (their lengths together more than
- * 197). Every file that loads saves and loads back equal.
+ * tarn_ini_file_set refuses (EINVAL) a section name holding ']'; a key that
+ * is empty, holds '=' or ':', begins with '[', ';', '#' or a UTF-8 byte
+ * order mark, or begins or ends with a blank; a value that begins or ends
+ * with a blank; any text holding a line end ('\n', '\r') or a ';' right
+ * after a blank. (A C string holds no NUL byte.) A save refuses (EFBIG) an
+ * object whose text would be longer than a load reads (1 MiB). Every file
+ * that loads saves and loads back equal, but for one near that bound: a
+ * save puts a blank line between sections, so a file within about one byte
+ * a section of 1 MiB may save longer than 1 MiB, which the save refuses.
  *
  * Saving. A save replaces the file whole and crash-safely: the text goes to
  * a temporary file in the same directory, "<path>.tmp.<pid>.<n>" (never the
@@ -92,10 +90,16 @@ TARNBASE_BEGIN_DECLS
 typedef struct tarn_ini tarn_ini_t;
 
 /* Loads the whole file at path into a new object, which the caller frees
- * with tarn_ini_file_free. A null path gives a new empty object. Returns
- * null with errno set when the object cannot be made: ENOENT (and the
- * like) for a missing file, EACCES for an unreadable one, EISDIR for a
- * directory, EINVAL for a malformed file (see above), ENOMEM. */
+ * with tarn_ini_file_free. A null path gives a new empty object. Only a
+ * regular file (a symbolic link to one included) of at most 1 MiB
+ * (1,048,576 bytes) is read: anything else is refused at once, without
+ * waiting for a FIFO's writer or reading a device. Returns null with errno
+ * set when the object cannot be made: ENOENT (and the like) for a missing
+ * file, EACCES for an unreadable one, EISDIR for a directory, EFTYPE
+ * (tarn_file.h: ENODEV where the system has none) for a FIFO, a device, a socket or anything else that is not
+ * a regular file, EFBIG for a file longer than 1 MiB (or one that grows past
+ * it while it is read), EIO and the like when reading fails, EINVAL for a
+ * malformed file (see above), ENOMEM. */
 TARNBASE_API tarn_ini_t *tarn_ini_file_load(const char *path);
 
 /* The value of key in section, or null when either is absent or an
@@ -134,9 +138,10 @@ TARNBASE_API int tarn_ini_file_foreach(tarn_ini_t *ini, void *user, tarn_ini_for
 
 /* Writes the whole object to path, replacing the file as described above,
  * without waiting for the disk. flags must be 0. Returns 0, EINVAL for a
- * null ini or path, an empty path or other flags, or the errno of the
- * failed step (ENOENT when path's directory is missing, EACCES, ENOSPC,
- * ...); on failure the file at path is unchanged and no temporary file is
+ * null ini or path, an empty path or other flags, EFBIG when the text would
+ * be longer than 1 MiB (tarn_ini_file_load would refuse it), or the errno
+ * of the failed step (ENOENT when path's directory is missing, EACCES,
+ * ENOSPC, ...); on failure the file at path is unchanged and no temporary file is
  * left. */
 TARNBASE_API int tarn_ini_file_save(tarn_ini_t *ini, const char *path, int flags);
 

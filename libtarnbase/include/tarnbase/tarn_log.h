@@ -13,10 +13,13 @@
  *   x86_companion = 0    ; 1: companion x86 components (tarn_platform.h)
  *
  * A missing file, section or key, and a value that is not a number in
- * range, give the default shown. A file with a malformed line (a line that
- * is neither a section, a "key = value" pair, a comment nor blank, or a
- * line of 200 bytes or more, its newline counted) is ignored as a whole: every default applies. The system log directory is also the
- * agent's data root: its log, backup and configuration trees lie below it.
+ * range, give the default shown. A file that is malformed (a line that is
+ * neither a section, a "key = value" pair, a comment nor blank, or a NUL
+ * byte anywhere), that is not a regular file (a FIFO or a device is neither
+ * waited for nor read) or that is longer than 1 MiB is ignored as a whole:
+ * every default applies. Lines may be of any length. The system log
+ * directory is also the agent's data root: its log, backup and
+ * configuration trees lie below it.
  *
  * Destinations. Until a destination is registered, lines go to standard
  * error. tarn_autolog_init registers a directory of rotated log files;
