@@ -460,19 +460,18 @@ TEST_F(AppHomeTest, GetApphomeRefusesARecordOrBackupThatIsNotARegularFileAtOnce)
       ASSERT_TRUE(tarn_test::make_not_a_file(path, kind));
       char name[64];
       memset(name, 'Z', sizeof(name));
-      {
-        tarn_test::TimeLimit limit(5, "tarn_apphome_get_apphome of " + what);
-        EXPECT_EQ(tarn_apphome_get_apphome(path, name, sizeof(name), nullptr, 0), 1);
-      }
+      EXPECT_EQ(
+          tarn_test::within_time_limit("tarn_apphome_get_apphome of " + what,
+                                       [&] { return tarn_apphome_get_apphome(path, name, sizeof(name), nullptr, 0); }),
+          1);
       EXPECT_EQ(name[0], 'Z');
       EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
       EXPECT_LOGGED("warn", "tarn_ini_file_load is failed\n");
       // The validity check reports it as a record that cannot be read.
       tarn_test::clear_logs();
-      {
-        tarn_test::TimeLimit limit(5, "tarn_apphome_check_validity of " + what);
-        EXPECT_EQ(tarn_apphome_check_validity(path), 2);
-      }
+      EXPECT_EQ(tarn_test::within_time_limit("tarn_apphome_check_validity of " + what,
+                                             [&] { return tarn_apphome_check_validity(path); }),
+                2);
       EXPECT_EQ(tarn_test::messages("warn"),
                 (std::vector<std::string>{"tarn_ini_file_load is failed\n",
                                           "tarn_apphome_get_apphome get apphome is failed\n"}));
@@ -714,11 +713,11 @@ TEST_F(AppHomeTest, UpdateOfARecordThatIsNotARegularFileStartsAfreshAtOnce) {
     SCOPED_TRACE(tarn_test::describe(kind));
     tarn_test::clear_logs();
     ASSERT_TRUE(tarn_test::make_not_a_file(kRecordPath, kind));
-    {
-      tarn_test::TimeLimit limit(5, std::string("tarn_apphome_update of a record that is ") +
-                                        tarn_test::describe(kind));
-      EXPECT_EQ(tarn_apphome_update(kHomeA, nullptr), 0) << dump_logs();
-    }
+    EXPECT_EQ(tarn_test::within_time_limit(
+                  std::string("tarn_apphome_update of a record that is ") + tarn_test::describe(kind),
+                  [&] { return tarn_apphome_update(kHomeA, nullptr); }),
+              0)
+        << dump_logs();
     EXPECT_EQ(tarn_test::messages("info"),
               (std::vector<std::string>{"after load\n", "backup ini to file successful!\n"}));
     EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
@@ -1005,10 +1004,10 @@ TEST_F(AppHomeTest, RestoreFromABackupThatIsNotARegularFileFailsAtOnce) {
     SCOPED_TRACE(tarn_test::describe(kind));
     tarn_test::clear_logs();
     ASSERT_TRUE(tarn_test::make_not_a_file(kBackupPath, kind));
-    {
-      tarn_test::TimeLimit limit(5, std::string("the restore from a backup that is ") + tarn_test::describe(kind));
-      EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
-    }
+    EXPECT_EQ(
+        tarn_test::within_time_limit(std::string("the restore from a backup that is ") + tarn_test::describe(kind),
+                                     [&] { return tarn_apphome_restore_from_backup(); }),
+        -1);
     EXPECT_EQ(tarn_test::messages("warn"),
               (std::vector<std::string>{format("load ini file %s failed\n", kBackupPath), error_occurd()}));
     EXPECT_FALSE(exists(kRecordPath));

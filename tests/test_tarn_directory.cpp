@@ -177,16 +177,15 @@ TEST_F(DirectoryTest, DirNameAndPathMainOfARecordThatIsNotARegularFileFailAtOnce
     tarn_test::clear_logs();
     char out[64];
     memset(out, 'Z', sizeof(out));
-    {
-      tarn_test::TimeLimit limit(5, "get_apphome_dir_name" + what);
-      EXPECT_EQ(get_apphome_dir_name(kRecordPath, out, sizeof(out), nullptr), -1);
-    }
+    EXPECT_EQ(
+        tarn_test::within_time_limit("get_apphome_dir_name" + what,
+                                     [&] { return get_apphome_dir_name(kRecordPath, out, sizeof(out), nullptr); }),
+        -1);
     EXPECT_EQ(tarn_test::messages("debug"), std::vector<std::string>{message});
     tarn_test::clear_logs();
-    {
-      tarn_test::TimeLimit limit(5, "get_apphome_path_main" + what);
-      EXPECT_EQ(get_apphome_path_main(out, sizeof(out)), 1);
-    }
+    EXPECT_EQ(tarn_test::within_time_limit("get_apphome_path_main" + what,
+                                           [&] { return get_apphome_path_main(out, sizeof(out)); }),
+              1);
     EXPECT_EQ(tarn_test::messages("debug"), std::vector<std::string>{message});
     EXPECT_EQ(out[0], 'Z');
     EXPECT_TRUE(tarn_test::is_not_a_file(kRecordPath, kind));

@@ -498,11 +498,9 @@ TEST_F(ProcessControlTest, RestartOfAConfigurationThatIsNotARegularFileIsMinusOn
     tarn_test::clear_logs();
     tarn_test::clear_file_events();
     ASSERT_TRUE(tarn_test::make_not_a_file(kConfig, kind));
-    {
-      tarn_test::TimeLimit limit(5, std::string("restart_tarn_process of a configuration that is ") +
-                                        tarn_test::describe(kind));
-      EXPECT_EQ(-1, restart_tarn_process("tarn_worker"));
-    }
+    EXPECT_EQ(-1, tarn_test::within_time_limit(
+                      std::string("restart_tarn_process of a configuration that is ") + tarn_test::describe(kind),
+                      [&] { return restart_tarn_process("tarn_worker"); }));
     EXPECT_EQ(std::vector<std::string>{"restart_tarn_process tarn_worker failed: tarn_ini_file_load failed!\n"},
               messages("error"));
     EXPECT_EQ(1u, tarn_test::logs().size()) << dump_logs();

@@ -188,11 +188,9 @@ TEST_F(ProductTest, AnInstallRecordThatIsNotARegularFileIsRefusedAtOnce) {
     tarn_test::clear_logs();
     tarn_test::clear_file_events();
     ASSERT_TRUE(tarn_test::make_not_a_file(kInskey, kind));
-    {
-      tarn_test::TimeLimit limit(5, std::string("is_product_installed with an install record that is ") +
-                                        tarn_test::describe(kind));
-      EXPECT_EQ(0, is_product_installed("edr"));
-    }
+    EXPECT_EQ(0, tarn_test::within_time_limit(
+                     std::string("is_product_installed with an install record that is ") + tarn_test::describe(kind),
+                     [&] { return is_product_installed("edr"); }));
     EXPECT_EQ((std::vector<std::string>{format("load ini file failed: %s\n", kInskey.c_str()),
                                         not_recorded_message("edr")}),
               messages("warn"));
@@ -471,10 +469,7 @@ TEST_F(ProductTest, ARegisterOrBackupThatIsNotARegularFileIsRefusedAtOnce) {
     // Without a backup: not registered.
     tarn_test::clear_logs();
     ASSERT_TRUE(tarn_test::make_not_a_file(kRegister, kind));
-    {
-      tarn_test::TimeLimit limit(5, what);
-      EXPECT_EQ(0, is_product_register("edr"));
-    }
+    EXPECT_EQ(0, tarn_test::within_time_limit(what, [&] { return is_product_register("edr"); }));
     EXPECT_EQ((std::vector<std::string>{
                   format("product_register backup file is no exists, path is %s\n", kBackup.c_str()),
                   format("tarn_ini_file_load failed path[%s]\n", kRegister.c_str())}),
@@ -483,21 +478,16 @@ TEST_F(ProductTest, ARegisterOrBackupThatIsNotARegularFileIsRefusedAtOnce) {
     // With a whole backup: replaced by it, as a register that does not load.
     tarn_test::clear_logs();
     ASSERT_TRUE(write_file(kBackup, kBackupText));
-    {
-      tarn_test::TimeLimit limit(5, what + " and a backup");
-      EXPECT_EQ(1, is_product_register("firewall"));
-    }
+    EXPECT_EQ(1, tarn_test::within_time_limit(what + " and a backup", [&] { return is_product_register("firewall"); }));
     EXPECT_EQ(std::vector<std::string>{format("load [%s] error!\n", kRegister.c_str())}, messages("warn"));
     EXPECT_EQ(std::vector<std::string>{"reset backup product_register successed\n"}, messages("info"));
     EXPECT_EQ(kBackupText, read_file(kRegister));
     // A backup that is not a regular file: the register is read as it is.
     tarn_test::clear_logs();
     ASSERT_TRUE(tarn_test::make_not_a_file(kBackup, kind));
-    {
-      tarn_test::TimeLimit limit(5, std::string("is_product_register with a backup that is ") +
-                                        tarn_test::describe(kind));
-      EXPECT_EQ(1, is_product_register("firewall"));
-    }
+    EXPECT_EQ(1, tarn_test::within_time_limit(
+                     std::string("is_product_register with a backup that is ") + tarn_test::describe(kind),
+                     [&] { return is_product_register("firewall"); }));
     EXPECT_EQ(std::vector<std::string>{format("product_register backup file is failed, path is %s\n",
                                               kBackup.c_str())},
               messages("warn"));

@@ -183,11 +183,10 @@ TEST_F(UpgradeTest, AnExitInfoFileThatIsNotARegularFileIsStartedAfreshAtOnce) {
     ASSERT_TRUE(tarn_test::make_not_a_file(exit_info_path(), kind));
     tarn_test::clear_logs();
     g_overrides.now = 42;
-    {
-      tarn_test::TimeLimit limit(5, std::string("tarn_update_exit_info with a file that is ") +
-                                        tarn_test::describe(kind));
-      EXPECT_EQ(tarn_update_exit_info(2), 0);
-    }
+    EXPECT_EQ(tarn_test::within_time_limit(
+                  std::string("tarn_update_exit_info with a file that is ") + tarn_test::describe(kind),
+                  [&] { return tarn_update_exit_info(2); }),
+              0);
     EXPECT_EQ(tarn_test::messages("info"),
               (std::vector<std::string>{
                   "after load\n",

@@ -148,28 +148,25 @@ TEST_F(UtilsTest, ReadersOfARecordThatIsNotARegularFileFailAtOnce) {
     tarn_test::clear_logs();
     char out[64];
     memset(out, 'Z', sizeof(out));
-    {
-      tarn_test::TimeLimit limit(5, "get_app_home_dir" + what);
-      EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), nullptr), -1);
-    }
+    EXPECT_EQ(tarn_test::within_time_limit("get_app_home_dir" + what,
+                                           [&] { return get_app_home_dir(kRecordPath, out, sizeof(out), nullptr); }),
+              -1);
     EXPECT_EQ(out[0], 'Z');
     EXPECT_EQ(tarn_test::messages("warn"),
               std::vector<std::string>{format("qiv_eni_file_load is failed, path is %s.\n", kRecordPath)});
     tarn_test::clear_logs();
-    {
-      tarn_test::TimeLimit limit(5, "tarn_get_upgrade_lock_count" + what);
-      EXPECT_EQ(tarn_get_upgrade_lock_count(), 0);
-    }
+    EXPECT_EQ(tarn_test::within_time_limit("tarn_get_upgrade_lock_count" + what,
+                                           [&] { return tarn_get_upgrade_lock_count(); }),
+              0);
     EXPECT_EQ(tarn_test::messages("info"),
               std::vector<std::string>{format("tarn_ini_file_load is failed, path is %s.\n", kRecordPath)});
     EXPECT_TRUE(tarn_test::is_not_a_file(kRecordPath, kind));
     EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
     // An update starts afresh and puts a regular file in its place.
     tarn_test::clear_logs();
-    {
-      tarn_test::TimeLimit limit(5, "update_app_home_dir" + what);
-      EXPECT_EQ(update_app_home_dir(kRecordPath, kHomeA, nullptr, nullptr), 0);
-    }
+    EXPECT_EQ(tarn_test::within_time_limit("update_app_home_dir" + what,
+                                           [&] { return update_app_home_dir(kRecordPath, kHomeA, nullptr, nullptr); }),
+              0);
     EXPECT_EQ(tarn_test::messages("info"), std::vector<std::string>{"after load\n"});
     EXPECT_EQ(read_file(kRecordPath), record_text(kHomeA));
   }

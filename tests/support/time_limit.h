@@ -4,7 +4,7 @@
 // names the call on standard error, so that the failure shows instead of a
 // hang. It is armed by the constructor (alarm(2) and a SIGALRM handler)
 // and disarmed by the destructor; one at a time per process. A forked child
-// may arm its own.
+// may arm its own. within_time_limit wraps one call in one.
 #ifndef TARN_TEST_TIME_LIMIT_H
 #define TARN_TEST_TIME_LIMIT_H
 
@@ -45,6 +45,14 @@ class TimeLimit {
   static inline char message_[512] = {0};
   struct sigaction saved_;
 };
+
+// What call() returns, called under a TimeLimit of 5 seconds that names it
+// what.
+template <typename Call>
+auto within_time_limit(const std::string &what, Call call) -> decltype(call()) {
+  const TimeLimit limit(5, what);
+  return call();
+}
 
 }  // namespace tarn_test
 
