@@ -125,8 +125,7 @@ int parse_text(std::string *text, IniHandler handler, void *user) {
     char *line_end = static_cast<char *>(memchr(at, '\n', (size_t)(end - at)));
     if (line_end == nullptr) line_end = end;
     if (memchr(at, '\0', (size_t)(line_end - at)) != nullptr) return number;
-    // The last line's terminator is the string's own.
-    *line_end = '\0';
+    // Terminated at its '\n', the last line at the string's own terminator.
     if (!parser.line(skip_blanks(cut_trailing_blanks(at, line_end)))) return number;
     at = line_end + 1;
   }
