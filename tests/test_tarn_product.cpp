@@ -191,9 +191,9 @@ TEST_F(ProductTest, AnInstallRecordThatIsNotARegularFileIsRefusedAtOnce) {
     EXPECT_EQ(0, tarn_test::within_time_limit(
                      std::string("is_product_installed with an install record that is ") + tarn_test::describe(kind),
                      [&] { return is_product_installed("edr"); }));
-    EXPECT_EQ((std::vector<std::string>{format("load ini file failed: %s\n", kInskey.c_str()),
-                                        not_recorded_message("edr")}),
-              messages("warn"));
+    EXPECT_EQ((std::vector<std::string>{"warn " + unloadable_record_message(), "warn " + missing_path_message("edr"),
+                                        "warn " + not_recorded_message("edr")}),
+              leveled_lines());
     EXPECT_EQ(lock_events(kInskeyLock), tarn_test::file_events());
     EXPECT_TRUE(tarn_test::is_not_a_file(kInskey, kind));
   }
