@@ -5,6 +5,12 @@
  * output file at a time, so memory use does not depend on the archive's
  * size. Reentrant: all state lives in the call. Two calls extracting into
  * the same directory are not coordinated.
+ *
+ * Stack and heap. The call keeps its large buffers (a 64 KiB stream buffer
+ * for the file being written, and the path buffers) in one heap block of
+ * about 75 KB, allocated once per call, so that it runs on a thread with a
+ * 32 KiB stack. zlib keeps its own state and buffers on the heap too
+ * (about 420 KB with the 128 KiB input buffer used here).
  */
 #ifndef UNTGZ_H
 #define UNTGZ_H
@@ -78,6 +84,9 @@ TARNAUX_BEGIN_DECLS
  * Returns 0 when the whole archive was extracted up to its end block (a
  * header block whose name is empty), and 1 otherwise: tgz_path null (not
  * logged), or any failure or refusal below. Each failure is logged at warn:
+ *  - "Out of memory\n" when the buffers of the call cannot be allocated
+ *    (the function has a failure result, so the process goes on); dest_dir
+ *    is made as above, but the archive is not opened;
  *  - "canot open file [%s]\n" (the path) when gzopen fails;
  *  - "read tgz failed, err: %s" (zlib's gzerror text, "<path>: <reason>",
  *    and no line end) when the stream cannot be decompressed (corrupt data,

@@ -14,9 +14,11 @@
 #include <zlib.h>
 
 #include <memory>
+#include <utility>
 
 #include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_file.h>
+#include <tarnbase/tarn_mem.h>
 #include <tarnbase/tarn_path.h>
 #include <tarnbase/tarn_str.h>
 
@@ -41,6 +43,23 @@ constexpr size_t kModeLength = 8;
 constexpr size_t kSizeOffset = 124;
 constexpr size_t kSizeLength = 12;
 constexpr size_t kTypeOffset = 156;
+
+// The large buffers of one extraction, in one heap block per call, so
+// that the call runs on a thread with a small stack (32 KiB).
+struct Buffers {
+  char write[kWriteBufferSize];  // the output file's stream buffer
+  char root[PATH_MAX];           // the destination, resolved; "" when it cannot be
+  char path[kPathSize];          // the current member's path
+  char link[kPathSize];          // the prefix of path being checked for links
+  char resolved[PATH_MAX];       // a link's target, resolved
+  // One block, and a zero after it: a name without a terminator stops there.
+  unsigned char block[kBlockSize + 1];
+};
+
+struct FreeBuffers {
+  void operator()(Buffers *buffers) const { tarn_free_(buffers); }
+};
+using BuffersPtr = std::unique_ptr<Buffers, FreeBuffers>;
 
 // Reads an octal text field of at most length characters: a zero byte ends
 // it, blanks are skipped, any other character than '0'..'7' makes it
@@ -76,15 +95,15 @@ bool is_inside(const char *resolved, const char *root) {
          (resolved[length] == '\0' || resolved[length] == '/');
 }
 
-// Checks each existing component of path from offset start on. Returns
-// true when the member may be created; false, with the offending prefix of
-// path in link, when a component is a symbolic link whose target is not
-// inside root, cannot be resolved, or, for a file, is the file itself.
-// The first component that does not exist ends the walk: what follows will
-// be created as plain directories.
-bool links_stay_inside(const char *path, size_t start, bool is_file, const char *root,
-                       char (&link)[kPathSize]) {
-  tarn_strlcpy(link, path, sizeof(link));
+// Checks each existing component of buffers.path from offset start on.
+// Returns true when the member may be created; false, with the offending
+// prefix of the path in buffers.link, when a component is a symbolic link
+// whose target is not inside buffers.root, cannot be resolved, or, for a
+// file, is the file itself. The first component that does not exist ends
+// the walk: what follows will be created as plain directories.
+bool links_stay_inside(Buffers &buffers, size_t start, bool is_file) {
+  char (&link)[kPathSize] = buffers.link;
+  tarn_strlcpy(link, buffers.path, sizeof(link));
   size_t length = strlen(link);
   while (length > start && link[length - 1] == '/') --length;
   for (size_t end = start; end <= length; ++end) {
@@ -94,9 +113,8 @@ bool links_stay_inside(const char *path, size_t start, bool is_file, const char 
     struct stat st;
     if (lstat(link, &st) != 0) return true;
     if (S_ISLNK(st.st_mode)) {
-      char resolved[PATH_MAX];
-      if ((is_file && end == length) || realpath(link, resolved) == nullptr ||
-          !is_inside(resolved, root))
+      if ((is_file && end == length) || realpath(link, buffers.resolved) == nullptr ||
+          !is_inside(buffers.resolved, buffers.root))
         return false;
     }
     link[end] = kept;
@@ -135,13 +153,17 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
-// The state of one extraction.
+// The state of one extraction. Its buffers live in one heap block.
 class Extraction {
  public:
-  explicit Extraction(const char *destination)
-      : destination_(destination), destination_length_(strlen(destination)) {
+  Extraction(const char *destination, BuffersPtr buffers)
+      : buffers_(std::move(buffers)),
+        destination_(destination),
+        destination_length_(strlen(destination)) {
     if (realpath(destination, root_) == nullptr) root_[0] = '\0';
   }
+  Extraction(const Extraction &) = delete;
+  Extraction &operator=(const Extraction &) = delete;
 
   // Reads the stream to its end or first error, closes it, and returns the
   // call's result.
@@ -162,19 +184,18 @@ class Extraction {
     tarn_str_snprintf(path_, sizeof(path_), "%s/%s", destination_, name);
   }
 
+  BuffersPtr buffers_;  // out_ writes into it, so declared before out_
+  char (&root_)[PATH_MAX] = buffers_->root;
+  char (&path_)[kPathSize] = buffers_->path;
+  unsigned char (&block_)[kBlockSize + 1] = buffers_->block;
   const char *destination_;
   size_t destination_length_;
-  char root_[PATH_MAX];  // the destination, resolved; "" when it cannot be
   int32_t result_ = 0;
   bool refused_ = false;  // a member was refused; extraction went on
   bool expect_header_ = true;
   uint32_t remaining_ = 0;  // data bytes of the current file (or refused member)
-  char write_buffer_[kWriteBufferSize];  // out_'s buffer, so declared before it
   FilePtr out_;
   int mode_ = 0;
-  char path_[kPathSize] = {};
-  // One block, and a zero after it: a name without a terminator stops there.
-  unsigned char block_[kBlockSize + 1] = {};
 };
 
 int32_t Extraction::run(gzFile stream) {
@@ -247,9 +268,8 @@ bool Extraction::admit(const char *name, bool is_file) {
     refused_ = true;
     return false;
   }
-  char link[kPathSize];
-  if (!links_stay_inside(path_, destination_length_ + 1, is_file, root_, link)) {
-    LOG(warn, "member %s goes through symbolic link %s -- skipping\n", name, link);
+  if (!links_stay_inside(*buffers_, destination_length_ + 1, is_file)) {
+    LOG(warn, "member %s goes through symbolic link %s -- skipping\n", name, buffers_->link);
     refused_ = true;
     return false;
   }
@@ -281,7 +301,7 @@ void Extraction::start_file(const char *name) {
     LOG(warn, "make base dir %s failed, errcode:0x%x\n", directory, error);
   }
   join(name);
-  out_.reset(open_for_writing(path_, write_buffer_));
+  out_.reset(open_for_writing(path_, buffers_->write));
   if (!out_) {
     const int error = errno;
     LOG(warn, "Couldn't create %s, errcode:0x%x\n", path_, error);
@@ -333,12 +353,17 @@ TARNAUX_API int32_t untgz_file(const char *tgz_path, const char *dest_dir) {
   if (tgz_path == nullptr) return 1;
   const char *destination = dest_dir != nullptr ? dest_dir : ".";
   if (tarn_path_is_dir_u(destination) == 0) tarn_dirutils_mkdir(destination, kDestinationMode);
+  BuffersPtr buffers(static_cast<Buffers *>(tarn_zero_malloc_(sizeof(Buffers))));
+  if (!buffers) {
+    LOG(warn, "Out of memory\n");
+    return 1;
+  }
   gzFile stream = gzopen(tgz_path, "rbe");
   if (stream == nullptr) {
     LOG(warn, "canot open file [%s]\n", tgz_path);
     return 1;
   }
   gzbuffer(stream, kStreamBufferSize);
-  Extraction extraction(destination);
+  Extraction extraction(destination, std::move(buffers));
   return extraction.run(stream);
 }

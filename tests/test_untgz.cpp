@@ -10,6 +10,9 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "child_logs.h"
 #include "fakes.h"
 #include "files.h"
 #include "log_checks.h"
@@ -66,6 +70,52 @@ std::vector<std::string> lines() {
 }
 
 std::string warn(const std::string &message) { return "warn: " + message; }
+
+std::vector<std::string> lines_of(const tarn_test::ChildOutcome &outcome) {
+  std::vector<std::string> all;
+  for (const tarn_test::LogLine &line : outcome.lines) all.push_back(line.word + ": " + line.message);
+  return all;
+}
+
+// A call that blocks is ended after this many seconds.
+constexpr unsigned kTimeLimitSeconds = 10;
+
+// The stack of the thread that extracts in the small-stack test. The
+// sanitizer build puts redzones around every local array, in the library
+// and in the sanitizer's own interceptors (realpath, the printf family)
+// that run on the same stack, and needs more for that alone.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr size_t kSmallStack = 64 * 1024;
+#else
+constexpr size_t kSmallStack = 32 * 1024;
+#endif
+
+struct ThreadCall {
+  const char *tgz;
+  const char *dest;
+  int32_t result;
+};
+
+void *untgz_on_thread(void *argument) {
+  ThreadCall *call = static_cast<ThreadCall *>(argument);
+  call->result = untgz_file(call->tgz, call->dest);
+  return nullptr;
+}
+
+// Runs untgz_file on a new thread with a stack of stack_size bytes and
+// returns its result; 100 + the error when the thread cannot be made.
+int32_t untgz_on_a_small_stack(const std::string &tgz, const std::string &dest, size_t stack_size) {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return 100;
+  int error = pthread_attr_setstacksize(&attributes, stack_size);
+  ThreadCall call = {tgz.c_str(), dest.c_str(), -1};
+  pthread_t thread;
+  if (error == 0) error = pthread_create(&thread, &attributes, untgz_on_thread, &call);
+  pthread_attr_destroy(&attributes);
+  if (error != 0) return 100 + error;
+  pthread_join(thread, nullptr);
+  return call.result;
+}
 
 class UntgzTest : public ::testing::Test {
  protected:
@@ -120,6 +170,15 @@ TEST_F(UntgzTest, ArchiveThatCannotBeOpenedLogsCanotOpenFile) {
   EXPECT_EQ(lines(), std::vector<std::string>{warn(format("canot open file [%s]\n", missing.c_str()))});
   // The destination is made before the archive is opened.
   EXPECT_EQ(file_mode(dest_), 0755);
+}
+
+TEST_F(UntgzTest, BuffersThatCannotBeAllocatedLogOutOfMemoryAndReturnOne) {
+  const std::string tgz = tgz_of({{"x.txt", "x"}});
+  tarn_test::fail_allocation_after(0);
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(lines(), std::vector<std::string>{warn("Out of memory\n")});
+  EXPECT_EQ(file_mode(dest_), 0755);
+  EXPECT_TRUE(list_directory(dest_).empty());
 }
 
 TEST_F(UntgzTest, ExtractsATreeMadeByTarWithContentsAndModesAndIgnoresItsSymbolicLink) {
@@ -202,6 +261,42 @@ TEST_F(UntgzTest, DestinationThatIsAFileStaysAndEveryMemberFails) {
                          warn(format("Couldn't create %s/x.txt, errcode:0x%x\n", dest_.c_str(), ENOTDIR)),
                          warn("broken archive\n")}));
   EXPECT_EQ(read_file(dest_), "a file");
+}
+
+// ---------------------------------------------------------------------------
+// A small stack
+
+// In a child, so that a stack overflow ends the child (SIGSEGV) and not the
+// test program.
+TEST_F(UntgzTest, ExtractsOnAThreadWithA32KiBStack) {
+  const std::string big = noise(300 * 1024);  // more than the 64 KiB stream buffer
+  const std::string tgz = tgz_of({{"pkg/", "", '5', "0000750"},
+                                  {"pkg/big.bin", big, '0', "0000600"},
+                                  {"pkg/small.txt", "small"},
+                                  {"inside/f.txt", "through a link that stays inside"}});
+  // A member through a link that stays inside the destination is resolved
+  // (realpath); one through a link that leaves it is refused and logged.
+  ASSERT_TRUE(make_dirs(in_dest("real")) && make_dirs(tmp_ + "/outside"));
+  ASSERT_EQ(symlink("real", in_dest("inside").c_str()), 0);
+  ASSERT_EQ(symlink((tmp_ + "/outside").c_str(), in_dest("leaving").c_str()), 0);
+  const std::string refused = tgz_of({{"leaving/x.txt", "x"}}, "refused");
+
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(kTimeLimitSeconds, [&] {
+    const int32_t first = untgz_on_a_small_stack(tgz, dest_, kSmallStack);
+    const int32_t second = untgz_on_a_small_stack(refused, dest_, kSmallStack);
+    return first == 0 && second == 1 ? 0 : 10 + first * 10 + second;
+  });
+  EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
+  EXPECT_EQ(outcome.exit_status, 0);
+  EXPECT_EQ(lines_of(outcome), std::vector<std::string>{warn(format(
+                                   "member leaving/x.txt goes through symbolic link %s/leaving -- skipping\n",
+                                   dest_.c_str()))});
+  EXPECT_EQ(file_mode(in_dest("pkg")), 0750);
+  EXPECT_TRUE(read_file(in_dest("pkg/big.bin")) == big);
+  EXPECT_EQ(file_mode(in_dest("pkg/big.bin")), 0600);
+  EXPECT_EQ(read_file(in_dest("pkg/small.txt")), "small");
+  EXPECT_EQ(read_file(in_dest("real/f.txt")), "through a link that stays inside");
+  EXPECT_TRUE(list_directory(tmp_ + "/outside").empty());
 }
 
 // ---------------------------------------------------------------------------

@@ -94,4 +94,11 @@ ChildOutcome run_in_child(const std::function<void()> &body) {
   return outcome;
 }
 
+ChildOutcome run_in_child_with_time_limit(unsigned seconds, const std::function<int()> &body) {
+  return run_in_child([&] {
+    alarm(seconds);
+    exit(body());
+  });
+}
+
 }  // namespace tarn_test

@@ -23,6 +23,11 @@ struct ChildOutcome {
 // whose body returns exits with status 3.
 ChildOutcome run_in_child(const std::function<void()> &body);
 
+// run_in_child for a call that must not block: the child exits with body's
+// result, and one still running after seconds is ended by SIGALRM
+// (outcome.signal), so that the test fails instead of hanging.
+ChildOutcome run_in_child_with_time_limit(unsigned seconds, const std::function<int()> &body);
+
 }  // namespace tarn_test
 
 #endif

@@ -149,6 +149,13 @@ void kill_and_reap(pid_t pid) {
   reap(pid);
 }
 
+int run_with_time_limit(unsigned seconds, const std::function<int()> &body) {
+  return reap(fork_child([&] {
+    alarm(seconds);
+    return body();
+  }));
+}
+
 // ---------------------------------------------------------------------------
 // Peer
 

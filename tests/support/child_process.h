@@ -86,6 +86,12 @@ int reap(pid_t pid);
 
 void kill_and_reap(pid_t pid);
 
+// For a call that must not block: forks a child that runs body under
+// alarm(seconds) and returns reap()'s answer, body's result, or
+// killed_by(SIGALRM) when body was still running at the time limit, so
+// that the test fails instead of hanging.
+int run_with_time_limit(unsigned seconds, const std::function<int()> &body);
+
 // The address space that this process holds, in bytes; 0 when
 // /proc/self/statm cannot be read. A test that lowers RLIMIT_AS in a child
 // starts from it.
