@@ -21,6 +21,10 @@
 
 TARNAUX_BEGIN_DECLS
 
+/* The largest archive that untgz_file reads, in bytes: 64 GiB. Packages are hundreds of megabytes; the bound only
+ * stops a reader that would never end. */
+#define UNTGZ_ARCHIVE_MAX_BYTES (64ULL * 1024 * 1024 * 1024)
+
 /* Extracts the archive tgz_path into the directory dest_dir (null means the
  * current directory, "."). When dest_dir is not an existing directory it is
  * first created, with its missing parents, with mode 0755; a failure there
@@ -81,16 +85,27 @@ TARNAUX_BEGIN_DECLS
  * directory of dest_dir for a link while the call runs is defended against
  * only by O_NOFOLLOW on the file itself.
  *
+ * The archive. Only a regular file of at most UNTGZ_ARCHIVE_MAX_BYTES
+ * bytes is read (symbolic links to one are followed). It is opened so that
+ * the open cannot block (tarn_file_open_regular, tarnbase/tarn_file.h): a
+ * FIFO, a device (a link to /dev/zero), a socket, a directory, or a larger
+ * file is refused at once, before anything is extracted, as an archive
+ * that cannot be opened. The stream is then read from that descriptor, so
+ * that a file put in the archive's place meanwhile is not read.
+ *
  * Returns 0 when the whole archive was extracted up to its end block (a
  * header block whose name is empty), and 1 otherwise: tgz_path null (not
  * logged), or any failure or refusal below. Each failure is logged at warn:
  *  - "Out of memory\n" when the buffers of the call cannot be allocated
  *    (the function has a failure result, so the process goes on); dest_dir
  *    is made as above, but the archive is not opened;
- *  - "canot open file [%s]\n" (the path) when gzopen fails;
+ *  - "canot open file [%s]\n" (the path) when the archive is missing,
+ *    cannot be opened, is not a regular file or is larger than
+ *    UNTGZ_ARCHIVE_MAX_BYTES, or zlib cannot take the stream (gzdopen);
  *  - "read tgz failed, err: %s" (zlib's gzerror text, "<path>: <reason>",
- *    and no line end) when the stream cannot be decompressed (corrupt data,
- *    a wrong checksum); the call ends at once;
+ *    with the archive's path as given, and no line end) when the stream
+ *    cannot be decompressed (corrupt data, a wrong checksum); the call ends
+ *    at once;
  *  - "make base dir %s failed, errcode:0x%x\n" (the directory, errno) when
  *    a file's directory cannot be created; extraction goes on;
  *  - "Couldn't create %s, errcode:0x%x\n" (the path, errno) when a file

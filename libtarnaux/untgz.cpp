@@ -148,6 +148,22 @@ void drop_set_id_bits(int fd) {
     fchmod(fd, st.st_mode & ~(mode_t)(S_ISUID | S_ISGID) & 07777);
 }
 
+// Logs zlib's error text for a stream that cannot be read. gzdopen names
+// the stream "<fd:N>" in that text; the line names the archive in its
+// place, as a stream opened by its path would.
+void log_read_error(gzFile stream, const char *tgz_path, int fd) {
+  int code = 0;
+  const char *text = gzerror(stream, &code);
+  char prefix[32];
+  const int length = snprintf(prefix, sizeof(prefix), "<fd:%d>", fd);
+  char named[kPathSize + 256];
+  if (length > 0 && strncmp(text, prefix, (size_t)length) == 0) {
+    tarn_str_snprintf(named, sizeof(named), "%s%s", tgz_path, text + length);
+    text = named;
+  }
+  LOG(warn, "read tgz failed, err: %s", text);
+}
+
 struct FileCloser {
   void operator()(FILE *file) const { fclose(file); }
 };
@@ -165,9 +181,9 @@ class Extraction {
   Extraction(const Extraction &) = delete;
   Extraction &operator=(const Extraction &) = delete;
 
-  // Reads the stream to its end or first error, closes it, and returns the
-  // call's result.
-  int32_t run(gzFile stream);
+  // Reads the stream of the archive tgz_path, opened from descriptor fd, to
+  // its end or first error, closes it, and returns the call's result.
+  int32_t run(gzFile stream, const char *tgz_path, int fd);
 
  private:
   // What a header block leads to.
@@ -198,13 +214,12 @@ class Extraction {
   int mode_ = 0;
 };
 
-int32_t Extraction::run(gzFile stream) {
+int32_t Extraction::run(gzFile stream, const char *tgz_path, int fd) {
   bool quiet = false;  // the end needs no "broken archive" line
   while (result_ == 0) {
     const int got = gzread(stream, block_, kBlockSize);
     if (got < 0) {
-      int code = 0;
-      LOG(warn, "read tgz failed, err: %s", gzerror(stream, &code));
+      log_read_error(stream, tgz_path, fd);
       gzclose(stream);
       return 1;
     }
@@ -358,12 +373,16 @@ TARNAUX_API int32_t untgz_file(const char *tgz_path, const char *dest_dir) {
     LOG(warn, "Out of memory\n");
     return 1;
   }
-  gzFile stream = gzopen(tgz_path, "rbe");
+  // Only a regular file within the bound is read: the open cannot block on
+  // a FIFO, and a device would never end.
+  const int fd = tarn_file_open_regular(tgz_path, UNTGZ_ARCHIVE_MAX_BYTES);
+  gzFile stream = fd >= 0 ? gzdopen(fd, "rb") : nullptr;
   if (stream == nullptr) {
+    if (fd >= 0) close(fd);
     LOG(warn, "canot open file [%s]\n", tgz_path);
     return 1;
   }
   gzbuffer(stream, kStreamBufferSize);
   Extraction extraction(destination, std::move(buffers));
-  return extraction.run(stream);
+  return extraction.run(stream, tgz_path, fd);
 }

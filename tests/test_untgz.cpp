@@ -181,6 +181,36 @@ TEST_F(UntgzTest, BuffersThatCannotBeAllocatedLogOutOfMemoryAndReturnOne) {
   EXPECT_TRUE(list_directory(dest_).empty());
 }
 
+// Each is refused at once (a reader that blocks is ended at the time limit)
+// as an archive that cannot be opened, and nothing is extracted.
+TEST_F(UntgzTest, ArchiveThatIsNotARegularFileOrIsTooLargeIsRefusedAtOnce) {
+  const std::string fifo = tmp_ + "/fifo.tgz";
+  const std::string zero = tmp_ + "/zero.tgz";
+  const std::string directory = tmp_ + "/directory.tgz";
+  const std::string too_large = tmp_ + "/too_large.tgz";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
+  ASSERT_EQ(symlink("/dev/zero", zero.c_str()), 0);
+  ASSERT_TRUE(make_dirs(directory));
+  // A good archive, then a hole up to one byte past the bound: zlib would
+  // extract the archive and ignore the zeros after it.
+  ASSERT_TRUE(write_file(too_large, gzip_of(tar_of({{"inside.txt", "in"}}))));
+  ASSERT_EQ(truncate(too_large.c_str(), (off_t)(UNTGZ_ARCHIVE_MAX_BYTES + 1)), 0) << strerror(errno);
+  for (const std::string &archive : {fifo, zero, directory, too_large}) {
+    SCOPED_TRACE(archive);
+    const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(
+        kTimeLimitSeconds, [&] { return untgz_file(archive.c_str(), dest_.c_str()); });
+    EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
+    EXPECT_EQ(outcome.exit_status, 1);
+    EXPECT_EQ(lines_of(outcome), std::vector<std::string>{warn(format("canot open file [%s]\n", archive.c_str()))});
+    EXPECT_TRUE(list_directory(dest_).empty());
+  }
+  // At the bound itself the archive is read.
+  ASSERT_EQ(truncate(too_large.c_str(), (off_t)UNTGZ_ARCHIVE_MAX_BYTES), 0);
+  EXPECT_EQ(untgz_file(too_large.c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(read_file(in_dest("inside.txt")), "in");
+}
+
 TEST_F(UntgzTest, ExtractsATreeMadeByTarWithContentsAndModesAndIgnoresItsSymbolicLink) {
   const std::string src = tmp_ + "/src";
   ASSERT_TRUE(make_dirs(src + "/pkg/bin") && make_dirs(src + "/pkg/etc") && make_dirs(src + "/pkg/data"));
