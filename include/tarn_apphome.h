@@ -47,7 +47,10 @@
  * errcode:0x%x\n" when the flag is missing, then "current path %s not
  * operational backup path, errcode:0x%x\n" when the spare is missing too,
  * or "copy operational backup file to operational file failed\n" when the
- * spare cannot be copied back.
+ * spare cannot be copied back: also when the spare is not a regular file
+ * (a FIFO, a device such as a link to /dev/zero), which the copy
+ * (tarn_file_copy) refuses at once instead of blocking or copying without
+ * end; the directory is then not operational.
  */
 #ifndef TARN_APPHOME_H
 #define TARN_APPHOME_H

@@ -69,7 +69,10 @@ TARNAUX_API int32_t is_component_installed(const char *component);
  * names, case-sensitive) are both in it; a whole register is never
  * touched. A restored register is a copy of the backup (tarn_file_copy)
  * given the mode 777 in decimal, that is 01411 octal: sticky, owner read,
- * group and others execute. The backup is read without a lock, the
+ * group and others execute. Only a regular backup is copied: one that is
+ * something else by the time of the copy (a FIFO, a device such as a link
+ * to /dev/zero) is refused at once, without blocking, as a failed copy
+ * with errcode EFTYPE (ENODEV, 19, on Linux; tarnbase/tarn_file.h). The backup is read without a lock, the
  * register's lock is the caller's.
  *
  * Returns 0 when the register is whole (logged at info "ready to check

@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,11 +50,12 @@ TARNBASE_API int tarn_file_copy(const char *src, const char *dst) {
 TARNBASE_API int tarn_file_copy_ex(const char *src, const char *dst, int option) {
   if (is_empty(src) || is_empty(dst)) return fail(EINVAL);
   if (option != TARN_FILE_COPY_REPLACE && option != TARN_FILE_COPY_NO_REPLACE) return fail(EINVAL);
-  const int in = open(src, O_RDONLY | O_CLOEXEC);
+  // A FIFO must not block the open, nor a device (/dev/zero) make a copy
+  // without end: only a regular file is read, of any size.
+  const int in = tarn_file_open_regular(src, ULLONG_MAX);
   if (in < 0) return errno;
   struct stat st;
   int result = fstat(in, &st) == 0 ? 0 : errno;
-  if (result == 0 && S_ISDIR(st.st_mode)) result = EISDIR;
   if (result == 0) {
     tarnbase::ReplaceOptions options;
     options.durable = true;

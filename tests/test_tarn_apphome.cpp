@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -1158,6 +1159,35 @@ TEST_F(AppHomeTest, AFailedRepairIsNotOperational) {
   EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 0);
   EXPECT_LOGGED("info", "copy operational backup file to operational file failed\n");
   EXPECT_FALSE(exists(dir + "/config/flags/flag_operational"));
+}
+
+// The spare is copied only when it is a regular file: a FIFO (which would
+// block the copy until the time limit ends it) and a link to /dev/zero
+// (which would be copied until the file size limit ends the child) are
+// refused at once, as a failed repair.
+TEST_F(AppHomeTest, ASpareThatIsNotARegularFileIsNotCopiedAndNotOperational) {
+  const std::string dir = make_apphome(kHomeA, false, false);
+  const std::string spare = dir + "/config/flags/flag_operational_backup";
+  for (const std::function<int()> &make_spare : std::vector<std::function<int()>>{
+           [&] { return mkfifo(spare.c_str(), 0644); }, [&] { return symlink("/dev/zero", spare.c_str()); }}) {
+    ASSERT_TRUE(unlink(spare.c_str()) == 0 || errno == ENOENT);
+    ASSERT_EQ(make_spare(), 0) << strerror(errno);
+    const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(10, [&] {
+      if (!tarn_test::limit_file_size(64 * 1024)) return 2;
+      int32_t err = 0;
+      return tarn_apphome_is_operational_path(dir.c_str(), &err);
+    });
+    EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
+    EXPECT_EQ(outcome.exit_status, 0);
+    std::vector<std::string> lines;
+    for (const tarn_test::LogLine &line : outcome.lines) lines.push_back(line.word + ": " + line.message);
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "info: " + format("current path %s not operational path, errcode:0x%x\n", dir.c_str(),
+                                           ENOENT),
+                         "info: copy operational backup file to operational file failed\n"}));
+    EXPECT_FALSE(exists(dir + "/config/flags/flag_operational"));
+    EXPECT_TRUE(exists(spare));
+  }
 }
 
 // ---------------------------------------------------------------------------

@@ -437,6 +437,28 @@ TEST_F(FsTest, CopyFailuresLeaveTheDestinationAsItWas) {
   EXPECT_EQ(EINVAL, tarn_file_copy(at("src").c_str(), ""));
 }
 
+// Each is refused at once: a copy that blocks (a FIFO without a writer) is
+// ended at the time limit, and one of /dev/zero by the file size limit.
+TEST_F(FsTest, CopyRefusesASourceThatIsNotARegularFileWithoutBlocking) {
+  ASSERT_EQ(0, mkfifo(at("fifo").c_str(), 0644));
+  ASSERT_EQ(0, symlink("/dev/zero", at("zero").c_str()));
+  ASSERT_TRUE(write_file(at("dst"), "old"));
+  for (const std::string &source : {at("fifo"), at("zero")}) {
+    SCOPED_TRACE(source);
+    const int status = tarn_test::run_with_time_limit(10, [&] {
+      if (!tarn_test::limit_file_size(64 * 1024)) return 2;
+      errno = 0;
+      const int result = tarn_file_copy(source.c_str(), at("dst").c_str());
+      return result == EFTYPE && errno == EFTYPE ? 0 : 1;
+    });
+    EXPECT_EQ(0, status) << (status == tarn_test::killed_by(SIGALRM)   ? "the copy blocked"
+                             : status == tarn_test::killed_by(SIGXFSZ) ? "the copy went on without end"
+                                                                       : "");
+    EXPECT_EQ("old", read_file(at("dst")));
+    EXPECT_EQ((std::set<std::string>{"dst", "fifo", "zero"}), list_directory(dir_));
+  }
+}
+
 TEST_F(FsTest, CopyReplacesASymbolicLinkAtTheDestinationInsteadOfFollowingIt) {
   ASSERT_TRUE(write_file(at("src"), "data"));
   ASSERT_TRUE(write_file(at("target"), "target"));

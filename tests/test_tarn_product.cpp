@@ -13,16 +13,19 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_mem.h>
 
 #include "child_logs.h"
@@ -534,6 +537,40 @@ TEST_F(ProductTest, AFailedCopyReturnsItsErrorAndLeavesTheRegister) {
   EXPECT_EQ(std::vector<std::string>{format("ready to check [%s]\n", kRegister.c_str())}, messages("info"));
   EXPECT_EQ(incomplete, read_file(kRegister));
   EXPECT_EQ(0644, tarn_test::file_mode(kRegister));
+}
+
+// The backup loads as a regular file and is then swapped, before the copy,
+// for a FIFO (which would block the copy until the time limit ends it) or a
+// link to /dev/zero (which would be copied until the file size limit ends
+// the child): the copy refuses it at once and the restore returns the
+// copy's error.
+TEST_F(ProductTest, ABackupSwappedForAFifoOrADeviceBeforeTheCopyIsNotCopied) {
+  const char incomplete[] = "[product]\nedr=1\n";
+  for (const std::function<int()> &make_other : std::vector<std::function<int()>>{
+           [] { return mkfifo(kBackup.c_str(), 0644); }, [] { return symlink("/dev/zero", kBackup.c_str()); }}) {
+    ASSERT_TRUE(write_file(kRegister, incomplete, 0644));
+    ASSERT_TRUE(unlink(kBackup.c_str()) == 0 || errno == ENOENT);
+    ASSERT_TRUE(write_file(kBackup, kBackupText));
+    tarn_test::before_copy(kRegister, [&] {
+      if (unlink(kBackup.c_str()) != 0 || make_other() != 0) abort();
+    });
+    const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(10, [] {
+      if (!tarn_test::limit_file_size(64 * 1024)) return 2;
+      return check_and_reset_pro_reg_by_backup(kRegister.c_str());
+    });
+    EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
+    EXPECT_EQ(EFTYPE, outcome.exit_status);
+    std::vector<std::string> lines;
+    for (const tarn_test::LogLine &line : outcome.lines) lines.push_back(line.word + ": " + line.message);
+    EXPECT_EQ((std::vector<std::string>{
+                  "info: " + format("ready to check [%s]\n", kRegister.c_str()),
+                  "warn: " + format("tarn_file_copy is failed, backup path is %s, inskey path is %s, "
+                                    "errcode is %d\n",
+                                    kBackup.c_str(), kRegister.c_str(), EFTYPE)}),
+              lines);
+    EXPECT_EQ(incomplete, read_file(kRegister));
+    EXPECT_EQ(0644, tarn_test::file_mode(kRegister));
+  }
 }
 
 TEST_F(ProductTest, TheBackupIsBesideTheRegisterWhereverItIs) {

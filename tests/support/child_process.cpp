@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -154,6 +155,11 @@ int run_with_time_limit(unsigned seconds, const std::function<int()> &body) {
     alarm(seconds);
     return body();
   }));
+}
+
+bool limit_file_size(uint64_t bytes) {
+  const struct rlimit limit = {(rlim_t)bytes, (rlim_t)bytes};
+  return setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
 // ---------------------------------------------------------------------------

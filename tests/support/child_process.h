@@ -92,6 +92,11 @@ void kill_and_reap(pid_t pid);
 // that the test fails instead of hanging.
 int run_with_time_limit(unsigned seconds, const std::function<int()> &body);
 
+// Lets this process write no file beyond bytes (RLIMIT_FSIZE): a write past
+// that ends it with SIGXFSZ. For a child whose call must not copy a device
+// (/dev/zero) without end. False when the limit cannot be set.
+bool limit_file_size(uint64_t bytes);
+
 // The address space that this process holds, in bytes; 0 when
 // /proc/self/statm cannot be read. A test that lowers RLIMIT_AS in a child
 // starts from it.

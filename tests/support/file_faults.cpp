@@ -4,6 +4,7 @@
 #include <errno.h>
 
 #include <map>
+#include <utility>
 #include <mutex>
 
 #include <tarnbase/tarn_file.h>
@@ -18,6 +19,7 @@ std::map<std::string, int> g_acquire_faults;
 std::map<std::string, int> g_save_faults;
 std::map<std::string, int> g_grant_faults;
 std::map<std::string, int> g_copy_faults;
+std::map<std::string, std::function<void()>> g_copy_actions;
 std::map<const tarn_flock_t *, std::string> g_lock_paths;
 std::vector<std::string> g_events;
 
@@ -101,6 +103,16 @@ int tarn_file_copy(const char *src, const char *dst) {
     errno = error;
     return error;
   }
+  std::function<void()> action;
+  {
+    std::lock_guard<std::mutex> guard(g_mutex);
+    auto it = g_copy_actions.find(text(dst));
+    if (it != g_copy_actions.end()) {
+      action = std::move(it->second);
+      g_copy_actions.erase(it);
+    }
+  }
+  if (action) action();
   return next_definition<int (*)(const char *, const char *)>("tarn_file_copy")(src, dst);
 }
 
@@ -122,6 +134,10 @@ void fail_flock_acquire(const std::string &lock_path, int error) {
 void fail_save(const std::string &path, int error) { arm(g_save_faults, path, error); }
 void fail_grant(const std::string &path, int error) { arm(g_grant_faults, path, error); }
 void fail_copy(const std::string &destination, int error) { arm(g_copy_faults, destination, error); }
+void before_copy(const std::string &destination, const std::function<void()> &action) {
+  std::lock_guard<std::mutex> guard(g_mutex);
+  g_copy_actions[destination] = action;
+}
 
 std::vector<std::string> file_events() {
   std::lock_guard<std::mutex> guard(g_mutex);
@@ -140,6 +156,7 @@ void clear_file_faults() {
   g_save_faults.clear();
   g_grant_faults.clear();
   g_copy_faults.clear();
+  g_copy_actions.clear();
   g_events.clear();
 }
 

@@ -15,6 +15,7 @@
 #ifndef TARN_TEST_FILE_FAULTS_H
 #define TARN_TEST_FILE_FAULTS_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,9 @@ void fail_flock_acquire(const std::string &lock_path, int error);
 void fail_save(const std::string &path, int error);
 void fail_grant(const std::string &path, int error);
 void fail_copy(const std::string &destination, int error);
+// Runs action once, just before the next copy to destination is passed on
+// to the base library (to change the source between a check and the copy).
+void before_copy(const std::string &destination, const std::function<void()> &action);
 
 std::vector<std::string> file_events();
 void clear_file_events();

@@ -15,6 +15,13 @@
 
 #include "tarn_base_api.h"
 
+/* The errno of a file that is not of the kind a function reads (a FIFO or
+ * a device where a regular file is wanted): EFTYPE, defined as ENODEV where
+ * the system has none (Linux). */
+#ifndef EFTYPE
+#define EFTYPE ENODEV
+#endif
+
 TARNBASE_BEGIN_DECLS
 
 /* Removes the file (or symbolic link) path. Returns 0, EINVAL for a null or
@@ -29,10 +36,16 @@ TARNBASE_API int tarn_file_unlink(const char *path);
  * synced too. A process killed at any moment leaves either the old dst or
  * the complete copy, never a part (it may leave its temporary file behind).
  * The new dst belongs to the calling user; a symbolic link at dst is
- * replaced by the file, not followed. Returns 0, EINVAL for a null or empty
- * argument, EISDIR when src is a directory, ENOMEM, or the errno of the
- * failed step (ENOENT for a missing src or a missing directory of dst); on
- * failure dst is as it was and the temporary file is removed. */
+ * replaced by the file, not followed. src must be a regular file (a
+ * symbolic link to one is followed), of any size: it is opened as
+ * tarn_file_open_regular does, so that a FIFO cannot block the call, and
+ * anything else is refused before dst is touched. Returns 0, EINVAL for a
+ * null or empty argument, EISDIR when src is a directory, EFTYPE when it
+ * is another kind that is not a regular file (a FIFO, a device such as a
+ * link to /dev/zero), ENXIO for a socket (which cannot be opened), ENOMEM,
+ * or the errno of the failed step (ENOENT for a missing src or a missing
+ * directory of dst); on failure dst is as it was and the temporary file is
+ * removed. */
 TARNBASE_API int tarn_file_copy(const char *src, const char *dst);
 
 /* Options of tarn_file_copy_ex. */
@@ -72,12 +85,9 @@ TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode);
  * fstat(2) shows a regular file); links are followed as open(2) does.
  * Returns a descriptor, closed on exec, which the caller closes; or -1 with
  * errno: EINVAL for a null or empty path, EISDIR for a directory, EFTYPE
- * (defined below as ENODEV where the system has none) for any other kind
- * that is not a regular file, EFBIG when the file is longer than max_bytes,
- * else the errno of open(2) or fstat(2) (ENOENT, EACCES...). */
-#ifndef EFTYPE
-#define EFTYPE ENODEV
-#endif
+ * (above) for any other kind that is not a regular file, EFBIG when the
+ * file is longer than max_bytes, else the errno of open(2) or fstat(2)
+ * (ENOENT, EACCES, ENXIO for a socket...). */
 TARNBASE_API int tarn_file_open_regular(const char *path, unsigned long long max_bytes);
 
 /* Opens path to a user. user "" means every user: read and write
