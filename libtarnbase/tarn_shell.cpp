@@ -14,10 +14,10 @@ extern char **environ;
 
 namespace {
 
-// Starts "/bin/sh -c command" writing to output_fd. The child gets default
-// signal dispositions and an empty signal mask, whatever the caller set up,
-// and only descriptors 0 to 2.
-pid_t spawn_shell(const char *command, int output_fd) {
+// Starts "/bin/sh -c command" reading input_fd (-1: /dev/null) and writing
+// to output_fd. The child gets default signal dispositions and an empty
+// signal mask, whatever the caller set up, and only descriptors 0 to 2.
+pid_t spawn_shell(const char *command, int input_fd, int output_fd) {
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
   if (posix_spawn_file_actions_init(&actions) != 0) return -1;
@@ -29,7 +29,9 @@ pid_t spawn_shell(const char *command, int output_fd) {
   sigset_t none;
   sigfillset(&all);
   sigemptyset(&none);
-  int error = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  int error = input_fd >= 0
+                  ? posix_spawn_file_actions_adddup2(&actions, input_fd, STDIN_FILENO)
+                  : posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   if (error == 0) error = posix_spawn_file_actions_adddup2(&actions, output_fd, STDOUT_FILENO);
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
   // Descriptors that the caller opened without close-on-exec stay out too.
@@ -80,14 +82,14 @@ int wait_for(pid_t pid) {
   return -1;
 }
 
-}  // namespace
-
-extern "C" TARNBASE_API int tarn_shell_execute(const char *command, char *out, size_t out_len) {
+// Both exported functions: input_fd -1 is /dev/null.
+int execute(const char *command, int input_fd, char *out, size_t out_len) {
   if (out != nullptr && out_len > 0) out[0] = '\0';
-  if (command == nullptr) {
+  if (command == nullptr || input_fd < -1) {
     errno = EINVAL;
     return -1;
   }
+  if (input_fd >= 0 && fcntl(input_fd, F_GETFD) < 0) return -1;
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return -1;
   // The child's end must not be 0 or 1 (a caller may have closed its own
@@ -104,7 +106,7 @@ extern "C" TARNBASE_API int tarn_shell_execute(const char *command, char *out, s
     }
     fds[1] = moved;
   }
-  const pid_t pid = spawn_shell(command, fds[1]);
+  const pid_t pid = spawn_shell(command, input_fd, fds[1]);
   const int spawn_error = errno;
   close(fds[1]);
   if (pid < 0) {
@@ -120,3 +122,18 @@ extern "C" TARNBASE_API int tarn_shell_execute(const char *command, char *out, s
   }
   return wait_for(pid);
 }
+
+}  // namespace
+
+extern "C" {
+
+TARNBASE_API int tarn_shell_execute(const char *command, char *out, size_t out_len) {
+  return execute(command, -1, out, out_len);
+}
+
+TARNBASE_API int tarn_shell_execute_with_input(const char *command, int input_fd, char *out,
+                                               size_t out_len) {
+  return execute(command, input_fd, out, out_len);
+}
+
+}  // extern "C"

@@ -321,6 +321,42 @@ TEST(ShellExecute, ANullCommandCannotBeRun) {
   EXPECT_STREQ("", out);
 }
 
+TEST(ShellExecute, WithInputTheCommandReadsTheGivenDescriptorFromItsOffset) {
+  const std::string path = "/tmp/tarn_shell_input.txt";
+  ASSERT_TRUE(write_file(path, "skipped|read by the command\n"));
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(8, lseek(fd, 8, SEEK_SET));
+  char out[64];
+  EXPECT_EQ(0, tarn_shell_execute_with_input("cat", fd, out, sizeof(out)));
+  EXPECT_STREQ("read by the command", out);
+  // The offset is shared, and the descriptor stays the caller's.
+  EXPECT_EQ(lseek(fd, 0, SEEK_CUR), (off_t)strlen("skipped|read by the command\n"));
+  EXPECT_NE(-1, fcntl(fd, F_GETFD));
+  close(fd);
+  unlink(path.c_str());
+  // -1 is /dev/null, as without input.
+  EXPECT_EQ(0, tarn_shell_execute_with_input("cat; echo done", -1, out, sizeof(out)));
+  EXPECT_STREQ("done", out);
+}
+
+TEST(ShellExecute, WithInputABadDescriptorCannotBeRun) {
+  char out[8] = "keep";
+  errno = 0;
+  EXPECT_EQ(-1, tarn_shell_execute_with_input("echo run", -2, out, sizeof(out)));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_STREQ("", out);
+  const int closed = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(closed, 0);
+  close(closed);
+  errno = 0;
+  EXPECT_EQ(-1, tarn_shell_execute_with_input("echo run", closed, out, sizeof(out)));
+  EXPECT_EQ(EBADF, errno);
+  errno = 0;
+  EXPECT_EQ(-1, tarn_shell_execute_with_input(nullptr, -1, out, sizeof(out)));
+  EXPECT_EQ(EINVAL, errno);
+}
+
 TEST(ShellExecute, TheCommandInheritsNoDescriptorOfTheCaller) {
   // One descriptor without close-on-exec, one with it.
   const int plain = open("/dev/null", O_RDONLY);

@@ -35,6 +35,15 @@ TARNBASE_BEGIN_DECLS
  * process could not be waited for (SIGCHLD ignored by the caller). */
 TARNBASE_API int tarn_shell_execute(const char *command, char *out, size_t out_len);
 
+/* tarn_shell_execute with the command's standard input read from the
+ * descriptor input_fd instead of /dev/null: the command gets a copy of it
+ * as its descriptor 0 (sharing its file offset), and the caller keeps
+ * input_fd open and closes it. An input_fd of -1 means /dev/null, as
+ * tarn_shell_execute. Returns as tarn_shell_execute; -1 with EINVAL also
+ * for an input_fd below -1, and with EBADF when input_fd is not open. */
+TARNBASE_API int tarn_shell_execute_with_input(const char *command, int input_fd, char *out,
+                                               size_t out_len);
+
 TARNBASE_END_DECLS
 
 #endif
