@@ -135,14 +135,22 @@ TARNAUX_API int32_t execute_cmd(const char *cmd);
 TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *handle);
 
 /* Unpacks the package archive archive (a gzip-compressed tar file whose
- * name ends in exactly ".tgz") into the existing directory dest by running
- * through execute_cmd (which logs its line at info) the command
+ * name ends in exactly ".tgz") into the existing directory dest with the
+ * system's tar, the command
  *
  *   tar -zxf "<archive>" -C "<dest>"
  *
- * (cut at 2047 characters). The paths stand inside double quotes, so they
- * may hold blanks, but '"', '$', '`' and '\' in them reach the shell: see
- * the warning at the top.
+ * (cut at 2047 characters), whose line is logged at info as execute_cmd
+ * logs it: "exitcode:[%d] cmd:[%s] cmd_result:[%s]" with tar's exit code,
+ * that command and tar's output. The archive must be a regular file (a
+ * symbolic link to one is followed) of at most UNTGZ_ARCHIVE_MAX_BYTES
+ * (64 GiB, untgz.h): it is opened and checked first, so that the check
+ * cannot block on a FIFO, and tar reads it from that descriptor, on its
+ * standard input, without opening the path again (the shell runs
+ * tar -zxf - -C "<dest>"): a FIFO or another file put in the archive's
+ * place after the check is never read. The destination stands inside
+ * double quotes, so it may hold blanks, but '"', '$', '`' and '\' in it
+ * reach the shell: see the warning at the top.
  * While tar runs, the environment holds
  *   TAR_OPTIONS=--no-same-owner --no-same-permissions --no-overwrite-dir
  * in place of any TAR_OPTIONS of the caller's (put back afterwards), so
@@ -157,11 +165,14 @@ TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *h
  * the entry, tar is not run and the result is -1, as for a command that
  * cannot be run, through the failure path below.
  * Returns 0 when tar exited with 0; 1, without logging or running
- * anything, when archive or dest is null, dest is not a directory, nothing
- * exists at archive, or its extension is not exactly ".tgz" ("pkg.TGZ" and
- * "pkg.tar.gz" are refused); otherwise tar's exit code as execute_cmd
- * returns it, after logging at warn "unzip tgz failed with %d, cmd:%s" (the
- * code and the command) and removing the unpack cache: when the archive
+ * anything, when archive or dest is null, dest is not a directory, the
+ * extension of archive is not exactly ".tgz" ("pkg.TGZ" and "pkg.tar.gz"
+ * are refused), or archive is missing, cannot be opened, is not a regular
+ * file (a FIFO, a device such as a link to /dev/zero, a socket, a
+ * directory) or is larger than UNTGZ_ARCHIVE_MAX_BYTES; otherwise tar's
+ * exit code as tarn_shell_execute_with_input returns it, after logging at
+ * warn "unzip tgz failed with %d, cmd:%s" (the code and the command with
+ * the archive's path) and removing the unpack cache: when the archive
  * has a base name NAME (get_basename; not empty, "." or "..") and
  * "<dest>/NAME" is a directory, logs at info "remove unpack cache dir [%s]"
  * with that path and removes it with everything in it (a directory of that

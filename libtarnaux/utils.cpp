@@ -40,6 +40,7 @@
 #include "parameter_parsing.h"
 #include "tarn_apphome_internal.h"
 #include "tarn_directory.h"
+#include "untgz.h"
 #include "utils_internal.h"
 
 // Last: libgen.h turns basename into the POSIX version, which must not
@@ -95,6 +96,27 @@ class TarOptions {
   char *previous_;
   bool ok_;
 };
+
+// A descriptor, closed at the end of its scope.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Descriptor(const Descriptor &) = delete;
+  Descriptor &operator=(const Descriptor &) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// execute_cmd's line for a command that ended with code, its output in
+// g_command_output.
+void log_command(int32_t code, const char *command) {
+  LOG(info, "exitcode:[%d] cmd:[%s] cmd_result:[%s]\n", code, command, g_command_output);
+}
 
 // Appends a blank and word to the command line in line (size bytes in all).
 void append_word(char *line, size_t size, const char *word) {
@@ -267,7 +289,7 @@ TARNAUX_API int32_t execute_cmd(const char *cmd) {
     return -1;
   }
   const int32_t code = tarn_shell_execute(cmd, g_command_output, sizeof(g_command_output));
-  LOG(info, "exitcode:[%d] cmd:[%s] cmd_result:[%s]\n", code, cmd, g_command_output);
+  log_command(code, cmd);
   return code;
 }
 
@@ -314,16 +336,33 @@ TARNAUX_API char *get_basedir(char *path) {
 
 TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
   if (archive == nullptr || dest == nullptr || tarn_path_is_dir_u(dest) == 0 ||
-      tarn_path_is_exist_u(archive) == 0 || strcmp(tarn_path_get_ext_u(archive), ".tgz") != 0) {
+      strcmp(tarn_path_get_ext_u(archive), ".tgz") != 0) {
     return 1;
   }
+  // Only a regular file within the bound, checked without blocking on a
+  // FIFO; anything else is refused as a missing archive is.
+  const Descriptor input(tarn_file_open_regular(archive, UNTGZ_ARCHIVE_MAX_BYTES));
+  if (input.get() < 0) return 1;
+  // The command line that names the archive is the one logged, as
+  // execute_cmd logs it, and reported on failure: it says what was
+  // unpacked. tar itself reads the archive from the checked descriptor on
+  // its standard input ("-f -") and never opens the path, so that a FIFO
+  // put in the archive's place after the check cannot block it (nor another
+  // file be unpacked); the same tar, options and destination otherwise.
   char command[2048];
   memset(command, 0, sizeof(command));
   tarn_str_snprintf(command, sizeof(command), "tar -zxf \"%s\" -C \"%s\"", archive, dest);
+  char reading_input[2048];
+  memset(reading_input, 0, sizeof(reading_input));
+  tarn_str_snprintf(reading_input, sizeof(reading_input), "tar -zxf - -C \"%s\"", dest);
   int32_t code = -1;  // as for a command that cannot be run
   {
     TarOptions options;
-    if (options.ok()) code = execute_cmd(command);
+    if (options.ok()) {
+      code = tarn_shell_execute_with_input(reading_input, input.get(), g_command_output,
+                                           sizeof(g_command_output));
+      log_command(code, command);
+    }
   }
   if (code == 0) return 0;
 

@@ -12,9 +12,12 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <deque>
 #include <functional>
@@ -39,6 +42,7 @@
 #include "reset_test.h"
 #include "split_faults.h"
 #include "tarn_utils.h"
+#include "untgz.h"
 
 // The blocks that the library's objects linked into this program (and the
 // test) hand to tarn_free_ while g_watch_frees is set, to see what freeing a
@@ -1051,7 +1055,8 @@ std::deque<int> g_uuid_text_errors;     // the same for tarn_uuid_make_cstr
 unsigned g_uuid_create_calls = 0;
 
 unsigned g_shell_calls = 0;
-std::function<void()> g_after_shell;  // run once the real command has ended
+std::function<void()> g_before_shell;  // run before the real command starts
+std::function<void()> g_after_shell;   // run once the real command has ended
 
 using tarn_test::next_definition;
 
@@ -1081,8 +1086,18 @@ int tarn_uuid_make_cstr(const tarn_uuid_t *uuid, char *buf, size_t len) {
 
 int tarn_shell_execute(const char *command, char *out, size_t out_len) {
   ++g_shell_calls;
+  if (g_before_shell) g_before_shell();
   const int code =
       next_definition<int (*)(const char *, char *, size_t)>("tarn_shell_execute")(command, out, out_len);
+  if (g_after_shell) g_after_shell();
+  return code;
+}
+
+int tarn_shell_execute_with_input(const char *command, int input_fd, char *out, size_t out_len) {
+  ++g_shell_calls;
+  if (g_before_shell) g_before_shell();
+  const int code = next_definition<int (*)(const char *, int, char *, size_t)>("tarn_shell_execute_with_input")(
+      command, input_fd, out, out_len);
   if (g_after_shell) g_after_shell();
   return code;
 }
@@ -1165,6 +1180,7 @@ class PackageTest : public ::testing::Test {
     g_uuid_text_errors.clear();
     g_uuid_create_calls = 0;
     g_shell_calls = 0;
+    g_before_shell = nullptr;
     g_after_shell = nullptr;
   }
 
@@ -1256,6 +1272,53 @@ TEST_F(PackageTest, UnpackTgzUnpacksWithTheSystemsTar) {
   EXPECT_EQ(g_shell_calls, 1u);
   EXPECT_LOGGED("info", tar_line(path, 0));
   EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
+  EXPECT_TRUE(others_kept());
+}
+
+// Each is refused at once, as a missing archive is: result 1, nothing run
+// or logged. A reader that blocks is ended at the time limit.
+TEST_F(PackageTest, UnpackTgzRefusesAnArchiveThatIsNotARegularFileOrIsTooLargeAtOnce) {
+  const std::string fifo = work_ / "fifo.tgz";
+  const std::string zero = work_ / "zero.tgz";
+  const std::string directory = work_ / "directory.tgz";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
+  ASSERT_EQ(symlink("/dev/zero", zero.c_str()), 0);
+  ASSERT_TRUE(make_dirs(directory));
+  // A package, then a hole up to one byte past the bound.
+  const std::string too_large = package("big", package_manifest("big"));
+  ASSERT_EQ(truncate(too_large.c_str(), (off_t)(UNTGZ_ARCHIVE_MAX_BYTES + 1)), 0) << strerror(errno);
+  for (const std::string &archive : {fifo, zero, directory, too_large}) {
+    const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(10, [&] {
+      const int32_t result = unpack_tgz(archive.c_str(), dest_.path().c_str());
+      return g_shell_calls == 0 ? result : 100 + result;
+    });
+    EXPECT_TRUE(outcome.exited) << archive << " signal " << outcome.signal;
+    EXPECT_EQ(outcome.exit_status, 1) << archive;
+    EXPECT_TRUE(outcome.lines.empty()) << archive;
+  }
+  EXPECT_FALSE(exists(dest_ / "big"));
+  EXPECT_TRUE(others_kept());
+}
+
+// tar is handed the archive that was checked: a FIFO put in its place
+// after the check is never opened (a tar that opened it would block until
+// the time limit), and the logged command still names the archive.
+TEST_F(PackageTest, UnpackTgzHandsTarTheCheckedArchiveSoAFifoPutInItsPlaceIsNotOpened) {
+  const std::string path = package("pkg", package_manifest("pkg"));
+  g_before_shell = [&path] {
+    if (unlink(path.c_str()) != 0 || mkfifo(path.c_str(), 0644) != 0) abort();
+  };
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(
+      10, [&] { return unpack_tgz(path.c_str(), dest_.path().c_str()); });
+  // Frees a tar that did open the FIFO, so that it ends.
+  const int writer = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (writer >= 0) close(writer);
+  EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
+  EXPECT_EQ(outcome.exit_status, 0);
+  ASSERT_EQ(outcome.lines.size(), 1u);
+  EXPECT_EQ(outcome.lines[0].word, "info");
+  EXPECT_EQ(outcome.lines[0].message, tar_line(path, 0));
+  EXPECT_EQ(tarn_test::read_file(dest_ / "pkg/bin/pkg"), "program");
   EXPECT_TRUE(others_kept());
 }
 
