@@ -65,7 +65,12 @@ TARNAUX_API int32_t tarn_envc_def(void);
  * begins with "MinorVersion=" and converts the rest (cut to 15 bytes) with
  * strtol in base 10, so that a value that is not a number counts as 0.
  * Lines are read up to 1023 bytes at a time. Both comparisons of a line's
- * beginning are case-sensitive.
+ * beginning are case-sensitive. Each file is read only when it is a
+ * regular file (a symbolic link to one is followed) of at most 64 KiB: it
+ * is opened so that the open cannot block (tarn_file_open_regular,
+ * tarnbase/tarn_file.h), and a FIFO, a device (a link to /dev/zero), a
+ * socket, a directory or a larger file is refused at once, as a file that
+ * cannot be read.
  *
  * Returns 1 when the system is UOS and minor_threshold is greater than the
  * minor version (signed comparison), logging at info
@@ -74,8 +79,9 @@ TARNAUX_API int32_t tarn_envc_def(void);
  * with their newlines). Otherwise returns 0, logging at info one of
  *   "read %s failed, continue\n"          with "/etc/os-release" or
  *                                          "/etc/os-version": the file is
- *                                          missing, cannot be read, or has
- *                                          no such line
+ *                                          missing, cannot be read, is
+ *                                          refused as above, or has no
+ *                                          such line
  *   "not %s, sysinfo is %s"               with "uos" and the name read
  *   "up than %d, cur os version is %s"    with the threshold and the version
  *                                          text (threshold not above it) */

@@ -13,6 +13,7 @@
 
 #include <tarnbase/tarn_device.h>
 #include <tarnbase/tarn_dirutils.h>
+#include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_str.h>
 
 #include "log_frame.h"
@@ -25,6 +26,9 @@ constexpr int kBackupDirectoryMode = 0755;
 constexpr size_t kBackupPathSize = 4096;
 constexpr size_t kLineSize = 1024;
 constexpr size_t kValueSize = 16;
+// The largest "/etc/os-release" or "/etc/os-version" that is read: both
+// are a few hundred bytes.
+constexpr unsigned long long kOsFileMaxBytes = 64 * 1024;
 
 constexpr char kOsReleasePath[] = "/etc/os-release";
 constexpr char kOsReleaseKey[] = "ID=";
@@ -37,20 +41,28 @@ struct CloseFile {
 };
 using FilePtr = std::unique_ptr<FILE, CloseFile>;
 
+// Opens path for reading when it is a regular file of at most
+// kOsFileMaxBytes bytes: a FIFO would block the open, a device never end.
+FILE *open_os_file(const char *path) {
+  const int fd = tarn_file_open_regular(path, kOsFileMaxBytes);
+  if (fd < 0) return nullptr;
+  FILE *file = fdopen(fd, "r");
+  if (file == nullptr) close(fd);
+  return file;
+}
+
 // Copies into value (kValueSize bytes, cut) the rest of the first line of
 // the file at path that begins with key, its newline included. Returns
-// false, after logging at info, when the file is missing or unreadable or
-// has no such line.
+// false, after logging at info, when the file is missing, unreadable, not
+// a regular file or too large, or has no such line.
 bool read_keyed_value(const char *path, const char *key, char *value) {
   const size_t key_length = strlen(key);
-  if (access(path, F_OK) == 0) {
-    FilePtr file(fopen(path, "r"));
-    char line[kLineSize];
-    while (file && fgets(line, sizeof(line), file.get()) != nullptr) {
-      if (strncmp(line, key, key_length) == 0) {
-        tarn_str_snprintf(value, kValueSize, "%s", line + key_length);
-        return true;
-      }
+  FilePtr file(open_os_file(path));
+  char line[kLineSize];
+  while (file && fgets(line, sizeof(line), file.get()) != nullptr) {
+    if (strncmp(line, key, key_length) == 0) {
+      tarn_str_snprintf(value, kValueSize, "%s", line + key_length);
+      return true;
     }
   }
   LOG(info, "read %s failed, continue\n", path);

@@ -160,6 +160,15 @@ void put_system_file(const char *path, const std::string &content, mode_t mode =
   ASSERT_TRUE(put) << path << ": " << strerror(error);
 }
 
+// Puts a FIFO, or a symbolic link to /dev/zero, at a system path, which is
+// first unlinked as put_system_file does.
+enum class Special { kFifo, kZero };
+void put_system_special(const char *path, Special kind) {
+  ASSERT_TRUE(unlink(path) == 0 || errno == ENOENT) << path << ": " << strerror(errno);
+  const int made = kind == Special::kFifo ? mkfifo(path, 0644) : symlink("/dev/zero", path);
+  ASSERT_EQ(made, 0) << path << ": " << strerror(errno);
+}
+
 void remove_system_file(const char *path) {
   ASSERT_TRUE(unlink(path) == 0 || errno == ENOENT) << path << ": " << strerror(errno);
   ASSERT_FALSE(tarn_test::exists(path));
@@ -229,6 +238,16 @@ class EnvironmentCheckTest : public ::testing::Test {
     tarn_test::clear_logs();
     EXPECT_EQ(is_uos_and_lower_version(threshold), result) << threshold;
     EXPECT_EQ(captured_lines(), (Lines{{"info", message}})) << tarn_test::dump_logs();
+  }
+
+  // expect_uos for a call that must not block or read without end: it runs
+  // in a child that the time limit ends.
+  static void expect_uos_at_once(int32_t threshold, int32_t result, const std::string &message) {
+    const ChildOutcome outcome =
+        tarn_test::run_in_child_with_time_limit(10, [threshold] { return is_uos_and_lower_version(threshold); });
+    EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
+    EXPECT_EQ(outcome.exit_status, result) << threshold;
+    EXPECT_EQ(lines_of(outcome.lines), (Lines{{"info", message}})) << text_of(outcome.lines);
   }
 
   std::vector<std::string> mounted_;
@@ -418,6 +437,38 @@ TEST_F(EnvironmentCheckTest, AnOsReleaseThatCannotBeReadIsNotUos) {
   SKIP_IF_CANNOT_DROP(outcome);
   EXPECT_EQ(outcome.exit_status, 10);
   EXPECT_EQ(lines_of(outcome.lines), (Lines{kNoOsRelease})) << text_of(outcome.lines);
+}
+
+TEST_F(EnvironmentCheckTest, AnOsReleaseThatIsAFifoOrALinkToDevZeroIsRefusedAtOnce) {
+  put_system_file(kOsVersion, os_version_with("MinorVersion=1000\n"));
+  for (Special kind : {Special::kFifo, Special::kZero}) {
+    put_system_special(kOsRelease, kind);
+    expect_uos_at_once(2000, 0, kNoOsRelease.second);
+  }
+}
+
+TEST_F(EnvironmentCheckTest, AnOsReleaseLargerThan64KiBIsRefused) {
+  put_uos("ID=uos\n", "MinorVersion=1000\n");
+  ASSERT_EQ(truncate(kOsRelease, 64 * 1024 + 1), 0) << strerror(errno);
+  expect_uos_at_once(2000, 0, kNoOsRelease.second);
+  ASSERT_EQ(truncate(kOsRelease, 64 * 1024), 0) << strerror(errno);
+  expect_uos_at_once(2000, 1, "version is 1000\n, lower than 2000, os_release:uos\n");
+}
+
+TEST_F(EnvironmentCheckTest, AnOsVersionThatIsAFifoOrALinkToDevZeroIsRefusedAtOnce) {
+  put_system_file(kOsRelease, os_release_with("ID=uos\n"));
+  for (Special kind : {Special::kFifo, Special::kZero}) {
+    put_system_special(kOsVersion, kind);
+    expect_uos_at_once(2000, 0, kNoOsVersion.second);
+  }
+}
+
+TEST_F(EnvironmentCheckTest, AnOsVersionLargerThan64KiBIsRefused) {
+  put_uos("ID=uos\n", "MinorVersion=1000\n");
+  ASSERT_EQ(truncate(kOsVersion, 64 * 1024 + 1), 0) << strerror(errno);
+  expect_uos_at_once(2000, 0, kNoOsVersion.second);
+  ASSERT_EQ(truncate(kOsVersion, 64 * 1024), 0) << strerror(errno);
+  expect_uos_at_once(2000, 1, "version is 1000\n, lower than 2000, os_release:uos\n");
 }
 
 TEST_F(EnvironmentCheckTest, AnotherSystemIsNotUosAndItsNameIsLoggedWithItsLineEnd) {
