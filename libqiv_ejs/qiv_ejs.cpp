@@ -45,30 +45,59 @@ struct Fd {
   }
 };
 
-void set_error(json_error_t *error, const char *path, const char *text, int position) {
+// Fills the record as jansson does, the code too (json_error_code reads it
+// from the last byte of text).
+void set_error(json_error_t *error, const char *path, const char *text, int position,
+               enum json_error_code code) {
   if (error == nullptr) return;
   error->line = -1;
   error->column = -1;
   error->position = position;
   snprintf(error->source, sizeof(error->source), "%s", path != nullptr ? path : "<null>");
-  snprintf(error->text, sizeof(error->text), "%s", text);
+  // Cut as jansson cuts: the last byte is the code's.
+  const size_t length = strnlen(text, sizeof(error->text) - 2);
+  memcpy(error->text, text, length);
+  error->text[length] = '\0';
+  error->text[sizeof(error->text) - 1] = (char)code;
+}
+
+// The code of the record for a failure before parsing, by its errno.
+enum json_error_code code_of(int error) {
+  switch (error) {
+    case ENOMEM:
+      return json_error_out_of_memory;
+    case EBADMSG:
+      return json_error_invalid_format;
+    case ENOSYS:
+      return json_error_unknown;
+    default:
+      return json_error_cannot_open_file;
+  }
 }
 
 // Reads the whole file into a new block; the caller frees it. On failure
-// returns null with errno set.
-unsigned char *read_whole_file(const char *path, size_t *size) {
+// returns null with errno set and the reason in *why.
+unsigned char *read_whole_file(const char *path, size_t *size, const char **why) {
+  *why = "cannot read file";
   Fd file;
   // O_NONBLOCK: a named pipe without a writer is refused below instead of
-  // blocking the open; it changes nothing for regular files.
-  file.fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  // blocking the open; O_NOCTTY: a terminal does not become the process's
+  // controlling terminal. Neither changes anything for a regular file.
+  file.fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (file.fd < 0) return nullptr;
   struct stat info;
   if (fstat(file.fd, &info) != 0) return nullptr;
+  if (S_ISDIR(info.st_mode)) {
+    errno = EISDIR;
+    return nullptr;
+  }
   if (!S_ISREG(info.st_mode)) {
-    errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+    *why = "not a regular file";
+    errno = EINVAL;
     return nullptr;
   }
   if ((unsigned long long)info.st_size > QIV_EJS_MAX_FILE_SIZE) {
+    *why = "file too large";
     errno = EFBIG;
     return nullptr;
   }
@@ -77,6 +106,7 @@ unsigned char *read_whole_file(const char *path, size_t *size) {
   const size_t capacity = (size_t)info.st_size + 1;
   Bytes data(static_cast<unsigned char *>(malloc(capacity)));
   if (!data) {
+    *why = "out of memory";
     errno = ENOMEM;
     return nullptr;
   }
@@ -91,6 +121,7 @@ unsigned char *read_whole_file(const char *path, size_t *size) {
     used += (size_t)got;
   }
   if (used == capacity) {
+    *why = "file too large";
     errno = EFBIG;
     return nullptr;
   }
@@ -107,11 +138,8 @@ bool has_protected_header(const unsigned char *data, size_t size) {
 // reason in *why.
 bool open_protected(const char *path, char **text, size_t *length, const char **why) {
   size_t size = 0;
-  Bytes data(read_whole_file(path, &size));
-  if (!data) {
-    *why = errno == EFBIG ? "file too large" : errno == ENOMEM ? "out of memory" : "cannot read file";
-    return false;
-  }
+  Bytes data(read_whole_file(path, &size, why));
+  if (!data) return false;
 
   if (!has_protected_header(data.get(), size)) {
 #ifdef QIV_EJS_ALLOW_PLAIN
@@ -250,12 +278,12 @@ QIV_EJS_API int qiv_ejs_seal_file(const char *path, const void *text, size_t len
 
 QIV_EJS_API json_t *qiv_json_load_file_ejs_ex(const char *path, size_t flags, json_error_t *error) {
   if (path == nullptr) {
-    set_error(error, path, "wrong arguments", -1);
+    set_error(error, path, "wrong arguments", -1, json_error_invalid_argument);
     errno = EINVAL;
     return nullptr;
   }
   // As jansson does, a successful load leaves the record empty.
-  set_error(error, path, "", 0);
+  set_error(error, path, "", 0, json_error_unknown);
   char *text = nullptr;
   size_t length = 0;
   const char *why = nullptr;
@@ -263,7 +291,7 @@ QIV_EJS_API json_t *qiv_json_load_file_ejs_ex(const char *path, size_t flags, js
     const int saved = errno;
     char reason[JSON_ERROR_TEXT_LENGTH];
     snprintf(reason, sizeof(reason), "%s: %s", why, strerror(saved));
-    set_error(error, path, reason, -1);
+    set_error(error, path, reason, -1, code_of(saved));
     errno = saved;
     return nullptr;
   }

@@ -10,6 +10,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -134,6 +135,19 @@ std::string string_member(const json_t *object, const char *key) {
   return value != nullptr ? value : "<none>";
 }
 
+// The record's code for a failure before parsing with error, as the
+// header's table gives it.
+enum json_error_code code_for(int error) {
+  switch (error) {
+    case ENOMEM:
+      return json_error_out_of_memory;
+    case EBADMSG:
+      return json_error_invalid_format;
+    default:
+      return json_error_cannot_open_file;
+  }
+}
+
 mode_t mode_of(const std::string &path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : (mode_t)-1;
@@ -168,6 +182,7 @@ class QivEjsTest : public ::testing::Test {
     EXPECT_EQ(nullptr, loaded.tree);
     EXPECT_EQ(error, loaded.error);
     EXPECT_EQ(reason + ": " + strerror(error), loaded.record.text);
+    EXPECT_EQ(code_for(error), json_error_code(&loaded.record));
     EXPECT_EQ(path, loaded.record.source);
     EXPECT_EQ(-1, loaded.record.line);
     EXPECT_EQ(-1, loaded.record.column);
@@ -564,14 +579,51 @@ TEST_F(QivEjsTest, AnEmptyOrPlainJsonFileIsNotAProtectedFile) {
   expect_refused(at("plain.ejs"), EBADMSG, "not a protected file");
 }
 
-TEST_F(QivEjsTest, ADirectoryAMissingFileAndANamedPipeAreRefused) {
+TEST_F(QivEjsTest, ADirectoryAndAMissingFileAreRefused) {
   ASSERT_EQ(0, mkdir(at("dir.ejs").c_str(), 0755));
   expect_refused(at("dir.ejs"), EISDIR, "cannot read file");
   expect_refused(at("missing.ejs"), ENOENT, "cannot read file");
   expect_refused(at("no/such/dir.ejs"), ENOENT, "cannot read file");
-  // A pipe without a writer would block a plain open; it is refused at once.
+}
+
+// A pipe without a writer would block a plain open, and /dev/zero would be
+// read up to the size limit: each is refused at once, the load and the open
+// alike, in a child that the time limit ends if it blocks.
+TEST_F(QivEjsTest, ANamedPipeOrADeviceIsRefusedAtOnce) {
   ASSERT_EQ(0, mkfifo(at("fifo.ejs").c_str(), 0644));
-  expect_refused(at("fifo.ejs"), EINVAL, "cannot read file");
+  ASSERT_EQ(0, symlink("/dev/zero", at("zero.ejs").c_str()));
+  ASSERT_EQ(0, symlink("/dev/null", at("null.ejs").c_str()));
+  for (const std::string &path : {at("fifo.ejs"), at("zero.ejs"), at("null.ejs")}) {
+    const int status = tarn_test::run_with_time_limit(10, [&path] {
+      json_error_t record;
+      memset(&record, 0x7f, sizeof(record));
+      errno = 0;
+      if (qiv_json_load_file_ejs_ex(path.c_str(), 0, &record) != nullptr) return 1;
+      if (errno != EINVAL) return 2;
+      if (std::string(record.text) != std::string("not a regular file: ") + strerror(EINVAL)) return 3;
+      if (json_error_code(&record) != json_error_cannot_open_file) return 4;
+      if (path != record.source || record.line != -1 || record.column != -1 || record.position != -1)
+        return 5;
+      char *text = nullptr;
+      size_t length = 0;
+      errno = 0;
+      if (qiv_ejs_open_file(path.c_str(), &text, &length) != -1 || errno != EINVAL) return 6;
+      return 0;
+    });
+    EXPECT_EQ(0, status) << path << (status == tarn_test::killed_by(SIGALRM) ? ": blocked" : "");
+  }
+}
+
+TEST_F(QivEjsTest, AWrongArgumentAndASuccessfulLoadSetTheRecordsCode) {
+  json_error_t record;
+  memset(&record, 0x7f, sizeof(record));
+  EXPECT_EQ(nullptr, qiv_json_load_file_ejs_ex(nullptr, 0, &record));
+  EXPECT_EQ(json_error_invalid_argument, json_error_code(&record));
+  memset(&record, 0x7f, sizeof(record));
+  json_t *tree = qiv_json_load_file_ejs_ex(sealed("m.ejs", kManifest).c_str(), 0, &record);
+  EXPECT_NE(nullptr, tree);
+  EXPECT_EQ(json_error_unknown, json_error_code(&record));
+  qiv_json_decref_ejs(tree);
 }
 
 TEST_F(QivEjsTest, AFileLargerThanTheLimitIsRefusedUnread) {

@@ -17,7 +17,9 @@
  * Errors. A failed load returns null and sets errno:
  *   EINVAL   null path, or the text inside is not JSON that the flags
  *            accept, or the path is neither a regular file nor a directory
- *            (a named pipe is refused at once, without waiting for a writer)
+ *            (a named pipe or a device such as a link to /dev/zero): the
+ *            open cannot block and the kind is checked before anything is
+ *            read, so such a path is refused at once
  *   EBADMSG  not a protected file (too short, foreign header, plain JSON in
  *            a build that refuses it) or it fails authentication (changed,
  *            cut or appended bytes, another key)
@@ -27,8 +29,15 @@
  *   other    the errno of opening or reading the file (ENOENT, EACCES,
  *            EISDIR for a directory...)
  * and, when an error record is given, fills it as jansson does: text says
- * what failed, source is the path, line, column and position are -1 for
- * failures that come before parsing.
+ * what failed ("not a regular file: Invalid argument" for a named pipe or
+ * a device; docs/ejs.md lists every text), source is the path, line,
+ * column and position are -1 for failures that come before parsing, and
+ * the code that json_error_code reads is json_error_cannot_open_file for a
+ * file that cannot be read, is refused as above or is too large,
+ * json_error_invalid_format for EBADMSG, json_error_out_of_memory for
+ * ENOMEM, json_error_invalid_argument for a null path, jansson's own for a
+ * parse error, and json_error_unknown for ENOSYS and after a successful
+ * load.
  *
  * Nothing here writes to a log or to standard error: failures are reported
  * through the results, errno and the error record only.
@@ -50,7 +59,8 @@
 extern "C" {
 #endif
 
-/* The largest protected file that a load accepts, in bytes. */
+/* The largest protected file that a load or an open accepts, in bytes
+ * (16 MiB): a larger one is refused (EFBIG) before it is read. */
 #define QIV_EJS_MAX_FILE_SIZE (16u * 1024u * 1024u)
 
 /* Loads the protected file at path as a JSON object or array (jansson's
