@@ -17,6 +17,9 @@ bool read_proc_stat(int pid, ProcStat *stat) {
   if (proc < 0) return false;
   char path[32];
   snprintf(path, sizeof(path), "%d/stat", pid);
+  // A plain open and one read: the files below /proc are the kernel's, a
+  // FIFO or a device cannot be put there, so the regular-file check that
+  // other readers make is not needed.
   const int fd = openat(proc, path, O_RDONLY | O_CLOEXEC);
   close(proc);
   if (fd < 0) return false;

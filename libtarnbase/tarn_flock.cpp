@@ -22,8 +22,12 @@ using tarnbase::fail;
 
 // Opens the lock file, creating it open to every user when it is missing.
 // A file that this user may not write is opened for reading: flock(2)
-// needs only an open descriptor.
+// needs only an open descriptor. An existing file is never read, so it may
+// be of any kind, but it is opened so that the open cannot block (a FIFO
+// opened for reading would wait for a writer) and a terminal does not
+// become the process's controlling terminal.
 int open_lock_file(const char *path) {
+  constexpr int kExisting = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   for (int attempt = 0; attempt < 3; ++attempt) {
     const int created = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (created >= 0) {
@@ -33,8 +37,8 @@ int open_lock_file(const char *path) {
       return created;
     }
     if (errno != EEXIST) return -1;
-    int fd = open(path, O_RDWR | O_CLOEXEC);
-    if (fd < 0 && (errno == EACCES || errno == EROFS)) fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = open(path, O_RDWR | kExisting);
+    if (fd < 0 && (errno == EACCES || errno == EROFS)) fd = open(path, O_RDONLY | kExisting);
     if (fd >= 0 || errno != ENOENT) return fd;
     // Removed between the two opens: create it again.
   }

@@ -37,6 +37,7 @@
 
 #include "child_process.h"
 #include "files.h"
+#include "without_dac_override.h"
 
 namespace {
 
@@ -764,6 +765,22 @@ TEST_F(FsTest, FlockInitCreatesTheLockFileOpenToEveryUserAndNeverDeletesIt) {
   EXPECT_EQ(0644u, mode_of(path));
   EXPECT_EQ(0, tarn_flock_acquire(again.get()));
   EXPECT_EQ("kept", read_file(path));
+}
+
+// A FIFO that the caller may not write is opened for reading, which would
+// wait for a writer: the time limit ends a child that blocks.
+TEST_F(FsTest, FlockInitOfAFifoLockFileThatCannotBeWrittenDoesNotBlock) {
+  const std::string path = at("fifo.lock");
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0444));
+  ASSERT_EQ(0, chmod(path.c_str(), 0444));
+  const int status = tarn_test::run_with_time_limit(10, [&path] {
+    tarn_test::WithoutDacOverride unprivileged;
+    if (!unprivileged.ok()) return 2;
+    Flock lock(path);
+    if (lock.result() != 0) return 10 + lock.result();
+    return tarn_flock_acquire(lock.get()) == 0 && tarn_flock_release(lock.get()) == 0 ? 0 : 3;
+  });
+  EXPECT_EQ(0, status) << (status == tarn_test::killed_by(SIGALRM) ? "the open blocked" : "");
 }
 
 TEST_F(FsTest, FlockBadArgumentsAndAMissingDirectory) {

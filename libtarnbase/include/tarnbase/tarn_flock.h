@@ -31,7 +31,11 @@ typedef struct tarn_flock tarn_flock_t;
 /* Opens the lock file lock_path, creating it with mode 0666 (whatever the
  * umask, so that every user of the agent can lock it) when it does not
  * exist, and stores a new unlocked handle in *handle. A lock file that the
- * caller may not write is opened for reading, which locks as well. Returns
+ * caller may not write is opened for reading, which locks as well. Since
+ * the file is never read, an existing one may be of any kind; it is opened
+ * so that the open cannot block (a FIFO put at lock_path locks as a file
+ * does, instead of waiting for a writer) and so that a terminal does not
+ * become the caller's controlling terminal. Returns
  * 0, EINVAL for a null or empty path or a null handle (*handle is set to
  * null on every failure when handle is not null), ENOMEM, or the errno of
  * open(2) (ENOENT for a missing directory, EACCES). */
