@@ -97,21 +97,6 @@ class TarOptions {
   bool ok_;
 };
 
-// A descriptor, closed at the end of its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // execute_cmd's line for a command that ended with code, its output in
 // g_command_output.
 void log_command(int32_t code, const char *command) {
@@ -341,8 +326,8 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
   }
   // Only a regular file within the bound, checked without blocking on a
   // FIFO; anything else is refused as a missing archive is.
-  const Descriptor input(tarn_file_open_regular(archive, UNTGZ_ARCHIVE_MAX_BYTES));
-  if (input.get() < 0) return 1;
+  const int input = tarn_file_open_regular(archive, UNTGZ_ARCHIVE_MAX_BYTES);
+  if (input < 0) return 1;
   // The command line that names the archive is the one logged, as
   // execute_cmd logs it, and reported on failure: it says what was
   // unpacked. tar itself reads the archive from the checked descriptor on
@@ -359,11 +344,12 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
   {
     TarOptions options;
     if (options.ok()) {
-      code = tarn_shell_execute_with_input(reading_input, input.get(), g_command_output,
+      code = tarn_shell_execute_with_input(reading_input, input, g_command_output,
                                            sizeof(g_command_output));
       log_command(code, command);
     }
   }
+  close(input);
   if (code == 0) return 0;
 
   LOG(warn, "unzip tgz failed with %d, cmd:%s\n", code, command);
