@@ -22,8 +22,8 @@
 TARNAUX_BEGIN_DECLS
 
 /* The largest archive that untgz_file reads and unpack_tgz (tarn_utils.h)
- * hands to tar, in bytes: 64 GiB. Packages are hundreds of megabytes; the bound only
- * stops a reader that would never end. */
+ * hands to tar, in bytes: 64 GiB. Packages are hundreds of megabytes; the
+ * bound only stops a reader that would never end. */
 #define UNTGZ_ARCHIVE_MAX_BYTES (64ULL * 1024 * 1024 * 1024)
 
 /* Extracts the archive tgz_path into the directory dest_dir (null means the
