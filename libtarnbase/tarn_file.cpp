@@ -6,12 +6,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <new>
 
+#include "config.h"
 #include "replace_file.h"
 #include "errno_result.h"
 
@@ -118,12 +120,43 @@ TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode) {
 
 TARNBASE_API int tarn_file_add_user_full_ctrl(const char *path, const char *user) {
   if (is_empty(path) || user == nullptr || user[0] != '\0') return fail(EINVAL);
+  const int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return errno;
   struct stat st;
-  if (stat(path, &st) != 0) return errno;
-  const mode_t wanted = S_ISDIR(st.st_mode) ? 0777 : 0666;
-  const mode_t mode = (st.st_mode & 07777) | wanted;
-  if (mode == (st.st_mode & 07777)) return 0;
-  return chmod(path, mode) == 0 ? 0 : errno;
+  int result = fstat(fd, &st) == 0 ? 0 : errno;
+  if (result == 0 && S_ISLNK(st.st_mode)) result = ELOOP;
+  if (result == 0) {
+    const mode_t wanted = S_ISDIR(st.st_mode) ? 0777 : 0666;
+    result = tarn_file_share_fd(fd, (st.st_mode & 07777) | wanted);
+  }
+  close(fd);
+  return result == 0 ? 0 : fail(result);
+}
+
+TARNBASE_API int tarn_file_share_fd(int fd, unsigned int mode) {
+  if (fd < 0) return fail(EBADF);
+  if (mode > 07777) return fail(EINVAL);
+  struct stat st;
+  if (fstat(fd, &st) != 0) return errno;
+  const tarnbase::AgentGroup group = tarnbase::agent_group();
+  mode_t wanted = (mode_t)mode;
+  if (group.set) {
+    wanted &= ~(mode_t)S_IRWXO;
+    if (group.found && st.st_gid != group.gid && fchownat(fd, "", (uid_t)-1, group.gid, AT_EMPTY_PATH) != 0) {
+      return errno;
+    }
+  }
+  // A change of group may have cleared set-ID bits: compare with the
+  // object as it is now.
+  if (group.set && fstat(fd, &st) != 0) return errno;
+  if ((st.st_mode & 07777) == wanted) return 0;
+  if (fchmod(fd, wanted) == 0) return 0;
+  if (errno != EBADF) return errno;
+  // An O_PATH descriptor: chmod(2) through its /proc name changes the
+  // object it holds, never what a path now names.
+  char name[64];
+  snprintf(name, sizeof(name), "/proc/self/fd/%d", fd);
+  return chmod(name, wanted) == 0 ? 0 : errno;
 }
 
 }  // extern "C"

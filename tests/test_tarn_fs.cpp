@@ -32,6 +32,7 @@
 #include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_flock.h>
+#include <tarnbase/tarn_log.h>
 #include <tarnbase/tarn_path.h>
 #include <tarnbase/tarn_str.h>
 
@@ -584,6 +585,77 @@ TEST_F(FsTest, FullControlKeepsTheOwner) {
   EXPECT_EQ(1234u, st.st_uid);
   EXPECT_EQ(2345u, st.st_gid);
   EXPECT_EQ(0666u, st.st_mode & 07777);
+}
+
+TEST_F(FsTest, FullControlDoesNotFollowALink) {
+  ASSERT_TRUE(write_file(at("target"), "x"));
+  ASSERT_EQ(0, chmod(at("target").c_str(), 0600));
+  ASSERT_EQ(0, symlink(at("target").c_str(), at("link").c_str()));
+  EXPECT_EQ(ELOOP, tarn_file_add_user_full_ctrl(at("link").c_str(), ""));
+  EXPECT_EQ(0600u, mode_of(at("target")));
+}
+
+// Mode and group of path after a fresh process, configured with config,
+// shares it with mode; "error N" when the call fails.
+std::string shared_under(const std::string &config, const std::string &path, unsigned mode) {
+  tarn_test::Pipe answer;
+  const pid_t child = tarn_test::fork_child([&] {
+    mkdir("/etc/velmora", 0755);
+    if (!write_file(TARN_LOG_CONFIG_PATH, config)) return 1;
+    const int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
+    const int result = tarn_file_share_fd(fd, mode);
+    close(fd);
+    return answer.write_int(result) ? 0 : 1;
+  });
+  int result = -1;
+  const bool got = answer.read_int(&result);
+  EXPECT_EQ(0, tarn_test::reap(child));
+  unlink(TARN_LOG_CONFIG_PATH);
+  if (!got) return "no answer";
+  if (result != 0) return "error " + std::to_string(result);
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return "missing";
+  char text[32];
+  snprintf(text, sizeof(text), "%04o %u", (unsigned)(st.st_mode & 07777), (unsigned)st.st_gid);
+  return text;
+}
+
+TEST_F(FsTest, SharingOpensToAllUsersWithoutAnAgentGroup) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  ASSERT_EQ(0, chown(at("file").c_str(), 0, 0));
+  ASSERT_EQ(0, chmod(at("file").c_str(), 0600));
+  ASSERT_EQ(0, mkdir(at("dir").c_str(), 0700));
+  EXPECT_EQ("0666 0", shared_under("[security]\nagent_group =\n", at("file"), 0666));
+  EXPECT_EQ("0777 0", shared_under("", at("dir"), 0777));
+}
+
+TEST_F(FsTest, SharingGivesTheAgentGroupWhatOthersWouldHave) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  ASSERT_EQ(0, chmod(at("file").c_str(), 0644));
+  ASSERT_EQ(0, mkdir(at("dir").c_str(), 0755));
+  ASSERT_TRUE(write_file(at("program"), "x"));
+  // nogroup is 65534 on every Debian system.
+  const std::string config = "[security]\nagent_group = nogroup\n";
+  EXPECT_EQ("0660 65534", shared_under(config, at("file"), 0666));
+  EXPECT_EQ("0770 65534", shared_under(config, at("dir"), 0777));
+  EXPECT_EQ("0770 65534", shared_under(config, at("program"), 0777));
+}
+
+TEST_F(FsTest, SharingWithAnUnknownAgentGroupOpensToNobodyElse) {
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  ASSERT_EQ(0, chown(at("file").c_str(), 0, 0));
+  ASSERT_EQ(0, chmod(at("file").c_str(), 0666));
+  EXPECT_EQ("0660 0", shared_under("[security]\nagent_group = no-such-group\n", at("file"), 0666));
+}
+
+TEST_F(FsTest, SharingRefusesBadArguments) {
+  errno = 0;
+  EXPECT_EQ(EBADF, tarn_file_share_fd(-1, 0666));
+  EXPECT_EQ(EBADF, errno);
+  ASSERT_TRUE(write_file(at("file"), "x"));
+  const int fd = open(at("file").c_str(), O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(EINVAL, tarn_file_share_fd(fd, 010000));
+  close(fd);
 }
 
 TEST_F(FsTest, FullControlRefusesNamedUsersAndReportsFailures) {

@@ -90,15 +90,35 @@ TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode);
  * (ENOENT, EACCES, ENXIO for a socket...). */
 TARNBASE_API int tarn_file_open_regular(const char *path, unsigned long long max_bytes);
 
-/* Opens path to a user. user "" means every user: read and write
- * permission for owner, group and others are added to a file (0666 at
- * least) and read, write and search permission to a directory (0777 at
- * least). Bits already set stay set (an executable keeps its execute
- * bits), and the owner is kept. Returns 0, EINVAL for a null or empty path,
- * a null user, or a user other than "" (naming one user is not supported
- * yet), or the errno of stat(2) / chmod(2) (ENOENT, EPERM when the caller
- * neither owns the file nor is root). */
+/* Opens path to a user. user "" means every process of the agent: read
+ * and write permission for owner, group and others are added to a file
+ * (0666 at least) and read, write and search permission to a directory
+ * (0777 at least), as tarn_file_share_fd gives them: with an agent group
+ * set, the group's bits instead of the others' (0660, 0770). Bits already
+ * set stay set (an executable keeps its execute bits), and the owner is
+ * kept. A symbolic link at path is not followed: it is refused with ELOOP
+ * and nothing changes. Returns 0, EINVAL for a null or empty path, a null
+ * user, or a user other than "" (naming one user is not supported yet),
+ * ELOOP, or the errno of open(2) / fstat(2) / tarn_file_share_fd (ENOENT,
+ * EPERM when the caller neither owns the file nor is root). */
 TARNBASE_API int tarn_file_add_user_full_ctrl(const char *path, const char *user);
+
+/* Gives the open file, directory or shared-memory object fd the access of
+ * what the agent's processes share between them, whatever their users.
+ * mode is the mode that opens it to all of them (0666 for a file, 0777 for
+ * a directory; other bits such as execute are kept as given).
+ *
+ * Without an agent group (key agent_group of [security] in
+ * TARN_LOG_CONFIG_PATH, tarn_log.h, unset or empty) the mode becomes mode.
+ * With one, the object's group becomes that group (its owner is kept) and
+ * its mode becomes mode without the others' bits: 0666 gives 0660 and 0777
+ * gives 0770. A name that names no group drops the others' bits as well and
+ * leaves the group as it is, so that a mistyped name never opens anything.
+ * The group is looked up on each call. fd may be opened with O_PATH.
+ * Returns 0, EBADF for a negative fd, EINVAL for a mode outside 07777, or
+ * the errno of fchownat(2) / fchmod(2) (EPERM when the caller neither owns
+ * the object nor is root). */
+TARNBASE_API int tarn_file_share_fd(int fd, unsigned int mode);
 
 TARNBASE_END_DECLS
 

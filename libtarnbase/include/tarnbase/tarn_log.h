@@ -1,8 +1,8 @@
 /* tarn_log.h -- log output: levels, destinations and the log configuration.
  *
  * Configuration. One file, /etc/velmora/tarnbase.conf, in ini form, read
- * once by each process when it first needs a value; a process started
- * after a change sees the change. No environment variable is read.
+ * once by each process when it first needs a value; a process started or
+ * forked after a change sees the change. No environment variable is read.
  *
  *   [log]
  *   level = 2            ; 0 fatal and error only, 1 +warn, 2 +info, 3 +debug
@@ -11,6 +11,16 @@
  *
  *   [platform]
  *   x86_companion = 0    ; 1: companion x86 components (tarn_platform.h)
+ *
+ *   [lock]
+ *   wait_seconds = 30    ; longest wait for a file lock, 1 to 86400
+ *                        ; (tarn_flock.h)
+ *
+ *   [security]
+ *   agent_group =        ; a group name: what the agent shares between
+ *                        ; its processes belongs to root and this group,
+ *                        ; with no access for others (tarn_file.h,
+ *                        ; tarn_file_share_fd); empty: open to all users
  *
  * A missing file, section or key, and a value that is not a number in
  * range, give the default shown. A file that is malformed (a line that is
