@@ -15,6 +15,23 @@
  * record cannot be loaded (logged at info). */
 int32_t tarn_get_upgrade_lock_count(void);
 
+/* Where text stands in a command line that a shell reads: between double
+ * quotes (alone, or inside single quotes as well), or as a word without
+ * quotes. */
+typedef enum { SHELL_TEXT_QUOTED, SHELL_TEXT_UNQUOTED } ShellQuoting;
+
+/* The one check of text from disk or from a caller before it is written
+ * into a shell command line. Refuses (returns true) text that holds a
+ * character that could end its quoting or be read by the shell: '"', '$',
+ * '`', '\', '\'' and every control character (0x01 to 0x1f, 0x7f, the line
+ * end among them); for SHELL_TEXT_UNQUOTED also the blank and
+ * "|&;<>()*?[]{}#~!". A refusal logs at warn
+ *   "refused text for a shell command: [%s]\n"
+ * with the text, each control character in it shown as \xHH (cut at 2047
+ * characters). Returns false, logging nothing, for acceptable text. Bytes
+ * from 0x80 up (UTF-8 names) are accepted. */
+bool refuse_shell_text(const char *text, ShellQuoting quoting);
+
 /* Upgrade support. The data root is the system log directory of the base
  * library (tarn_log_dir; "/var/log" by default); the agent's configuration
  * directory is the data root followed by "/velmora/TARN3_CFG". */
