@@ -240,7 +240,10 @@ TARNAUX_API uint32_t load_local_pack(const char *dir, com_list_var *list);
  *   (%s)" (manifest path, cut at 2047 characters), then info "remove
  *   unpack cache dir [%s]" with "<dest>/NAME", which is removed with
  *   everything in it; *info is zero (load_com_info freed it).
- * archive and dest reach the shell inside double quotes: see unpack_tgz. */
+ * An archive or dest that unpack_tgz refuses as text for a shell command
+ * logs its warn line "refused text for a shell command: [%s]" before
+ * "unzip component failed"; tar itself runs without a shell: see
+ * unpack_tgz. */
 TARNAUX_API uint32_t unpack_com(const char *archive, const char *dest, com_info_var *info);
 
 /* Checks that the files of *info are present below the unpacked package

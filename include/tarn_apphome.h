@@ -171,7 +171,10 @@ TARNAUX_API int32_t tarn_apphome_create_flag(const char *apphome_path, const cha
 
 /* Runs the service executable at the install root,
  * "/usr/share/velmora/TARN/tarn_service", with " -v" through the shell and
- * stores what it prints in buf (len bytes) as tarn_shell_execute does.
+ * stores what it prints in buf (len bytes) as tarn_shell_execute does. The
+ * command, "\"/usr/share/velmora/TARN/tarn_service\" -v", holds only the
+ * fixed install root and the executable's fixed name: no text from disk
+ * or from the caller reaches the shell.
  * Returns tarn_shell_execute's result (0 on success; the command's exit
  * status otherwise, nothing logged); -1, leaving buf untouched, for a null
  * buf (nothing logged), when the install root cannot be had (warn

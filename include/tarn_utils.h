@@ -8,14 +8,17 @@
  * update. They never touch the backup record or the files' permissions.
  *
  * Package helpers: the presence check of a component's file, the base name
- * and directory part of a path (both edit the caller's buffer), and running
- * commands through the shell with their output logged.
+ * and directory part of a path (both edit the caller's buffer), running
+ * commands through the shell with their output logged, and unpacking
+ * package archives with the system's tar.
  *
  * execute_cmd and execute_command hand a command line to the shell
- * ("/bin/sh -c"), which interprets every quote, blank, ';', '$', '`',
- * redirection and the like in it. Pass them only trusted text: never a
- * path, argument or command built from input that an untrusted party
- * controls.
+ * ("/bin/sh -c") by contract, and check nothing in it: the shell
+ * interprets every quote, blank, ';', '$', '`', redirection and the like.
+ * Callers must pass them only trusted text: never a path, argument or
+ * command built from a file or from input that another user controls.
+ * (unpack_tgz, which names a package path in its command, checks that path
+ * itself and runs tar without a shell.)
  *
  * Messages named below are logged through the library's log with the level
  * given; each ends with a line end. A function whose comment names no
@@ -123,7 +126,8 @@ TARNAUX_API int32_t execute_cmd(const char *cmd);
  * is written with each blank replaced by quote, blank, quote, so that the
  * shell keeps it one word: my file becomes my" "file. Nothing else is
  * quoted or escaped: quotes, '$', ';' and the like in program or in the
- * arguments reach the shell as they stand (see the warning at the top).
+ * arguments reach the shell as they stand (see the warning at the top), so
+ * the handle must hold only trusted text.
  * The line is held in a buffer of (args_count + 1) * 1025 + 3 bytes
  * (args_count from argment_paras_get_args_count) and each argument is
  * quoted in one of 1124 bytes; text that does not fit is cut silently.
@@ -136,47 +140,62 @@ TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *h
 
 /* Unpacks the package archive archive (a gzip-compressed tar file whose
  * name ends in exactly ".tgz") into the existing directory dest with the
- * system's tar, the command
+ * system's tar. The command is
  *
  *   tar -zxf "<archive>" -C "<dest>"
  *
- * (cut at 2047 characters), whose line is logged at info as execute_cmd
- * logs it: "exitcode:[%d] cmd:[%s] cmd_result:[%s]" with tar's exit code,
- * that command and tar's output. The archive must be a regular file (a
- * symbolic link to one is followed) of at most UNTGZ_ARCHIVE_MAX_BYTES
- * (64 GiB, untgz.h): it is opened and checked first, so that the check
- * cannot block on a FIFO, and tar reads it from that descriptor, on its
- * standard input, without opening the path again (the shell runs
- * tar -zxf - -C "<dest>"): a FIFO or another file put in the archive's
- * place after the check is never read. The destination stands inside
- * double quotes, so it may hold blanks, but '"', '$', '`' and '\' in it
- * reach the shell: see the warning at the top.
- * While tar runs, the environment holds
- *   TAR_OPTIONS=--no-same-owner --no-same-permissions --no-overwrite-dir
- * in place of any TAR_OPTIONS of the caller's (put back afterwards), so
- * that even for root tar extracts as for an ordinary user: everything is
- * owned by the caller, modes lose their set-ID and sticky bits and are
- * filtered by the umask, and directories that exist (dest itself too) keep
- * their mode and owner; nor can the caller's options turn tar's own checks
- * off (tar drops a leading '/' and refuses names with a ".." component).
- * Do not read or change the environment from another thread meanwhile.
- * Device and fifo members are still made by tar, inside dest, when the
- * system lets the caller make them. When the environment has no room for
- * the entry, tar is not run and the result is -1, as for a command that
- * cannot be run, through the failure path below.
- * Returns 0 when tar exited with 0; 1, without logging or running
- * anything, when archive or dest is null, dest is not a directory, the
- * extension of archive is not exactly ".tgz" ("pkg.TGZ" and "pkg.tar.gz"
- * are refused), or archive is missing, cannot be opened, is not a regular
- * file (a FIFO, a device such as a link to /dev/zero, a socket, a
- * directory) or is larger than UNTGZ_ARCHIVE_MAX_BYTES; otherwise tar's
- * exit code as tarn_shell_execute_with_input returns it, after logging at
- * warn "unzip tgz failed with %d, cmd:%s" (the code and the command with
- * the archive's path) and removing the unpack cache: when the archive
- * has a base name NAME (get_basename; not empty, "." or "..") and
- * "<dest>/NAME" is a directory, logs at info "remove unpack cache dir [%s]"
- * with that path and removes it with everything in it (a directory of that
- * name that was there before the call is removed too). */
+ * (cut at 2047 characters): it is logged at info as execute_cmd logs a
+ * command, "exitcode:[%d] cmd:[%s] cmd_result:[%s]" with tar's exit code,
+ * that command and tar's output, and it is what the warn line below
+ * names; the result is tar's exit code.
+ *
+ * Added safeguards (the command line, its messages and the results stay
+ * as above):
+ * - archive and dest must pass the check of text for a shell command: one
+ *   that holds '"', '$', '`', '\', '\'' or a control character (the line
+ *   end among them) is refused, logged at warn "refused text for a shell
+ *   command: [%s]" with the path (control characters as \xHH), and the
+ *   result is 1, as for any bad argument; nothing runs. So the logged
+ *   command is always safe to run as it stands.
+ * - The archive must be a regular file (a symbolic link to one is
+ *   followed) of at most UNTGZ_ARCHIVE_MAX_BYTES (64 GiB, untgz.h). It is
+ *   opened and checked first, so that the check cannot block on a FIFO.
+ * - No shell runs: /bin/tar is executed directly (tarn_process_run,
+ *   tarnbase/tarn_process.h) as
+ *     tar --no-same-owner --no-same-permissions --no-overwrite-dir
+ *         --no-xattrs --no-acls --no-selinux -zxf - -C <dest>
+ *   reading the checked descriptor on its standard input, so that a FIFO
+ *   or another file put in the archive's place after the check is never
+ *   read. Even for root, everything is then owned by the caller (not by the
+ *   archive's owners), modes lose their set-ID and sticky bits and are
+ *   filtered by the umask, directories that exist (dest itself too) keep
+ *   their mode and owner, and no extended attribute, ACL or SELinux context
+ *   is taken from the archive.
+ * - tar's environment is its own, "PATH=/usr/bin:/bin" alone (for the
+ *   gzip that -z starts): the caller's TAR_OPTIONS (which could turn off
+ *   tar's own checks, -P), GZIP and the like do not reach it, and the
+ *   caller's environment is neither read nor changed, so other threads may
+ *   use it meanwhile.
+ * - tar runs with TARN_PROCESS_NO_SPECIAL_FILES: it cannot make device
+ *   nodes or FIFOs. It reports each such member on its standard error and
+ *   goes on with the others, and then exits with 2: the call fails as
+ *   below. (Where the system has no seccomp filters, such as under
+ *   qemu-user, FIFOs can still be made; devices cannot.)
+ *
+ * Returns 0 when tar exited with 0; 1, running nothing, when archive or
+ * dest is null, dest is not a directory, the extension of archive is not
+ * exactly ".tgz" ("pkg.TGZ" and "pkg.tar.gz" are refused) (nothing
+ * logged), archive or dest is refused by the text check (its warn line), or
+ * archive is missing, cannot be opened, is not a regular file (a FIFO, a
+ * device such as a link to /dev/zero, a socket, a directory) or is larger
+ * than UNTGZ_ARCHIVE_MAX_BYTES (nothing logged); otherwise tar's exit code
+ * (-1 when it could not be run), after logging at warn "unzip tgz failed
+ * with %d, cmd:%s" (the code and the command) and removing the unpack
+ * cache: when the archive has a base name NAME (get_basename; not empty,
+ * "." or "..") and "<dest>/NAME" is a directory, logs at info "remove
+ * unpack cache dir [%s]" with that path and removes it with everything in
+ * it (a directory of that name that was there before the call is removed
+ * too). */
 TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest);
 
 TARNAUX_END_DECLS

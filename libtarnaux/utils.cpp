@@ -57,45 +57,29 @@ struct FreeString {
 };
 using StringPtr = std::unique_ptr<char, FreeString>;
 
-// GNU tar run by root restores the owners recorded in the archive and every
-// mode bit, set-user-ID and set-group-ID included, and gives directories
-// that exist (the destination too) the archive's modes. While unpack_tgz
-// runs it, these options make it extract as it does for an ordinary user:
-// files owned by the caller, modes filtered by the umask and without set-ID
-// bits, directories that exist left as they are. They pass through tar's
-// environment, so the command line stays the same, and they stand in for
-// the caller's own TAR_OPTIONS, which could loosen tar's checks (-P).
-char g_tar_options[] = "TAR_OPTIONS=--no-same-owner --no-same-permissions --no-overwrite-dir";
+// The system's tar as unpack_tgz runs it, without a shell. GNU tar run by
+// root restores the owners recorded in the archive and every mode bit,
+// set-user-ID and set-group-ID included, and gives directories that exist
+// (the destination too) the archive's modes; the options make it extract
+// as it does for an ordinary user: files owned by the caller, modes
+// filtered by the umask and without set-ID bits, directories that exist
+// left as they are, and no extended attributes, ACLs or SELinux contexts
+// from the archive. Its environment is this one alone: no TAR_OPTIONS (the
+// caller's could loosen tar's checks, -P), no GZIP, and a fixed PATH for
+// the gzip that -z runs.
+constexpr char kTarPath[] = "/bin/tar";
+const char *const kTarArguments[] = {"tar",          "--no-same-owner", "--no-same-permissions",
+                                     "--no-overwrite-dir", "--no-xattrs", "--no-acls",
+                                     "--no-selinux", "-zxf",            "-",
+                                     "-C"};  // the destination follows
+char *const kTarEnvironment[] = {const_cast<char *>("PATH=/usr/bin:/bin"), nullptr};
 
-// Puts g_tar_options into the environment for its lifetime, then gives
-// back the entry that was there (the same string) or none.
-class TarOptions {
- public:
-  TarOptions() : previous_(current_entry()), ok_(putenv(g_tar_options) == 0) {}
-  ~TarOptions() {
-    if (previous_ != nullptr) {
-      putenv(previous_);
-    } else {
-      unsetenv("TAR_OPTIONS");
-    }
-  }
-  TarOptions(const TarOptions &) = delete;
-  TarOptions &operator=(const TarOptions &) = delete;
-  // False when the environment had no room for the entry.
-  bool ok() const { return ok_; }
-
- private:
-  static char *current_entry() {
-    static const char kPrefix[] = "TAR_OPTIONS=";
-    for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-      if (strncmp(*entry, kPrefix, sizeof(kPrefix) - 1) == 0) return *entry;
-    }
-    return nullptr;
-  }
-
-  char *previous_;
-  bool ok_;
-};
+// Characters that end the quoting of text written into a command line
+// between double quotes (also inside single quotes around those), and
+// those that a shell interprets in a word written without quotes.
+constexpr char kEndsQuotedText[] = "\"$`\\'";
+constexpr char kEndsUnquotedText[] = "\"$`\\' |&;<>()*?[]{}#~!";
+constexpr size_t kRefusedTextShown = 2048;
 
 // execute_cmd's line for a command that ended with code, its output in
 // g_command_output.
@@ -115,6 +99,28 @@ void record_path_of(char (&path)[TARN_PATH_BUFFER_SIZE], const char *root) {
 }
 
 }  // namespace
+
+bool refuse_shell_text(const char *text, ShellQuoting quoting) {
+  const char *special = quoting == SHELL_TEXT_UNQUOTED ? kEndsUnquotedText : kEndsQuotedText;
+  bool refused = false;
+  for (const unsigned char *p = (const unsigned char *)text; *p != '\0' && !refused; ++p) {
+    refused = *p < 0x20 || *p == 0x7f || strchr(special, *p) != nullptr;
+  }
+  if (!refused) return false;
+  // Control characters are shown as \xHH, so that the line stays one line.
+  char shown[kRefusedTextShown];
+  size_t used = 0;
+  for (const unsigned char *p = (const unsigned char *)text; *p != '\0' && used + 5 < sizeof(shown); ++p) {
+    if (*p < 0x20 || *p == 0x7f) {
+      used += (size_t)snprintf(shown + used, sizeof(shown) - used, "\\x%02x", *p);
+    } else {
+      shown[used++] = (char)*p;
+    }
+  }
+  shown[used] = '\0';
+  LOG(warn, "refused text for a shell command: [%s]\n", shown);
+  return true;
+}
 
 int32_t tarn_get_upgrade_lock_count(void) {
   char record[TARN_PATH_BUFFER_SIZE];
@@ -324,31 +330,32 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
       strcmp(tarn_path_get_ext_u(archive), ".tgz") != 0) {
     return 1;
   }
+  // The command line below is the one logged, and it must be safe to run
+  // as it stands: nothing in it may end its quotes.
+  if (refuse_shell_text(archive, SHELL_TEXT_QUOTED) || refuse_shell_text(dest, SHELL_TEXT_QUOTED)) {
+    return 1;
+  }
   // Only a regular file within the bound, checked without blocking on a
   // FIFO; anything else is refused as a missing archive is.
   const int input = tarn_file_open_regular(archive, UNTGZ_ARCHIVE_MAX_BYTES);
   if (input < 0) return 1;
-  // The command line that names the archive is the one logged, as
-  // execute_cmd logs it, and reported on failure: it says what was
-  // unpacked. tar itself reads the archive from the checked descriptor on
-  // its standard input ("-f -") and never opens the path, so that a FIFO
-  // put in the archive's place after the check cannot block it (nor another
-  // file be unpacked); the same tar, options and destination otherwise.
   char command[2048];
   memset(command, 0, sizeof(command));
   tarn_str_snprintf(command, sizeof(command), "tar -zxf \"%s\" -C \"%s\"", archive, dest);
-  char reading_input[2048];
-  memset(reading_input, 0, sizeof(reading_input));
-  tarn_str_snprintf(reading_input, sizeof(reading_input), "tar -zxf - -C \"%s\"", dest);
-  int32_t code = -1;  // as for a command that cannot be run
-  {
-    TarOptions options;
-    if (options.ok()) {
-      code = tarn_shell_execute_with_input(reading_input, input, g_command_output,
-                                           sizeof(g_command_output));
-      log_command(code, command);
-    }
-  }
+  // The command line names the archive and says what was unpacked; tar
+  // itself runs without a shell, reads the checked descriptor on its
+  // standard input ("-f -") and never opens the path, so that a FIFO put in
+  // the archive's place after the check cannot block it (nor another file
+  // be unpacked), and can make no device node or FIFO.
+  constexpr size_t kFixed = sizeof(kTarArguments) / sizeof(kTarArguments[0]);
+  char *argv[kFixed + 2];
+  for (size_t i = 0; i < kFixed; ++i) argv[i] = const_cast<char *>(kTarArguments[i]);
+  argv[kFixed] = const_cast<char *>(dest);
+  argv[kFixed + 1] = nullptr;
+  const int32_t code = tarn_process_run(kTarPath, argv, kTarEnvironment, input,
+                                        TARN_PROCESS_NO_SPECIAL_FILES, g_command_output,
+                                        sizeof(g_command_output));
+  log_command(code, command);
   close(input);
   if (code == 0) return 0;
 
@@ -502,6 +509,8 @@ int32_t set_tarn_agentid_dir(void) {
     LOG(warn, "set_tarn_agentid_dir failed! \n");
     return 0;
   }
+  // The directory stands in the command line without quotes.
+  if (refuse_shell_text(dir, SHELL_TEXT_UNQUOTED)) return 0;
   char command[TARN_PATH_BUFFER_SIZE + 16];
   memset(command, 0, sizeof(command));
   tarn_str_snprintf(command, sizeof(command), "chmod -R 777 %s", dir);
@@ -533,6 +542,11 @@ int32_t tarn_backup_by_subprocess(const char *backup_arg) {
   memset(tool, 0, sizeof(tool));
   memset(command, 0, sizeof(command));
   tarn_str_snprintf(tool, sizeof(tool), "%s/bin/tarn_backup", apphome);
+  // The app home's name comes from the record; neither it nor the argument
+  // may end the quotes that keep each one word for bash.
+  if (refuse_shell_text(tool, SHELL_TEXT_QUOTED) || refuse_shell_text(backup_arg, SHELL_TEXT_QUOTED)) {
+    return 1;
+  }
   // bash runs the tool with the quoted path and argument as one word each.
   tarn_str_snprintf(command, sizeof(command), "bash -c '\"%s\" -b \"%s\"'", tool, backup_arg);
   LOG(info, "backup cmd: %s\n", command);

@@ -15,6 +15,23 @@
  * record cannot be loaded (logged at info). */
 int32_t tarn_get_upgrade_lock_count(void);
 
+/* Where text stands in a command line that a shell reads: between double
+ * quotes (alone, or inside single quotes as well), or as a word without
+ * quotes. */
+typedef enum { SHELL_TEXT_QUOTED, SHELL_TEXT_UNQUOTED } ShellQuoting;
+
+/* The one check of text from disk or from a caller before it is written
+ * into a shell command line. Refuses (returns true) text that holds a
+ * character that could end its quoting or be read by the shell: '"', '$',
+ * '`', '\', '\'' and every control character (0x01 to 0x1f, 0x7f, the line
+ * end among them); for SHELL_TEXT_UNQUOTED also the blank and
+ * "|&;<>()*?[]{}#~!". A refusal logs at warn
+ *   "refused text for a shell command: [%s]\n"
+ * with the text, each control character in it shown as \xHH (cut at 2047
+ * characters). Returns false, logging nothing, for acceptable text. Bytes
+ * from 0x80 up (UTF-8 names) are accepted. */
+bool refuse_shell_text(const char *text, ShellQuoting quoting);
+
 /* Upgrade support. The data root is the system log directory of the base
  * library (tarn_log_dir; "/var/log" by default); the agent's configuration
  * directory is the data root followed by "/velmora/TARN3_CFG". */
@@ -42,6 +59,10 @@ int32_t tarn_update_exit_info(int32_t exit_type);
  * (info "excute shell succed: [%s]\n" with the command; warn "excute shell
  * failed: [%s]\n" when the command cannot be started). Without a data root
  * it logs at warn "set_tarn_agentid_dir failed! \n" and does nothing.
+ * The directory stands in the command without quotes, so a directory that
+ * refuse_shell_text refuses with SHELL_TEXT_UNQUOTED (a blank, ';', '$'
+ * and the like in the configured data root) runs no command: its warn
+ * line only, after the directory was created.
  * The command's own exit status is not looked at. Returns 0 always. */
 int32_t set_tarn_agentid_dir(void);
 
@@ -50,15 +71,19 @@ int32_t set_tarn_agentid_dir(void);
  * without waiting for it. The command line is
  *   bash -c '"<tool>" -b "<backup_arg>"'
  * (tarn_process_create), so backup_arg reaches the tool as one argument,
- * blanks and all, but must not hold a single quote (it ends the quoting:
- * the line is refused) nor '"', '$', '`' or '\', which bash interprets.
+ * blanks and all. The tool's path (whose app home name comes from the
+ * record, open to all users) and backup_arg are first checked with
+ * refuse_shell_text (SHELL_TEXT_QUOTED): a single quote, '"', '$', '`',
+ * '\' or a control character in either starts nothing and gives 1 after
+ * its warn line "refused text for a shell command: [%s]\n".
  * Logs at info "start backup by subprocess\n" and "backup cmd: %s\n".
  * Returns tarn_process_create's result (0) once the tool is started (its
  * own failure, such as a missing tool, is bash's and is not seen here); 1
  * for a null or empty backup_arg (warn "invalid parameter\n"), when no app
- * home is recorded (warn "Failed to obtain tarn main apphome path\n") and
- * when the process cannot be started (warn "Starting child process for
- * backup faile. error code %d\n" with errno). */
+ * home is recorded (warn "Failed to obtain tarn main apphome path\n"), for
+ * refused text (above; no "backup cmd" line) and when the process cannot
+ * be started (warn "Starting child process for backup faile. error code
+ * %d\n" with errno). */
 int32_t tarn_backup_by_subprocess(const char *backup_arg);
 
 /* Copies the file src to dst (tarn_file_copy: whole, replacing dst), first

@@ -6,14 +6,25 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stddef.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <linux/audit.h>
+#include <linux/capability.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+
+#include <initializer_list>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
+#include "command_output.h"
 #include "proc_stat.h"
 
 namespace {
@@ -82,10 +93,102 @@ bool open_report_pipe(int fds[2]) {
   _exit(127);
 }
 
+// A seccomp program that makes mknod and mknodat fail with EPERM, built
+// before the fork (the child may not allocate). Each block covers one
+// system call convention that a program run on this kernel may use: the
+// library's own and, on x86, the other word width's, since a 32-bit agent
+// may run a 64-bit tar and the other way round. A program of any other
+// convention gets EPERM for every call: it fails instead of running
+// unchecked.
+class NoSpecialFilesFilter {
+ public:
+  NoSpecialFilesFilter() {
+#if defined(__x86_64__)
+    add_block(AUDIT_ARCH_X86_64, {__NR_mknod, __NR_mknodat}, true);
+    add_block(AUDIT_ARCH_I386, {14, 297}, false);  // i386: mknod, mknodat
+#elif defined(__i386__)
+    add_block(AUDIT_ARCH_I386, {__NR_mknod, __NR_mknodat}, false);
+    add_block(AUDIT_ARCH_X86_64, {133, 259}, true);  // x86-64: mknod, mknodat
+#elif defined(__aarch64__)
+    add_block(AUDIT_ARCH_AARCH64, {__NR_mknodat}, false);
+#elif defined(__mips__) && defined(__MIPSEL__) && _MIPS_SIM == _ABI64
+    add_block(AUDIT_ARCH_MIPSEL64, {__NR_mknod, __NR_mknodat}, false);
+#elif defined(__mips__) && _MIPS_SIM == _ABI64
+    add_block(AUDIT_ARCH_MIPS64, {__NR_mknod, __NR_mknodat}, false);
+#endif
+    program_.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
+    fprog_.len = (unsigned short)program_.size();
+    fprog_.filter = program_.data();
+  }
+  const sock_fprog *fprog() const { return &fprog_; }
+
+ private:
+  // [load arch; not this one: skip the block; load nr; (x32: deny);
+  //  mknod...: deny; allow; deny]
+  void add_block(uint32_t arch, std::initializer_list<long> denied, bool x32_follows) {
+    const size_t extra = (x32_follows ? 1 : 0) + denied.size();
+    const unsigned char after_arch = (unsigned char)(1 + extra + 2);
+    program_.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, arch)));
+    program_.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, arch, 0, after_arch));
+    program_.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)));
+    // Each test jumps to the block's deny, which follows its allow.
+    unsigned char to_deny = (unsigned char)(extra + 1);
+    if (x32_follows) {
+      // The x32 convention of an x86-64 kernel: its numbers have bit 30 set.
+      program_.push_back(BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, 0x40000000u, to_deny, 0));
+      --to_deny;
+    }
+    for (long number : denied) {
+      program_.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, (uint32_t)number, to_deny, 0));
+      --to_deny;
+    }
+    program_.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+    program_.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
+  }
+
+  std::vector<sock_filter> program_;
+  sock_fprog fprog_{};
+};
+
+// In a forked child: makes sure that nothing it executes can make a device
+// node or a FIFO. Returns false with errno when a step fails.
+bool forbid_special_files(const sock_fprog *filter) {
+  // No program executed from here on gains a privilege: no set-ID program,
+  // no file capability, and root's exec keeps no capability beyond those
+  // the process has now.
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return false;
+  // Out of the bounding set too, where the process may change it (root).
+  if (prctl(PR_CAPBSET_DROP, CAP_MKNOD, 0, 0, 0) != 0 && errno != EPERM) return false;
+  __user_cap_header_struct header;
+  memset(&header, 0, sizeof(header));
+  header.version = _LINUX_CAPABILITY_VERSION_3;
+  __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3];
+  memset(data, 0, sizeof(data));
+  if (syscall(SYS_capget, &header, data) != 0) return false;
+  const uint32_t mknod_bit = 1u << (CAP_MKNOD % 32);
+  __user_cap_data_struct &word = data[CAP_MKNOD / 32];
+  word.effective &= ~mknod_bit;
+  word.permitted &= ~mknod_bit;
+  word.inheritable &= ~mknod_bit;
+  if (syscall(SYS_capset, &header, data) != 0) return false;
+  // FIFOs need no capability: they are stopped by the filter. A system
+  // that has no seccomp filters (EINVAL, ENOSYS: a kernel built without
+  // them, an emulator such as qemu-user) leaves them possible.
+  if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, filter, 0, 0) != 0 && errno != EINVAL &&
+      errno != ENOSYS) {
+    return false;
+  }
+  return true;
+}
+
 // In a forked child: gives the program default signal handling, an empty
-// signal mask and no descriptor above 2, then executes it. Only
-// async-signal-safe calls, since the caller may have other threads.
-[[noreturn]] void exec_program(char *const argv[], int report_fd) {
+// signal mask and no descriptor above 2, then executes it: path with envp
+// as its environment, or, without envp, argv[0] looked up in PATH with the
+// caller's environment. With a filter, the program cannot make device
+// nodes or FIFOs (forbid_special_files). Only async-signal-safe calls,
+// since the caller may have other threads.
+[[noreturn]] void exec_program(const char *path, char *const argv[], char *const envp[],
+                               const sock_fprog *filter, int report_fd) {
   struct sigaction default_action;
   memset(&default_action, 0, sizeof(default_action));
   default_action.sa_handler = SIG_DFL;
@@ -99,7 +202,12 @@ bool open_report_pipe(int fds[2]) {
     const long limit = sysconf(_SC_OPEN_MAX);
     for (int fd = STDERR_FILENO + 1; fd < limit; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
   }
-  execvp(argv[0], argv);
+  if (filter != nullptr && !forbid_special_files(filter)) report_and_exit(report_fd);
+  if (envp != nullptr) {
+    execve(path, argv, envp);
+  } else {
+    execvp(argv[0], argv);
+  }
   report_and_exit(report_fd);
 }
 
@@ -141,7 +249,7 @@ int create(char *const argv[], bool wait_for_end) {
       if (program < 0) report_and_exit(fds[1]);
       if (program > 0) _exit(0);
     }
-    exec_program(argv, fds[1]);
+    exec_program(nullptr, argv, nullptr, nullptr, fds[1]);
   }
   const int fork_error = errno;
   close(fds[1]);
@@ -158,6 +266,59 @@ int create(char *const argv[], bool wait_for_end) {
     return -1;
   }
   return wait_for_end ? status : 0;
+}
+
+// In a forked child: standard input from input_fd (-1: /dev/null) and
+// standard output to output_fd. Returns false with errno.
+bool redirect_standard_streams(int input_fd, int output_fd) {
+  // Whatever stands above 2 is closed by the exec (exec_program).
+  const int input = input_fd >= 0 ? input_fd : open("/dev/null", O_RDONLY);
+  if (input < 0) return false;
+  if (input == STDIN_FILENO ? fcntl(input, F_SETFD, 0) < 0 : dup2(input, STDIN_FILENO) < 0) return false;
+  return dup2(output_fd, STDOUT_FILENO) >= 0;
+}
+
+// See tarn_process_run.
+int run(const char *path, char *const argv[], char *const envp[], int input_fd, unsigned flags,
+        char *out, size_t out_len) {
+  std::unique_ptr<NoSpecialFilesFilter> filter;
+  if ((flags & TARN_PROCESS_NO_SPECIAL_FILES) != 0) filter.reset(new NoSpecialFilesFilter());
+  int report[2];
+  int output[2];
+  if (!open_report_pipe(report)) return -1;
+  if (!open_report_pipe(output)) {
+    const int error = errno;
+    close(report[0]);
+    close(report[1]);
+    errno = error;
+    return -1;
+  }
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(report[0]);
+    close(output[0]);
+    if (!redirect_standard_streams(input_fd, output[1])) report_and_exit(report[1]);
+    exec_program(path, argv, envp, filter ? filter->fprog() : nullptr, report[1]);
+  }
+  const int fork_error = errno;
+  close(report[1]);
+  close(output[1]);
+  if (pid < 0) {
+    close(report[0]);
+    close(output[0]);
+    errno = fork_error;
+    return -1;
+  }
+  tarnbase::read_command_output(output[0], out, out_len);
+  close(output[0]);
+  const int start_error = read_report(report[0]);
+  close(report[0]);
+  const int status = wait_status(pid);
+  if (start_error != 0) {
+    errno = start_error;
+    return -1;
+  }
+  return status;
 }
 
 }  // namespace
@@ -209,6 +370,23 @@ TARNBASE_API int tarn_process_create(const char *command_line, int wait) {
     for (std::string &word : words) argv.push_back(&word[0]);
     argv.push_back(nullptr);
     return create(argv.data(), wait != 0);
+  } catch (const std::bad_alloc &) {
+    errno = ENOMEM;
+    return -1;
+  }
+}
+
+TARNBASE_API int tarn_process_run(const char *path, char *const argv[], char *const envp[],
+                                  int input_fd, unsigned flags, char *out, size_t out_len) {
+  if (out != nullptr && out_len > 0) out[0] = '\0';
+  if (path == nullptr || path[0] != '/' || argv == nullptr || argv[0] == nullptr || envp == nullptr ||
+      input_fd < -1 || (flags & ~TARN_PROCESS_NO_SPECIAL_FILES) != 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (input_fd >= 0 && fcntl(input_fd, F_GETFD) < 0) return -1;
+  try {
+    return run(path, argv, envp, input_fd, flags, out, out_len);
   } catch (const std::bad_alloc &) {
     errno = ENOMEM;
     return -1;

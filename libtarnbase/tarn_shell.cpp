@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "command_output.h"
+
 extern char **environ;
 
 namespace {
@@ -56,22 +58,6 @@ pid_t spawn_shell(const char *command, int input_fd, int output_fd) {
   return pid;
 }
 
-// Reads fd to its end, keeping what fits in out (out_len - 1 bytes) and
-// dropping the rest. Returns the number of bytes kept.
-size_t read_output(int fd, char *out, size_t out_len) {
-  size_t kept = 0;
-  char discard[4096];
-  for (;;) {
-    const bool room = out != nullptr && kept + 1 < out_len;
-    char *target = room ? out + kept : discard;
-    const size_t wanted = room ? out_len - 1 - kept : sizeof(discard);
-    const ssize_t got = read(fd, target, wanted);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return kept;
-    if (room) kept += (size_t)got;
-  }
-}
-
 int wait_for(pid_t pid) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0) {
@@ -114,16 +100,33 @@ int execute(const char *command, int input_fd, char *out, size_t out_len) {
     errno = spawn_error;
     return -1;
   }
-  size_t kept = read_output(fds[0], out, out_len);
+  tarnbase::read_command_output(fds[0], out, out_len);
   close(fds[0]);
-  if (out != nullptr && out_len > 0) {
-    while (kept > 0 && (out[kept - 1] == '\n' || out[kept - 1] == '\r')) --kept;
-    out[kept] = '\0';
-  }
   return wait_for(pid);
 }
 
 }  // namespace
+
+namespace tarnbase {
+
+void read_command_output(int fd, char *out, size_t out_len) {
+  size_t kept = 0;
+  char discard[4096];
+  for (;;) {
+    const bool room = out != nullptr && kept + 1 < out_len;
+    char *target = room ? out + kept : discard;
+    const size_t wanted = room ? out_len - 1 - kept : sizeof(discard);
+    const ssize_t got = read(fd, target, wanted);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    if (room) kept += (size_t)got;
+  }
+  if (out == nullptr || out_len == 0) return;
+  while (kept > 0 && (out[kept - 1] == '\n' || out[kept - 1] == '\r')) --kept;
+  out[kept] = '\0';
+}
+
+}  // namespace tarnbase
 
 extern "C" {
 

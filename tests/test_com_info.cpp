@@ -1054,7 +1054,7 @@ std::deque<UuidAnswer> g_uuid_answers;  // consumed in order; then the real call
 std::deque<int> g_uuid_text_errors;     // the same for tarn_uuid_make_cstr
 unsigned g_uuid_create_calls = 0;
 
-unsigned g_shell_calls = 0;
+unsigned g_shell_calls = 0;  // commands run, by the shell or as a program
 std::function<void()> g_before_shell;  // run before the real command starts
 std::function<void()> g_after_shell;   // run once the real command has ended
 
@@ -1093,11 +1093,13 @@ int tarn_shell_execute(const char *command, char *out, size_t out_len) {
   return code;
 }
 
-int tarn_shell_execute_with_input(const char *command, int input_fd, char *out, size_t out_len) {
+int tarn_process_run(const char *path, char *const argv[], char *const envp[], int input_fd, unsigned flags,
+                     char *out, size_t out_len) {
   ++g_shell_calls;
   if (g_before_shell) g_before_shell();
-  const int code = next_definition<int (*)(const char *, int, char *, size_t)>("tarn_shell_execute_with_input")(
-      command, input_fd, out, out_len);
+  const int code =
+      next_definition<int (*)(const char *, char *const *, char *const *, int, unsigned, char *, size_t)>(
+          "tarn_process_run")(path, argv, envp, input_fd, flags, out, out_len);
   if (g_after_shell) g_after_shell();
   return code;
 }
@@ -1261,6 +1263,46 @@ TEST_F(PackageTest, UnpackTgzRefusesBadArgumentsWithoutRunningAnything) {
   EXPECT_EQ(g_shell_calls, 0u);
   EXPECT_NO_LINES();
   EXPECT_FALSE(exists(dest_ / "pkg"));
+}
+
+// Characters that could end the quotes of tar's command line, each with
+// the way the refusal shows it.
+const std::pair<std::string, std::string> kQuoteBreakers[] = {
+    {"\"", "\""}, {"$", "$"}, {"`", "`"}, {"\\", "\\"}, {"'", "'"}, {"\n", "\\x0a"}, {"\t", "\\x09"},
+    {"\x01", "\\x01"}, {"\x7f", "\\x7f"}};
+
+TEST_F(PackageTest, UnpackTgzRefusesAnArchiveOrDestinationThatCouldEndTheCommandsQuotes) {
+  const std::string good = package("pkg", package_manifest("pkg"));
+  for (const auto &breaker : kQuoteBreakers) {
+    const std::string archive_path = work_ / ("pkg" + breaker.first + ".tgz");
+    const std::string dest = dest_ / ("d" + breaker.first);
+    ASSERT_TRUE(tarn_test::write_file(archive_path, tarn_test::read_file(good)));
+    ASSERT_TRUE(make_dirs(dest));
+    tarn_test::clear_logs();
+    EXPECT_EQ(unpack_tgz(archive_path.c_str(), dest_.path().c_str()), 1);
+    EXPECT_EQ(unpack_tgz(good.c_str(), dest.c_str()), 1);
+    EXPECT_EQ(tarn_test::messages("warn"),
+              (std::vector<std::string>{
+                  format("refused text for a shell command: [%s]\n", (work_ / ("pkg" + breaker.second + ".tgz")).c_str()),
+                  format("refused text for a shell command: [%s]\n", (dest_ / ("d" + breaker.second)).c_str())}));
+    EXPECT_EQ(tarn_test::logs().size(), 2u) << dump_logs();
+    EXPECT_TRUE(tarn_test::list_directory(dest).empty());
+  }
+  EXPECT_EQ(g_shell_calls, 0u);
+  EXPECT_FALSE(exists(dest_ / "pkg"));
+}
+
+TEST_F(PackageTest, UnpackTgzTakesBlanksAndOtherCharactersInsideTheQuotes) {
+  lay_out_package("pkg", package_manifest("pkg"));
+  const std::string path = archive("pkg", "pkg ;|&<>*?~#é.tgz");
+  ASSERT_TRUE(make_dirs(dest_ / "with blank"));
+  const std::string dest = dest_ / "with blank";
+  EXPECT_EQ(unpack_tgz(path.c_str(), dest.c_str()), 0) << dump_logs();
+  EXPECT_EQ(tarn_test::read_file(dest + "/pkg/bin/pkg"), "program");
+  EXPECT_EQ(tarn_test::messages("info"),
+            (std::vector<std::string>{format("exitcode:[0] cmd:[tar -zxf \"%s\" -C \"%s\"] cmd_result:[]\n",
+                                             path.c_str(), dest.c_str())}));
+  EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
 }
 
 TEST_F(PackageTest, UnpackTgzUnpacksWithTheSystemsTar) {
@@ -1439,6 +1481,23 @@ TEST_F(PackageTest, UnpackComWhoseUnpackFailsLeavesTheRecord) {
     // The refused archive logs only that; the corrupt one also tar's lines.
     EXPECT_EQ(tarn_test::logs().size(), path == upper ? 1u : 3u) << dump_logs();
   }
+  EXPECT_TRUE(others_kept());
+}
+
+TEST_F(PackageTest, UnpackComOfAnArchiveThatCouldEndTheCommandsQuotesRunsNothing) {
+  const std::string good = package("pkg", package_manifest("pkg"));
+  const std::string path = work_ / "pkg$(id).tgz";
+  ASSERT_TRUE(tarn_test::write_file(path, tarn_test::read_file(good)));
+  com_info_var info;
+  memset(&info, 0x5a, sizeof(info));
+  const com_info_var before = info;
+  EXPECT_EQ(unpack_com(path.c_str(), dest_.path().c_str(), &info), 1u);
+  EXPECT_EQ(memcmp(&info, &before, sizeof(info)), 0);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{format("refused text for a shell command: [%s]\n", path.c_str()),
+                                      format("unzip component failed, tgz: %s\n", path.c_str())}));
+  EXPECT_EQ(tarn_test::logs().size(), 2u) << dump_logs();
+  EXPECT_EQ(g_shell_calls, 0u);
   EXPECT_TRUE(others_kept());
 }
 

@@ -3,7 +3,8 @@
 // copied or moved into place.
 //
 // Interposed below: the wall clock (tarn_time), the data root (tarn_log_dir,
-// made to fail), popen (made to fail) and tarn_file_copy_ex (a step run
+// made to fail or to name another directory), popen and tarn_process_create
+// (counted, made to fail) and tarn_file_copy_ex (a step run
 // after the real copy, to change the files before the mode is copied).
 // Lock and save failures are injected, and lock and save calls written
 // down, by file_faults.h. Every test starts and ends with an empty install
@@ -47,7 +48,11 @@ namespace {
 struct Overrides {
   std::optional<long> now;
   bool no_data_root = false;
+  std::optional<std::string> data_root;  // in place of the configured one
   int popen_error = 0;
+  unsigned popen_calls = 0;
+  int process_create_error = 0;
+  unsigned process_create_calls = 0;
   std::function<void(const char *src, const char *dst)> after_copy;
 };
 Overrides g_overrides;
@@ -68,15 +73,29 @@ int tarn_log_dir(char *buf, size_t len) {
     if (buf != nullptr && len > 0) buf[0] = '\0';
     return 0;
   }
+  if (g_overrides.data_root) {
+    snprintf(buf, len, "%s", g_overrides.data_root->c_str());
+    return (int)g_overrides.data_root->size();
+  }
   return next_definition<int (*)(char *, size_t)>("tarn_log_dir")(buf, len);
 }
 
 FILE *popen(const char *command, const char *type) {
+  ++g_overrides.popen_calls;
   if (g_overrides.popen_error != 0) {
     errno = g_overrides.popen_error;
     return nullptr;
   }
   return next_definition<FILE *(*)(const char *, const char *)>("popen")(command, type);
+}
+
+int tarn_process_create(const char *command_line, int wait) {
+  ++g_overrides.process_create_calls;
+  if (g_overrides.process_create_error != 0) {
+    errno = g_overrides.process_create_error;
+    return -1;
+  }
+  return next_definition<int (*)(const char *, int)>("tarn_process_create")(command_line, wait);
 }
 
 int tarn_file_copy_ex(const char *src, const char *dst, int option) {
@@ -299,6 +318,29 @@ TEST_F(UpgradeTest, AgentIdDirWithoutADataRootIsZeroAndDoesNothing) {
   EXPECT_FALSE(exists(config_dir()));
 }
 
+// A data root through which the command line, which names the directory
+// without quotes, would say more than the directory.
+TEST_F(UpgradeTest, AgentIdDirOfADataRootThatTheShellWouldReadRunsNoCommand) {
+  const std::string base = "/tmp/tarn_data_root";
+  const std::pair<std::string, std::string> roots[] = {
+      {"/with blank", "/with blank"},  {"/x;touch y", "/x;touch y"}, {"/x$(id)", "/x$(id)"},
+      {"/x`id`", "/x`id`"},           {"/x|y", "/x|y"},             {"/x*", "/x*"},
+      {"/x\ny", "/x\\x0ay"}};
+  for (const auto &root : roots) {
+    tarn_test::clear_logs();
+    g_overrides.popen_calls = 0;
+    g_overrides.data_root = base + root.first;
+    EXPECT_EQ(set_tarn_agentid_dir(), 0) << root.first;
+    EXPECT_EQ(g_overrides.popen_calls, 0u) << root.first;
+    EXPECT_EQ(tarn_test::messages("warn"),
+              (std::vector<std::string>{format("refused text for a shell command: [%s%s/velmora/TARN3_CFG/agent_id/]\n",
+                                               base.c_str(), root.second.c_str())}));
+    EXPECT_TRUE(tarn_test::messages("info").empty()) << root.first;
+  }
+  g_overrides.data_root.reset();
+  remove_tree(base);
+}
+
 // ---------------------------------------------------------------------------
 // The backup tool.
 
@@ -370,10 +412,39 @@ TEST_F(BackupTest, WithoutARecordedAppHomeNothingStarts) {
 
 TEST_F(BackupTest, ACommandLineThatCannotBeStartedIsOneWithErrno) {
   install_backup_tool();
-  // A single quote ends the command line's quoting and leaves one unclosed.
-  EXPECT_EQ(tarn_backup_by_subprocess("it's"), 1);
-  EXPECT_LOGGED("warn", format("Starting child process for backup faile. error code %d\n", EINVAL));
+  g_overrides.process_create_error = EAGAIN;
+  EXPECT_EQ(tarn_backup_by_subprocess("/var/backup"), 1);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{format("Starting child process for backup faile. error code %d\n", EAGAIN)}));
   EXPECT_FALSE(exists(kArgvRecord));
+}
+
+TEST_F(BackupTest, AnArgumentThatCouldEndTheQuotesIsRefusedAndNothingStarts) {
+  install_backup_tool();
+  const std::pair<std::string, std::string> arguments[] = {
+      {"it's", "it's"}, {"a\"b", "a\"b"}, {"$(id)", "$(id)"}, {"`id`", "`id`"},
+      {"a\\b", "a\\b"}, {"a\nb", "a\\x0ab"}, {"a\x1b", "a\\x1b"}};
+  for (const auto &argument : arguments) {
+    tarn_test::clear_logs();
+    EXPECT_EQ(tarn_backup_by_subprocess(argument.first.c_str()), 1) << argument.first;
+    EXPECT_EQ(tarn_test::messages("info"), (std::vector<std::string>{"start backup by subprocess\n"}));
+    EXPECT_EQ(tarn_test::messages("warn"),
+              (std::vector<std::string>{format("refused text for a shell command: [%s]\n", argument.second.c_str())}));
+  }
+  EXPECT_EQ(g_overrides.process_create_calls, 0u);
+  EXPECT_FALSE(exists(kArgvRecord));
+}
+
+TEST_F(BackupTest, ARecordedAppHomeThatCouldEndTheQuotesIsRefusedAndNothingStarts) {
+  const std::string name = "x$(touch /tmp/tarn_pwned)";
+  ASSERT_TRUE(write_file(kRecordPath, record_text(name)));
+  EXPECT_EQ(tarn_backup_by_subprocess("/var/backup"), 1);
+  EXPECT_EQ(tarn_test::messages("info"), (std::vector<std::string>{"start backup by subprocess\n"}));
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{format("refused text for a shell command: [%s/bin/tarn_backup]\n",
+                                             under_root(name).c_str())}));
+  EXPECT_EQ(g_overrides.process_create_calls, 0u);
+  EXPECT_FALSE(exists("/tmp/tarn_pwned"));
 }
 
 TEST_F(BackupTest, AMissingToolIsNotSeenByTheCaller) {

@@ -498,6 +498,64 @@ TEST_F(UtilsTest, BasedirOfAnEmptyOrNullPathIsNull) {
 }
 
 // ---------------------------------------------------------------------------
+// The check of text written into a shell command line.
+
+TEST_F(UtilsTest, ShellTextCheckAcceptsTextThatStaysInsideItsQuotes) {
+  for (const char *text : {"", "/usr/share/velmora/TARN/pkg.tgz", "with blank;|&<>()*?[]{}#~!",
+                           "caf\xc3\xa9 \xff", "%s%n"}) {
+    EXPECT_FALSE(refuse_shell_text(text, SHELL_TEXT_QUOTED)) << text;
+  }
+  for (const char *text : {"", "/var/log/velmora/TARN3_CFG/agent_id/", "a-b_c.d,e+f=g%h@i:j^k",
+                           "caf\xc3\xa9"}) {
+    EXPECT_FALSE(refuse_shell_text(text, SHELL_TEXT_UNQUOTED)) << text;
+  }
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UtilsTest, ShellTextCheckRefusesWhatEndsTheQuotesAndEveryControlCharacter) {
+  for (const char *special : {"\"", "$", "`", "\\", "'"}) {
+    for (ShellQuoting quoting : {SHELL_TEXT_QUOTED, SHELL_TEXT_UNQUOTED}) {
+      tarn_test::clear_logs();
+      const std::string text = std::string("a") + special + "b";
+      EXPECT_TRUE(refuse_shell_text(text.c_str(), quoting)) << text;
+      EXPECT_EQ(tarn_test::messages("warn"),
+                std::vector<std::string>{format("refused text for a shell command: [%s]\n", text.c_str())});
+      EXPECT_EQ(tarn_test::logs().size(), 1u) << dump_logs();
+    }
+  }
+  for (int c = 1; c < 0x20; ++c) {
+    tarn_test::clear_logs();
+    const std::string text = std::string("x") + (char)c + "y";
+    EXPECT_TRUE(refuse_shell_text(text.c_str(), SHELL_TEXT_QUOTED)) << c;
+    EXPECT_EQ(tarn_test::messages("warn"),
+              std::vector<std::string>{format("refused text for a shell command: [x\\x%02xy]\n", c)});
+  }
+  tarn_test::clear_logs();
+  EXPECT_TRUE(refuse_shell_text("x\x7f", SHELL_TEXT_UNQUOTED));
+  EXPECT_LOGGED("warn", "refused text for a shell command: [x\\x7f]\n");
+}
+
+TEST_F(UtilsTest, ShellTextCheckWithoutQuotesAlsoRefusesBlanksAndOperators) {
+  for (const char special : std::string(" |&;<>()*?[]{}#~!")) {
+    tarn_test::clear_logs();
+    const std::string text = std::string("/dir") + special + "x";
+    EXPECT_FALSE(refuse_shell_text(text.c_str(), SHELL_TEXT_QUOTED)) << text;
+    EXPECT_TRUE(refuse_shell_text(text.c_str(), SHELL_TEXT_UNQUOTED)) << text;
+    EXPECT_EQ(tarn_test::messages("warn"),
+              std::vector<std::string>{format("refused text for a shell command: [%s]\n", text.c_str())});
+  }
+}
+
+TEST_F(UtilsTest, ShellTextCheckShowsAtMostItsBuffer) {
+  const std::string text = std::string(3000, 'a') + "$";
+  EXPECT_TRUE(refuse_shell_text(text.c_str(), SHELL_TEXT_QUOTED));
+  const std::vector<std::string> warns = tarn_test::messages("warn");
+  ASSERT_EQ(warns.size(), 1u);
+  EXPECT_EQ(warns[0].substr(0, 35), "refused text for a shell command: [");
+  EXPECT_EQ(warns[0].find('$'), std::string::npos);
+}
+
+// ---------------------------------------------------------------------------
 // Shell commands.
 
 TEST_F(UtilsTest, ExecuteCmdLogsTheExitCodeTheCommandAndItsOutput) {

@@ -1,4 +1,5 @@
-/* tarn_process.h -- questions about processes, and starting programs.
+/* tarn_process.h -- questions about processes, and starting and running
+ * programs without a shell.
  *
  * Nothing here writes to the log: failures are reported through the
  * results and errno only.
@@ -60,6 +61,48 @@ TARNBASE_API int tarn_process_get_path(int pid, char *buf, size_t len);
  * ignores SIGCHLD, which makes a child unwaitable (with wait 0 that is no
  * failure). */
 TARNBASE_API int tarn_process_create(const char *command_line, int wait);
+
+/* Flags of tarn_process_run. */
+/* The program, and every program that it runs, cannot make a device node
+ * or a FIFO: see tarn_process_run. */
+#define TARN_PROCESS_NO_SPECIAL_FILES 0x1u
+
+/* Runs the program path (an absolute path; not looked up in PATH) with the
+ * argument vector argv (argv[0] first, null-terminated) and exactly the
+ * environment envp (null-terminated; nothing of the caller's environment
+ * is added), without a shell, and waits for it to end. The caller's
+ * environment is neither read nor changed.
+ *
+ * Its standard input is a copy of input_fd (sharing its file offset; the
+ * caller keeps input_fd and closes it), or /dev/null for -1; its standard
+ * output is captured as tarn_shell_execute captures it (read to its end,
+ * the first out_len - 1 bytes kept in out without their final line ends,
+ * out always terminated when it is not null and out_len is not 0: "" when
+ * nothing ran); its standard error is the caller's. It inherits no other
+ * descriptor, and starts with default signal handling and an empty signal
+ * mask.
+ *
+ * With TARN_PROCESS_NO_SPECIAL_FILES in flags the child, before it
+ * executes the program, sets no_new_privs (no set-ID program or file
+ * capability takes effect, and an exec by root keeps no capability the
+ * child has dropped), drops CAP_MKNOD from its capability sets and, where
+ * it may (root), from its bounding set, and installs a seccomp filter
+ * under which mknod and mknodat fail with EPERM. So neither the program nor
+ * anything it runs can make a device node or a FIFO, whatever its user.
+ * Where the system offers no seccomp filter (a kernel built without them,
+ * or an emulator such as qemu-user: PR_SET_SECCOMP gives EINVAL or ENOSYS)
+ * the filter is left out: device nodes still cannot be made (no CAP_MKNOD),
+ * FIFOs can. Any other failure of these steps runs nothing (-1, errno).
+ *
+ * Returns 0 when the program exited with status 0; otherwise its exit
+ * status (1 to 255), or 128 + the signal number when a signal ended it; -1
+ * with errno when it could not be run: EINVAL for a null or relative path,
+ * a null argv, argv[0] or envp, an input_fd below -1 or an unknown flag;
+ * EBADF when input_fd is not open; the errno of executing it (ENOENT,
+ * EACCES, ENOEXEC) or of a failed step above; EAGAIN or ENOMEM when no
+ * process or pipe could be made; ECHILD when the caller ignores SIGCHLD. */
+TARNBASE_API int tarn_process_run(const char *path, char *const argv[], char *const envp[],
+                                  int input_fd, unsigned flags, char *out, size_t out_len);
 
 TARNBASE_END_DECLS
 
