@@ -78,12 +78,12 @@ int tarn_shm_map(tarn_shm_t *handle, size_t offset, void **base) {
   return real(handle, offset, base);
 }
 
-int tarn_glock_init(const char *name, tarn_glock_t **lock) {
+int tarn_glock_init_ex(const char *name, int flag, tarn_glock_t **lock) {
   static const auto real =
-      next_definition<int (*)(const char *, tarn_glock_t **)>("tarn_glock_init");
+      next_definition<int (*)(const char *, int, tarn_glock_t **)>("tarn_glock_init_ex");
   if (g_glock_init_error != 0 && name != nullptr && strcmp(name, PROC_HEARTBEAT_SHM_NAME) == 0)
     return g_glock_init_error;
-  return real(name, lock);
+  return real(name, flag, lock);
 }
 
 }  // extern "C"
