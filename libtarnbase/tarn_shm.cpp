@@ -82,9 +82,8 @@ int open_object(const char *name, int flag, size_t size, int *fd) {
     }
     const int opened = shm_open(name, O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0);
     int error = opened < 0 ? errno : foreign_reason(opened);
-    // A link, a directory or a socket at the name cannot even be opened.
-    const bool foreign =
-        opened < 0 ? error == ELOOP || error == EISDIR || error == ENXIO : error != 0;
+    // A link or a socket at the name cannot even be opened.
+    const bool foreign = opened < 0 ? error == ELOOP || error == ENXIO : error != 0;
     if (opened >= 0) {
       if (error == 0 && (error = fit_size(opened, flag, size)) == 0) {
         *fd = opened;

@@ -25,6 +25,10 @@ int as_local_user(const std::function<int()> &body);
 // Starts the same child without waiting for it: its pid, or -1.
 pid_t start_as_local_user(const std::function<int()> &body);
 
+// as_local_user for another user: the child becomes uid with group gid and
+// no supplementary groups.
+int as_user(uid_t uid, gid_t gid, const std::function<int()> &body);
+
 }  // namespace tarn_test
 
 #endif

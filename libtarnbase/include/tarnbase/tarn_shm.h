@@ -12,11 +12,12 @@
  * group is that group. An existing object at the name is used only when it
  * is ours: a regular object of one name, owned by root or by the calling
  * process's effective user, not writable by others. Anything else (another
- * user's object, one writable by others, a symbolic link, a directory, a
- * FIFO, a socket, an object with a second name) is foreign: a local user
- * who made it first could change, shrink or read the segment under the
- * agent. TARN_SHM_CREATE removes a foreign object and creates its own in
- * its place; the other flags refuse it.
+ * user's object, one writable by others, a symbolic link, a FIFO, a
+ * socket, an object with a second name) is foreign: a local user who made
+ * it first could change, shrink or read the segment under the agent.
+ * TARN_SHM_CREATE removes a foreign object and creates its own in its
+ * place; the other flags refuse it. A directory at the name is refused by
+ * every flag (EINVAL): it is never removed.
  *
  * Results: 0 on success, otherwise a positive errno value (which errno also
  * holds), so that callers can tell them from their own negative codes.
@@ -60,7 +61,8 @@ typedef struct tarn_shm tarn_shm_t;
  * than size (TARN_SHM_OPEN, TARN_SHM_OPEN_OR_CREATE); for a foreign object
  * that the flag does not replace: EPERM (another owner, writable by others,
  * a second name), ELOOP (a symbolic link), EFTYPE (tarn_file.h: a FIFO or
- * another kind that is not a regular object), EISDIR, ENXIO (a socket);
+ * another kind that is not a regular object), ENXIO (a socket), EINVAL (a
+ * directory);
  * EAGAIN when the name was taken from under the call 64 times in a row (a
  * squatter that puts its object back after each removal); or the errno of
  * the failed system call (ENOENT, EACCES, the EPERM of shm_unlink when the
