@@ -72,10 +72,23 @@ typedef struct proc_heartbeat_info {
  * table is cleared, if the lock can be had within 1000 ms (otherwise the
  * table is left as it is and initialisation still succeeds). Mode 1
  * attaches, creating an empty segment when the service has not yet made
- * it; any other mode attaches to an existing segment only. Returns 0; -3
- * when this process has initialised already; or the positive errno value of
- * the step that failed (the segment, the lock, the mapping), in which case
- * everything is undone and a later call starts afresh. Logs at warn the
+ * it; any other mode attaches to an existing segment only. Every mode
+ * creates the lock when it is missing.
+ *
+ * The segment and the lock are created exclusively and shared as the base
+ * library shares what the agent's processes use (tarn_shm.h,
+ * tarn_file_share_fd): owned by the creating user (root for the service),
+ * mode 0660, with the configured agent group as their group. An object
+ * found at either name that is foreign -- another user's, writable by
+ * others, a symbolic link, not a regular object -- is replaced by mode 0
+ * with a new one of its own (the service's table then starts empty, whatever
+ * the foreign one held) and refused by every other mode, with the step's
+ * warn line and the base library's error (EPERM, ELOOP, EFTYPE...).
+ *
+ * Returns 0; -3 when this process has initialised already; or the positive
+ * errno value of the step that failed (the segment, the lock, the mapping,
+ * which refuses a segment that has become smaller than the table), in which
+ * case everything is undone and a later call starts afresh. Logs at warn the
  * failed step: "share memory init failed, error:%d, mode:%d, flag:%d",
  * "global lock init failed, error: %d" or "share memory map failed, error:
  * %d"; on success at info "process heartbeat init successed, mode:%d,

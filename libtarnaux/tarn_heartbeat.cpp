@@ -148,11 +148,15 @@ TARNAUX_API int32_t proc_heartbeat_init(uint32_t mode) {
   if (tarn_atomic64_add_and_fetch(&g_init_count, 1) != 1) return PROC_HEARTBEAT_E_REINITIALIZED;
 
   const int flag = mode == 0 ? TARN_SHM_CREATE : mode == 1 ? TARN_SHM_OPEN_OR_CREATE : TARN_SHM_OPEN;
+  // Only the service replaces a segment or lock that a local user made in
+  // their place; every other process refuses them. Every mode may create
+  // the lock.
+  const int lock_flag = mode == 0 ? TARN_SHM_CREATE : TARN_SHM_OPEN_OR_CREATE;
   void *base = nullptr;
   int ret = tarn_shm_init(PROC_HEARTBEAT_SHM_NAME, flag, sizeof(proc_heartbeat_segment_t), &g_shm);
   if (ret != 0) {
     LOG(warn, "share memory init failed, error:%d, mode:%d, flag:%d\n", ret, (int)mode, flag);
-  } else if ((ret = tarn_glock_init(PROC_HEARTBEAT_SHM_NAME, &g_lock)) != 0) {
+  } else if ((ret = tarn_glock_init_ex(PROC_HEARTBEAT_SHM_NAME, lock_flag, &g_lock)) != 0) {
     LOG(warn, "global lock init failed, error: %d\n", ret);
   } else if ((ret = tarn_shm_map(g_shm, 0, &base)) != 0) {
     LOG(warn, "share memory map failed, error: %d\n", ret);

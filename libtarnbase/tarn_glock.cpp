@@ -132,13 +132,18 @@ struct tarn_glock {
 extern "C" {
 
 TARNBASE_API int tarn_glock_init(const char *name, tarn_glock_t **lock) {
+  return tarn_glock_init_ex(name, TARN_SHM_OPEN_OR_CREATE, lock);
+}
+
+TARNBASE_API int tarn_glock_init_ex(const char *name, int flag, tarn_glock_t **lock) {
   char key[tarnbase::kShmNameMax];
-  if (lock == nullptr || !tarnbase::make_shm_name(name, kLockSuffix, key)) {
+  if (lock == nullptr || flag < TARN_SHM_OPEN || flag > TARN_SHM_CREATE ||
+      !tarnbase::make_shm_name(name, kLockSuffix, key)) {
     errno = EINVAL;
     return EINVAL;
   }
   tarn_shm_t *shm = nullptr;
-  int result = tarn_shm_init(key + 1, TARN_SHM_CREATE, sizeof(GlockState), &shm);
+  int result = tarn_shm_init(key + 1, flag, sizeof(GlockState), &shm);
   if (result != 0) return result;
   void *base = nullptr;
   if ((result = tarn_shm_map(shm, 0, &base)) != 0) {

@@ -31,6 +31,33 @@
 #include <tarnbase/tarn_shm.h>
 
 #include "child_process.h"
+#include "files.h"
+#include "interpose.h"
+#include "local_user.h"
+#include "shm_objects.h"
+
+// ---------------------------------------------------------------------------
+// A squatter that puts a foreign object back at a name each time the base
+// library removes it: shm_unlink of the armed name is passed through, then
+// the object is planted again. It is exported, so that libtarnbase.so's own
+// calls reach it.
+
+namespace {
+
+std::string g_squatted_name;  // "/<key>", or empty when disarmed
+int g_squatter_unlinks = 0;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int shm_unlink(const char *name) {
+  static const auto real = tarn_test::next_definition<int (*)(const char *)>("shm_unlink");
+  const int result = real(name);
+  if (!g_squatted_name.empty() && g_squatted_name == name) {
+    ++g_squatter_unlinks;
+    tarn_test::plant_object("/dev/shm" + g_squatted_name, "", 65534, 65534, 0666);
+  }
+  return result;
+}
 
 namespace {
 
@@ -437,6 +464,59 @@ TEST(GlobalLock, ExcludesConcurrentProcessesSoSharedCountsAreExact) {
 }
 
 // ---------------------------------------------------------------------------
+// Global lock: only the agent's own lock segment is used
+
+TEST(GlobalLock, InitExRejectsAnUnknownFlagAndOpenNeedsAnExistingLock) {
+  const std::string name = unique_name("flags");
+  tarn_glock_t *lock = nullptr;
+  EXPECT_EQ(tarn_glock_init_ex(name.c_str(), 3, &lock), EINVAL);
+  EXPECT_EQ(tarn_glock_init_ex(name.c_str(), -1, &lock), EINVAL);
+  EXPECT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_OPEN, &lock), ENOENT);
+  EXPECT_EQ(lock, nullptr);
+  EXPECT_FALSE(shm_exists(name + ".glock"));
+  LockHandle created;
+  ASSERT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_OPEN_OR_CREATE, &created.lock), 0);
+  EXPECT_EQ(tarn_test::describe_object(shm_path(name + ".glock")), "regular 0:0 0660 64");
+  LockHandle opened;
+  EXPECT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_OPEN, &opened.lock), 0);
+}
+
+TEST(GlobalLock, AForeignLockHeldForEverIsRefusedByInitAndReplacedByInitExWithCreate) {
+  const std::string name = unique_name("foreign");
+  const std::string path = shm_path(name + ".glock");
+  // The owner word names this process's parent: alive, so never recovered.
+  std::string state(64, '\0');
+  const uint64_t holder = (uint64_t)getppid();
+  memcpy(&state[0], &holder, sizeof(holder));
+  ASSERT_TRUE(tarn_test::plant_object(path, state, 65534, 65534, 0666));
+
+  tarn_glock_t *lock = nullptr;
+  EXPECT_EQ(tarn_glock_init(name.c_str(), &lock), EPERM);
+  EXPECT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_OPEN, &lock), EPERM);
+  EXPECT_EQ(lock, nullptr);
+  EXPECT_EQ(tarn_test::describe_object(path), "regular 65534:65534 0666 64");
+
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_CREATE, &h.lock), 0);
+  EXPECT_EQ(tarn_test::describe_object(path), "regular 0:0 0660 64");
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+TEST(GlobalLock, AnotherUserCannotOpenTheLockToHoldIt) {
+  const std::string name = unique_name("private");
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  EXPECT_EQ(tarn_test::as_local_user([&] {
+              tarn_glock_t *lock = nullptr;
+              return tarn_glock_init(name.c_str(), &lock);
+            }),
+            EACCES);
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+}
+
+// ---------------------------------------------------------------------------
 // Shared memory
 
 TEST(SharedMemory, InitRejectsBadArgumentsAndLeavesTheHandle) {
@@ -681,6 +761,205 @@ TEST(SharedMemory, ThirtyTwoProcessesCreateANewSegmentAtOnceAndAllShareIt) {
   EXPECT_EQ(words[0], kChildren);
   for (int i = 0; i < kChildren; ++i) EXPECT_EQ(words[1 + i], pids[i]) << "child " << i;
   EXPECT_EQ(tarn_shm_unmap(h, base), 0);
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Shared memory: only the agent's own objects are used
+
+using tarn_test::describe_object;
+using tarn_test::inode_of;
+using tarn_test::plant_object;
+
+// Plants /dev/shm/<key> holding "forged" and padded to 8192 bytes, as
+// another user (or root, uid 0) would have made it.
+void plant_segment(const std::string &key, uid_t uid, mode_t mode) {
+  std::string content = "forged";
+  content.resize(8192, 'x');
+  ASSERT_TRUE(plant_object(shm_path(key), content, uid, uid, mode)) << strerror(errno);
+}
+
+// The first bytes of the segment as the calling process maps it.
+std::string first_bytes(tarn_shm_t *h, size_t count) {
+  void *base = nullptr;
+  if (tarn_shm_map(h, 0, &base) != 0) return "<not mapped>";
+  std::string bytes(static_cast<const char *>(base), count);
+  tarn_shm_unmap(h, base);
+  return bytes;
+}
+
+TEST(SharedMemory, CreationIsExclusiveSizedAndSharedWith0660DespiteTheUmask) {
+  const std::string key = unique_name("exclusive");
+  const mode_t old_mask = umask(077);
+  tarn_shm_t *h = nullptr;
+  const int ret = tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 8192, &h);
+  umask(old_mask);
+  ASSERT_EQ(ret, 0);
+  EXPECT_EQ(describe_object(shm_path(key)), "regular 0:0 0660 8192");
+  // Our own segment is opened again, not replaced, by every flag.
+  const ino_t inode = inode_of(shm_path(key));
+  for (int flag : {TARN_SHM_OPEN, TARN_SHM_OPEN_OR_CREATE, TARN_SHM_CREATE}) {
+    tarn_shm_t *again = nullptr;
+    EXPECT_EQ(tarn_shm_init(key.c_str(), flag, 8192, &again), 0) << "flag " << flag;
+    if (again != nullptr) {
+      EXPECT_EQ(tarn_shm_close(again), 0);
+    }
+  }
+  EXPECT_EQ(inode_of(shm_path(key)), inode);
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, AnotherUsersSegmentIsRefusedByTheAttachingFlagsAndReplacedByCreate) {
+  const std::string key = unique_name("foreign_owner");
+  ASSERT_NO_FATAL_FAILURE(plant_segment(key, 65534, 0600));
+  const ino_t planted = inode_of(shm_path(key));
+  int sentinel_storage = 0;
+  tarn_shm_t *const sentinel = reinterpret_cast<tarn_shm_t *>(&sentinel_storage);
+  tarn_shm_t *h = sentinel;
+  errno = 0;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &h), EPERM);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN_OR_CREATE, 4096, &h), EPERM);
+  EXPECT_EQ(h, sentinel);
+  EXPECT_EQ(describe_object(shm_path(key)), "regular 65534:65534 0600 8192");
+  EXPECT_EQ(inode_of(shm_path(key)), planted);
+
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  EXPECT_EQ(describe_object(shm_path(key)), "regular 0:0 0660 4096");
+  EXPECT_NE(inode_of(shm_path(key)), planted);
+  EXPECT_EQ(first_bytes(h, 6), std::string(6, '\0'));
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, ASegmentWritableByOthersIsForeignEvenWhenRootOwnsIt) {
+  const std::string key = unique_name("others_write");
+  ASSERT_NO_FATAL_FAILURE(plant_segment(key, 0, 0666));
+  tarn_shm_t *h = nullptr;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &h), EPERM);
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN_OR_CREATE, 4096, &h), EPERM);
+  EXPECT_EQ(describe_object(shm_path(key)), "regular 0:0 0666 8192");
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  EXPECT_EQ(describe_object(shm_path(key)), "regular 0:0 0660 4096");
+  EXPECT_EQ(first_bytes(h, 6), std::string(6, '\0'));
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, ASegmentWithASecondNameIsForeign) {
+  const std::string key = unique_name("two_names");
+  const std::string other = key + "_other";
+  ASSERT_NO_FATAL_FAILURE(plant_segment(other, 0, 0660));
+  ASSERT_EQ(link(shm_path(other).c_str(), shm_path(key).c_str()), 0);
+  tarn_shm_t *h = nullptr;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &h), EPERM);
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  EXPECT_NE(inode_of(shm_path(key)), inode_of(shm_path(other)));
+  EXPECT_EQ(describe_object(shm_path(other)), "regular 0:0 0660 8192");
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+  unlink(shm_path(other).c_str());
+}
+
+TEST(SharedMemory, ASymbolicLinkIsNeverFollowedAndCreateReplacesTheLinkNotItsTarget) {
+  const std::string key = unique_name("link");
+  const std::string target = "/tmp/" + key + "_target";
+  ASSERT_TRUE(plant_object(target, "precious", 0, 0, 0600));
+  ASSERT_EQ(symlink(target.c_str(), shm_path(key).c_str()), 0);
+  tarn_shm_t *h = nullptr;
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &h), ELOOP);
+  EXPECT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN_OR_CREATE, 4096, &h), ELOOP);
+  EXPECT_EQ(describe_object(shm_path(key)), "link");
+
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  EXPECT_EQ(describe_object(shm_path(key)), "regular 0:0 0660 4096");
+  EXPECT_EQ(describe_object(target), "regular 0:0 0600 8");
+  EXPECT_EQ(tarn_test::read_file(target), "precious");
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+  unlink(target.c_str());
+}
+
+TEST(SharedMemory, AFifoIsNoSegmentAndCreateReplacesItButADirectoryStays) {
+  const std::string fifo = unique_name("fifo");
+  ASSERT_EQ(mkfifo(shm_path(fifo).c_str(), 0600), 0);
+  tarn_shm_t *h = nullptr;
+  EXPECT_EQ(tarn_shm_init(fifo.c_str(), TARN_SHM_OPEN, 4096, &h), ENODEV);  // EFTYPE
+  EXPECT_EQ(describe_object(shm_path(fifo)), "other kind");
+  ASSERT_EQ(tarn_shm_init(fifo.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  EXPECT_EQ(describe_object(shm_path(fifo)), "regular 0:0 0660 4096");
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+
+  // The system library answers EINVAL for a directory, which is not
+  // removed.
+  const std::string dir = unique_name("dir");
+  ASSERT_EQ(mkdir(shm_path(dir).c_str(), 0700), 0);
+  EXPECT_EQ(tarn_shm_init(dir.c_str(), TARN_SHM_OPEN, 4096, &h), EINVAL);
+  EXPECT_EQ(tarn_shm_init(dir.c_str(), TARN_SHM_CREATE, 4096, &h), EINVAL);
+  EXPECT_EQ(describe_object(shm_path(dir)), "other kind");
+  rmdir(shm_path(dir).c_str());
+}
+
+TEST(SharedMemory, ASquatterThatPutsItsObjectBackIsGivenUpOnAfterSixtyFourTries) {
+  const std::string key = unique_name("squatter");
+  ASSERT_NO_FATAL_FAILURE(plant_segment(key, 65534, 0666));
+  g_squatted_name = "/" + key;
+  g_squatter_unlinks = 0;
+  int sentinel_storage = 0;
+  tarn_shm_t *const sentinel = reinterpret_cast<tarn_shm_t *>(&sentinel_storage);
+  tarn_shm_t *h = sentinel;
+  const int ret = tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h);
+  g_squatted_name.clear();
+  EXPECT_EQ(ret, EAGAIN);
+  EXPECT_EQ(g_squatter_unlinks, 64);
+  EXPECT_EQ(h, sentinel);
+  unlink(shm_path(key).c_str());
+}
+
+TEST(SharedMemory, MapRefusesASegmentShrunkSinceItWasOpened) {
+  const std::string key = unique_name("shrunk");
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 8192, &h), 0);
+  ASSERT_EQ(truncate(shm_path(key).c_str(), 100), 0);
+  void *base = nullptr;
+  errno = 0;
+  EXPECT_EQ(tarn_shm_map(h, 0, &base), EINVAL);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(base, nullptr);
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, AnotherUserCannotOpenASegmentWithoutAnAgentGroup) {
+  const std::string key = unique_name("private");
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h), 0);
+  const std::string path = shm_path(key);
+  EXPECT_EQ(tarn_test::as_local_user([&] {
+              tarn_shm_t *mine = nullptr;
+              return tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &mine);
+            }),
+            EACCES);
+  EXPECT_EQ(tarn_test::as_local_user([&] { return truncate(path.c_str(), 0) == 0 ? 0 : errno; }),
+            EACCES);
+  EXPECT_EQ(describe_object(path), "regular 0:0 0660 4096");
+  EXPECT_EQ(tarn_shm_destroy(h), 0);
+}
+
+TEST(SharedMemory, WithAnAgentGroupItsMembersAttachAndNobodyElse) {
+  const std::string key = unique_name("agent_group");
+  // nogroup is 65534 on every Debian system.
+  ASSERT_EQ(tarn_test::with_agent_group("nogroup", [&] {
+              tarn_shm_t *h = nullptr;
+              const int ret = tarn_shm_init(key.c_str(), TARN_SHM_CREATE, 4096, &h);
+              return ret == 0 ? tarn_shm_close(h) : ret;
+            }),
+            0);
+  EXPECT_EQ(describe_object(shm_path(key)), "regular 0:65534 0660 4096");
+  const auto attach = [&] {
+    tarn_shm_t *h = nullptr;
+    const int ret = tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &h);
+    return ret == 0 ? tarn_shm_close(h) : ret;
+  };
+  EXPECT_EQ(tarn_test::as_user(65534, 65534, attach), 0);
+  EXPECT_EQ(tarn_test::as_user(65533, 65533, attach), EACCES);
+  tarn_shm_t *h = nullptr;
+  ASSERT_EQ(tarn_shm_init(key.c_str(), TARN_SHM_OPEN, 4096, &h), 0);
   EXPECT_EQ(tarn_shm_destroy(h), 0);
 }
 

@@ -38,8 +38,11 @@
 
 #include "child_process.h"
 #include "fakes.h"
+#include "files.h"
 #include "interpose.h"
+#include "local_user.h"
 #include "log_checks.h"
+#include "shm_objects.h"
 #include "tarn_heartbeat.h"
 #include "tarn_heartbeat_internal.h"
 
@@ -55,6 +58,7 @@ namespace {
 
 int g_glock_init_error = 0;  // returned by tarn_glock_init for the table's lock
 int g_shm_map_error = 0;     // returned by tarn_shm_map for the table's segment
+int g_shrink_before_map = 0;  // the table's segment is cut to this size before mapping
 tarn_shm_t *g_table_shm = nullptr;
 
 using tarn_test::next_definition;
@@ -75,15 +79,17 @@ int tarn_shm_init(const char *key, int flag, size_t size, tarn_shm_t **handle) {
 int tarn_shm_map(tarn_shm_t *handle, size_t offset, void **base) {
   static const auto real = next_definition<int (*)(tarn_shm_t *, size_t, void **)>("tarn_shm_map");
   if (g_shm_map_error != 0 && handle != nullptr && handle == g_table_shm) return g_shm_map_error;
+  if (g_shrink_before_map != 0 && handle != nullptr && handle == g_table_shm)
+    truncate("/dev/shm/" PROC_HEARTBEAT_SHM_NAME, g_shrink_before_map);
   return real(handle, offset, base);
 }
 
-int tarn_glock_init(const char *name, tarn_glock_t **lock) {
+int tarn_glock_init_ex(const char *name, int flag, tarn_glock_t **lock) {
   static const auto real =
-      next_definition<int (*)(const char *, tarn_glock_t **)>("tarn_glock_init");
+      next_definition<int (*)(const char *, int, tarn_glock_t **)>("tarn_glock_init_ex");
   if (g_glock_init_error != 0 && name != nullptr && strcmp(name, PROC_HEARTBEAT_SHM_NAME) == 0)
     return g_glock_init_error;
-  return real(name, lock);
+  return real(name, flag, lock);
 }
 
 }  // extern "C"
@@ -102,6 +108,7 @@ using tarn_test::reap;
 // Helpers.
 
 constexpr char kSegmentPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME;
+constexpr char kLockPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME ".glock";
 constexpr uint64_t kTick = 5000000000ull;  // above 32 bits on purpose
 constexpr int32_t kFakePid = 100000;       // above the machine's pid_max: never a real process
 
@@ -325,8 +332,10 @@ class ProcHeartbeatTest : public ::testing::Test {
   static void reset() {
     g_glock_init_error = 0;
     g_shm_map_error = 0;
+    g_shrink_before_map = 0;
     proc_heartbeat_deinit(true);
     unlink(kSegmentPath);
+    unlink(kLockPath);
     tarn_test::reset_fakes();
   }
 
@@ -629,6 +638,107 @@ TEST_F(ProcHeartbeatTest, AFailedMappingFailsInitAndRemovesTheSegment) {
   g_shm_map_error = 0;
   EXPECT_EQ(proc_heartbeat_init(1), 0);
   EXPECT_EQ(add_self(1), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Segments and locks that the agent did not make.
+
+using tarn_test::describe_object;
+
+// A table as another user would have left it: forged entries, mode 0666.
+void plant_foreign_table(const char *path) {
+  proc_heartbeat_segment_t forged;
+  memset(&forged, 0, sizeof(forged));
+  forged.magic = PROC_HEARTBEAT_MAGIC;
+  forged.proc_num = 1;
+  forged.entries[0] = make_info(kFakePid, PROC_HEARTBEAT_TYPE_SERVICE, 10);
+  const std::string bytes(reinterpret_cast<const char *>(&forged), sizeof(forged));
+  ASSERT_TRUE(tarn_test::plant_object(path, bytes, 65534, 65534, 0666)) << strerror(errno);
+}
+
+TEST_F(ProcHeartbeatTest, InitModeZeroReplacesASegmentAndALockOfAnotherUser) {
+  ASSERT_NO_FATAL_FAILURE(plant_foreign_table(kSegmentPath));
+  ASSERT_TRUE(tarn_test::plant_object(kLockPath, std::string(64, '\0'), 65534, 65534, 0666));
+  tarn_test::set_process_exists(kFakePid, true);
+
+  EXPECT_EQ(proc_heartbeat_init(0), 0);
+  EXPECT_LOGGED("info", "process heartbeat init successed, mode:0, flag:2, memset:1\n");
+  EXPECT_EQ(count_lines(), 1u) << dump_logs();
+  EXPECT_EQ(describe_object(kSegmentPath), "regular 0:0 0660 1544");
+  EXPECT_EQ(describe_object(kLockPath), "regular 0:0 0660 64");
+  proc_heartbeat_info_t entry;
+  EXPECT_EQ(get_proc_heartbeat_info(kFakePid, &entry), -5);
+  EXPECT_EQ(add_self(PROC_HEARTBEAT_TYPE_SERVICE), 0);
+}
+
+TEST_F(ProcHeartbeatTest, AttachingModesRefuseASegmentOfAnotherUserAndLeaveIt) {
+  ASSERT_NO_FATAL_FAILURE(plant_foreign_table(kSegmentPath));
+  EXPECT_EQ(proc_heartbeat_init(1), EPERM);
+  EXPECT_LOGGED("warn", format("share memory init failed, error:%d, mode:1, flag:1\n", EPERM));
+  EXPECT_EQ(proc_heartbeat_init(2), EPERM);
+  EXPECT_LOGGED("warn", format("share memory init failed, error:%d, mode:2, flag:0\n", EPERM));
+  EXPECT_NO_LINES_AT("info");
+  EXPECT_EQ(add_self(1), -2);
+  EXPECT_EQ(describe_object(kSegmentPath), "regular 65534:65534 0666 1544");
+}
+
+TEST_F(ProcHeartbeatTest, AnAttachingModeRefusesALockOfAnotherUserAndUndoesItsInit) {
+  ASSERT_TRUE(tarn_test::plant_object(kLockPath, std::string(64, '\0'), 65534, 65534, 0666));
+  EXPECT_EQ(proc_heartbeat_init(1), EPERM);
+  EXPECT_LOGGED("warn", format("global lock init failed, error: %d\n", EPERM));
+  EXPECT_NO_LINES_AT("info");
+  EXPECT_FALSE(segment_exists());
+  EXPECT_EQ(add_self(1), -2);
+  EXPECT_EQ(describe_object(kLockPath), "regular 65534:65534 0666 64");
+}
+
+TEST_F(ProcHeartbeatTest, ALinkAtTheSegmentsNameIsRefusedByAttachingAndReplacedByTheService) {
+  const std::string target = "/tmp/heartbeat_link_target";
+  ASSERT_TRUE(tarn_test::plant_object(target, "precious", 0, 0, 0600));
+  ASSERT_EQ(symlink(target.c_str(), kSegmentPath), 0);
+  EXPECT_EQ(proc_heartbeat_init(2), ELOOP);
+  EXPECT_LOGGED("warn", format("share memory init failed, error:%d, mode:2, flag:0\n", ELOOP));
+  EXPECT_EQ(describe_object(kSegmentPath), "link");
+
+  tarn_test::clear_logs();
+  EXPECT_EQ(proc_heartbeat_init(0), 0);
+  EXPECT_LOGGED("info", "process heartbeat init successed, mode:0, flag:2, memset:1\n");
+  EXPECT_EQ(describe_object(kSegmentPath), "regular 0:0 0660 1544");
+  EXPECT_EQ(describe_object(target), "regular 0:0 0600 8");
+  EXPECT_EQ(tarn_test::read_file(target), "precious");
+  unlink(target.c_str());
+}
+
+TEST_F(ProcHeartbeatTest, ASegmentShrunkBeforeItIsMappedFailsInitInsteadOfFaulting) {
+  g_shrink_before_map = 100;
+  EXPECT_EQ(proc_heartbeat_init(0), EINVAL);
+  EXPECT_LOGGED("warn", format("share memory map failed, error: %d\n", EINVAL));
+  EXPECT_NO_LINES_AT("info");
+  EXPECT_FALSE(segment_exists());
+  EXPECT_EQ(add_self(0), -2);
+}
+
+TEST_F(ProcHeartbeatTest, WithAnAgentGroupTheTableAndItsLockBelongToRootAndThatGroup) {
+  // nogroup is 65534 on every Debian system.
+  EXPECT_EQ(tarn_test::with_agent_group("nogroup", [] {
+              if (proc_heartbeat_init(0) != 0) return 1;
+              if (!tarn_test::logged("info",
+                                     "process heartbeat init successed, mode:0, flag:2, memset:1\n"))
+                return 2;
+              return proc_heartbeat_deinit(false) == 0 ? 0 : 3;
+            }),
+            0);
+  EXPECT_EQ(describe_object(kSegmentPath), "regular 0:65534 0660 1544");
+  EXPECT_EQ(describe_object(kLockPath), "regular 0:65534 0660 64");
+  // A member of the group attaches; another user cannot.
+  const auto attach = [] {
+    const int32_t ret = proc_heartbeat_init(2);
+    if (ret == 0) return add_self(1) >= 0 ? 0 : 200;
+    const std::string warn = format("share memory init failed, error:%d, mode:2, flag:0\n", ret);
+    return tarn_test::logged("warn", warn) ? (int)ret : 201;
+  };
+  EXPECT_EQ(tarn_test::as_user(65534, 65534, attach), 0);
+  EXPECT_EQ(tarn_test::as_user(65533, 65533, attach), EACCES);
 }
 
 TEST_F(ProcHeartbeatTest, ASecondInitReturnsReinitializedAndChangesNothing) {

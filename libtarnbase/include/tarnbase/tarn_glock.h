@@ -14,6 +14,12 @@
  * The data that the lock guarded may then be half-changed, as with any
  * robust lock.
  *
+ * The segment is made and checked as tarn_shm.h says: created exclusively,
+ * shared with mode 0660 through tarn_file_share_fd (the agent group's when
+ * one is configured), and used only when it is ours. A local user who could
+ * open the lock could hold it for ever, or forge its owner word; one who
+ * made the segment first is refused or replaced (tarn_glock_init_ex).
+ *
  * Results: 0 on success, otherwise a positive errno value.
  *
  * Nothing here writes to the log: failures are reported through the
@@ -25,16 +31,28 @@
 #include <stdint.h>
 
 #include "tarn_base_api.h"
+#include "tarn_shm.h"
 
 TARNBASE_BEGIN_DECLS
 
 typedef struct tarn_glock tarn_glock_t;
 
 /* Opens the lock name, creating it (free) when it does not exist yet, and
- * stores a new handle in *lock. Any number of processes may do this at the
- * same moment. Returns 0, EINVAL for a null or bad name (1 to 194 bytes, no
- * '/'), or the errno of the failed step. */
+ * stores a new handle in *lock: tarn_glock_init_ex with
+ * TARN_SHM_OPEN_OR_CREATE, so a foreign lock segment is refused. Any number
+ * of processes may do this at the same moment. Returns as
+ * tarn_glock_init_ex. */
 TARNBASE_API int tarn_glock_init(const char *name, tarn_glock_t **lock);
+
+/* Opens the lock name with a flag of tarn_shm.h and stores a new handle in
+ * *lock. TARN_SHM_OPEN needs the lock to exist; TARN_SHM_OPEN_OR_CREATE
+ * creates it (free) when missing; both refuse a foreign lock segment.
+ * TARN_SHM_CREATE, for the lock's owner, also replaces a foreign one with a
+ * new, free lock of its own (a process that still maps the old one no
+ * longer excludes anybody). Returns 0, EINVAL for a null or bad name (1 to
+ * 194 bytes, no '/') or an unknown flag, or the error of tarn_shm_init or
+ * tarn_shm_map (EPERM, ELOOP, EFTYPE... for a foreign lock segment). */
+TARNBASE_API int tarn_glock_init_ex(const char *name, int flag, tarn_glock_t **lock);
 
 /* Takes the lock, waiting at most timeout_ms milliseconds measured on the
  * monotonic clock (0: try once). Returns 0 when taken, ETIMEDOUT when the
