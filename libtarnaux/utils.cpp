@@ -189,7 +189,7 @@ TARNAUX_API int32_t get_app_home_dir(const char *ini_path, char *out, uint32_t o
     return -1;
   }
   const char *name = tarn_ini_file_get(ini.get(), TARN_APPHOME_SECTION, key);
-  if (name != nullptr) {
+  if (name != nullptr && tarn_apphome_is_dir_name(name)) {
     tarn_str_snprintf(out, out_len, "%s", name);
     return 0;
   }

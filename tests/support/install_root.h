@@ -39,6 +39,20 @@ constexpr char kHomeB[] = "1b2c3d4e-5f6a-4b7c-8d9e-0f1a2b3c4d5e";
 constexpr char kHomeX86[] = "2c3d4e5f-6a7b-4c8d-9e0f-1a2b3c4d5e6f";
 constexpr char kHomeX86B[] = "3d4e5f6a-7b8c-4d9e-8f0a-2b3c4d5e6f70";
 
+// Record values that cannot name a directory below the install root: every
+// reader takes them for a missing key. kEscapingName, below the install
+// root, names kOutsideHome: make_apphome(kEscapingName, ...) makes an
+// operational app home there, which clear_install_root leaves.
+constexpr const char *kNotDirectoryNames[] = {"", ".", "..", "../../../../tmp/evil", "sub/dir",
+                                              "/tmp/evil"};
+constexpr char kEscapingName[] = "../../../../tmp/evil";
+constexpr char kOutsideHome[] = "/tmp/evil";
+
+// The warning of a reader given one of kNotDirectoryNames.
+inline std::string not_directory_name_warning(const std::string &value) {
+  return "app home value [" + value + "] is not a directory name\n";
+}
+
 inline std::string under_root(const std::string &name) {
   return std::string(kInstallRoot) + "/" + name;
 }
