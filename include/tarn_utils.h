@@ -176,10 +176,13 @@ TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *h
  * exit code as tarn_shell_execute_with_input returns it, after logging at
  * warn "unzip tgz failed with %d, cmd:%s" (the code and the command with
  * the archive's path) and removing the unpack cache: when the archive
- * has a base name NAME (get_basename; not empty, "." or "..") and
- * "<dest>/NAME" is a directory, logs at info "remove unpack cache dir [%s]"
- * with that path and removes it with everything in it (a directory of that
- * name that was there before the call is removed too). */
+ * has a base name NAME (get_basename; not empty, "." or ".."), nothing
+ * stood at "<dest>/NAME" before the call (lstat) and a directory (not a
+ * link) stands there now, logs at info "remove unpack cache dir [%s]" with
+ * that path and removes it with everything in it. Whatever stood there
+ * before the call is not the call's to remove (a live directory that the
+ * archive happens to be named after): it is kept, logged at info "unpack
+ * cache dir [%s] was there before the unpack, kept" with the path. */
 TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest);
 
 TARNAUX_END_DECLS

@@ -324,6 +324,8 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
       strcmp(tarn_path_get_ext_u(archive), ".tgz") != 0) {
     return 1;
   }
+  // Noted before tar runs: only what this unpack made is removed after it.
+  const UnpackCache cache(archive, dest);
   // Only a regular file within the bound, checked without blocking on a
   // FIFO; anything else is refused as a missing archive is.
   const int input = tarn_file_open_regular(archive, UNTGZ_ARCHIVE_MAX_BYTES);
@@ -354,14 +356,7 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
 
   LOG(warn, "unzip tgz failed with %d, cmd:%s\n", code, command);
   // What tar unpacked before it failed goes, so that a retry starts clean.
-  char copy[TARN_PATH_BUFFER_SIZE];
-  const char *name = archive_package_name(archive, copy, sizeof(copy));
-  if (name != nullptr) {
-    char unpacked[TARN_PATH_BUFFER_SIZE];
-    memset(unpacked, 0, sizeof(unpacked));
-    tarn_str_snprintf(unpacked, sizeof(unpacked), "%s/%s", dest, name);
-    if (tarn_path_is_dir_u(unpacked) != 0) remove_unpack_cache(unpacked);
-  }
+  cache.remove();
   return code;
 }
 
