@@ -4,10 +4,7 @@
 // after the configured wait with their lock-failure results.
 
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -18,7 +15,6 @@
 #include "child_process.h"
 #include "files.h"
 #include "install_root.h"
-#include "local_user.h"
 #include "log_checks.h"
 #include "reset_test.h"
 #include "tarn_apphome.h"
@@ -32,38 +28,8 @@ using tarn_test::kHomeB;
 using tarn_test::kInstallRoot;
 using tarn_test::kRecordLockPath;
 using tarn_test::kRecordPath;
-using tarn_test::make_apphome;
 using tarn_test::record_text;
 using tarn_test::write_file;
-
-// The record's lock, taken by the local user through the lock file that the
-// agent created open to all, and held until the end of the scope.
-class UserHeldLock {
- public:
-  explicit UserHeldLock(const std::string &path) {
-    tarn_test::Pipe locked;
-    pid_ = tarn_test::start_as_local_user([&] {
-      locked.close_read();
-      const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-      if (fd < 0 || flock(fd, LOCK_EX) != 0) return 1;
-      locked.send('L');
-      for (;;) pause();
-      return 0;
-    });
-    locked.close_write();
-    held_ = pid_ > 0 && locked.receive() == 'L';
-  }
-  ~UserHeldLock() {
-    if (pid_ > 0) tarn_test::kill_and_reap(pid_);
-  }
-  UserHeldLock(const UserHeldLock &) = delete;
-  UserHeldLock &operator=(const UserHeldLock &) = delete;
-  bool held() const { return held_; }
-
- private:
-  pid_t pid_ = -1;
-  bool held_ = false;
-};
 
 // What a root call made in a forked child (which reads the one-second lock
 // wait afresh) returned, what it logged, and how long it took.
@@ -102,10 +68,7 @@ class LockAttackTest : public tarn_test::ResetTest<tarn_test::clear_install_root
   // wait of one second.
   void SetUp() override {
     ResetTest::SetUp();
-    ASSERT_EQ(0, chmod(kInstallRoot, 0755));
-    make_apphome(kHomeA, true, true);
-    ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA), 0666));
-    ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA), 0666));
+    ASSERT_TRUE(tarn_test::lay_out_open_record(kHomeA));
     ASSERT_TRUE(write_file(kRecordLockPath, "", 0666));
     ASSERT_EQ(0, chmod(kRecordLockPath, 0666));
     ASSERT_TRUE(config_.ok());
@@ -118,7 +81,7 @@ class LockAttackTest : public tarn_test::ResetTest<tarn_test::clear_install_root
 };
 
 TEST_F(LockAttackTest, AnUpdateGivesUpOnALockTheUserHolds) {
-  UserHeldLock user(kRecordLockPath);
+  tarn_test::ForeignLock user(kRecordLockPath, true);
   ASSERT_TRUE(user.held());
   const BoundedCall call = call_while_held([] { return tarn_apphome_update(kHomeB, nullptr); });
   expect_bounded(call, 1);
@@ -129,7 +92,7 @@ TEST_F(LockAttackTest, AnUpdateGivesUpOnALockTheUserHolds) {
 }
 
 TEST_F(LockAttackTest, AReadGivesUpOnALockTheUserHolds) {
-  UserHeldLock user(kRecordLockPath);
+  tarn_test::ForeignLock user(kRecordLockPath, true);
   ASSERT_TRUE(user.held());
   const BoundedCall call = call_while_held([] {
     char name[64] = "untouched";
@@ -145,7 +108,7 @@ TEST_F(LockAttackTest, AReadGivesUpOnALockTheUserHolds) {
 // the restore from the backup, gives up on both, and then finds no service
 // to scan for.
 TEST_F(LockAttackTest, ReductionGivesUpOnALockTheUserHolds) {
-  UserHeldLock user(kRecordLockPath);
+  tarn_test::ForeignLock user(kRecordLockPath, true);
   ASSERT_TRUE(user.held());
   const BoundedCall call = call_while_held([] { return tarn_apphome_reduction_file(); });
   expect_bounded(call, 2);

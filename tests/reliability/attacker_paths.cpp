@@ -32,13 +32,11 @@ namespace {
 using tarn_test::as_local_user;
 using tarn_test::exists;
 using tarn_test::format;
-using tarn_test::kBackupPath;
 using tarn_test::kEscapingName;
 using tarn_test::kHomeA;
 using tarn_test::kInstallRoot;
 using tarn_test::kOutsideHome;
 using tarn_test::kRecordPath;
-using tarn_test::make_apphome;
 using tarn_test::record_text;
 using tarn_test::under_root;
 using tarn_test::write_file;
@@ -55,12 +53,7 @@ class PathAttackTest
   // agent opened to all users.
   void SetUp() override {
     ResetTest::SetUp();
-    ASSERT_EQ(0, chmod(kInstallRoot, 0755));
-    make_apphome(kHomeA, true, true);
-    ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA), 0666));
-    ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA), 0666));
-    ASSERT_EQ(0, chmod(kRecordPath, 0666));
-    ASSERT_EQ(0, chmod(kBackupPath, 0666));
+    ASSERT_TRUE(tarn_test::lay_out_open_record(kHomeA));
     // A directory of the user's own.
     ASSERT_EQ(0, mkdir(kOutsideHome, 0755));
     ASSERT_EQ(0, chown(kOutsideHome, tarn_test::kLocalUser, tarn_test::kLocalGroup));

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -23,6 +24,7 @@
 
 #include "child_process.h"
 #include "files.h"
+#include "local_user.h"
 
 namespace tarn_test {
 
@@ -105,22 +107,36 @@ inline std::string make_apphome(const std::string &name, bool flag, bool spare,
   return dir;
 }
 
+// The agent's record and backup naming the operational app home name, both
+// opened to all users as the agent leaves them, in an install root that
+// only root may write. Returns whether all was laid out.
+inline bool lay_out_open_record(const std::string &name) {
+  make_apphome(name, true, true);
+  const std::string text = record_text(name);
+  return chmod(kInstallRoot, 0755) == 0 && write_file(kRecordPath, text, 0666) &&
+         write_file(kBackupPath, text, 0666) && chmod(kRecordPath, 0666) == 0 &&
+         chmod(kBackupPath, 0666) == 0;
+}
+
 // An exclusive flock(2) on a lock file, taken by a forked child and held
-// until release() or the end of the holder's scope. Releasing kills the
-// child, whose lock the kernel then drops (other children forked meanwhile
-// may share the test's pipes, so the child is not told by end of input).
+// until release() or the end of the holder's scope; the child is the local
+// user (local_user.h) when by_local_user is set, which the lock file must
+// then let in. Releasing kills the child, whose lock the kernel then drops
+// (other children forked meanwhile may share the test's pipes, so the child
+// is not told by end of input).
 class ForeignLock {
  public:
-  explicit ForeignLock(const std::string &path) {
+  explicit ForeignLock(const std::string &path, bool by_local_user = false) {
     Pipe locked;
-    pid_ = fork_child([&]() {
+    const std::function<int()> hold = [&]() {
       locked.close_read();
       const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
       if (fd < 0 || flock(fd, LOCK_EX) != 0) return 1;
       locked.send('L');
       for (;;) pause();
       return 0;
-    });
+    };
+    pid_ = by_local_user ? start_as_local_user(hold) : fork_child(hold);
     locked.close_write();
     held_ = pid_ > 0 && locked.receive() == 'L';
   }
