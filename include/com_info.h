@@ -183,7 +183,8 @@ TARNAUX_API kep_result_t tarn_apphome_path_cat_auto(const char *base, const char
  * (see docs/components.md). The archive is unpacked by the system's tar
  * (unpack_tgz, tarn_utils.h) into a destination directory, where the
  * unpacked directory "<dest>/NAME" stays as the unpack cache; a failed
- * unpack removes it so that a retry starts clean. */
+ * unpack removes it so that a retry starts clean, when the unpack made it:
+ * one that was there before is kept. */
 
 /* The most manifests that load_local_pack takes from one directory. */
 #define COM_INFO_MAX_LOCAL_MANIFESTS 128
@@ -237,9 +238,13 @@ TARNAUX_API uint32_t load_local_pack(const char *dir, com_list_var *list);
  *   failed from: [%s]" (archive); the unpacked files are left as they are
  *   and *info is untouched;
  * - the manifest does not load: info "load component info failed from
- *   (%s)" (manifest path, cut at 2047 characters), then info "remove
- *   unpack cache dir [%s]" with "<dest>/NAME", which is removed with
- *   everything in it; *info is zero (load_com_info freed it).
+ *   (%s)" (manifest path, cut at 2047 characters), then, when nothing
+ *   stood at "<dest>/NAME" before the call and a directory (not a link)
+ *   stands there now, info "remove unpack cache dir [%s]" with that path,
+ *   which is removed with everything in it; when something stood there
+ *   before (a live directory that the package is named after), info
+ *   "unpack cache dir [%s] was there before the unpack, kept" instead, and
+ *   it stays; *info is zero (load_com_info freed it).
  * An archive or dest that unpack_tgz refuses as text for a shell command
  * logs its warn line "refused text for a shell command: [%s]" before
  * "unzip component failed"; tar itself runs without a shell: see

@@ -21,6 +21,15 @@
  * writer, which loads the whole file, sets its keys and saves the whole
  * file.
  *
+ * Values. The record is open to every user, so its values are not trusted:
+ * a value of "app_home" or "app_home_x86" that is not a single directory
+ * name (empty, ".", "..", or holding "/") would lead out of the install
+ * root, and every reader of the library (here, tarn_directory.h,
+ * tarn_utils.h, and through them the service configuration and product
+ * records) takes it for a missing key, after a warn line "app home value
+ * [%s] is not a directory name\n" with the value. Readers do not check the
+ * UUID form: any other name is read as it stands.
+ *
  * Locking. Each file is guarded by an exclusive file lock on its path
  * followed by ".lock". Every operation here loads the file afresh under its
  * lock; nothing is cached. Where both locks are held the record's is taken
@@ -93,10 +102,12 @@ TARNAUX_API int32_t tarn_apphome_check_format(const char *name);
  * always terminated). When apphome_arch is not null, arch_len is not 0 and
  * the machine needs a companion app home, also copies the "app_home_x86"
  * value into apphome_arch (arch_len bytes); a missing companion value is
- * not an error, and apphome_arch then keeps what it held.
- * Returns 0; 1 when the lock cannot be taken (the flock lines above), the
- * file cannot be loaded (warn "tarn_ini_file_load is failed\n") or it has
- * no "app_home" (warn "get apphome field failed\n"); -1 for a null
+ * not an error, and apphome_arch then keeps what it held. A value that is
+ * not a directory name (see Values above) counts as missing.
+ * Returns 0; 1 when the lock cannot be taken (the flock lines above; the
+ * wait for it is bounded, tarn_flock.h), the file cannot be loaded (warn
+ * "tarn_ini_file_load is failed\n") or it has no "app_home" that is a
+ * directory name (warn "get apphome field failed\n"); -1 for a null
  * ini_path or apphome (nothing logged). */
 TARNAUX_API int32_t tarn_apphome_get_apphome(const char *ini_path, char *apphome,
                                              size_t apphome_len, char *apphome_arch,
@@ -193,7 +204,8 @@ TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len);
  *    info "resume app_home is [%s]\n" and "restore ini from file
  *    successful!\n"; its failures log warn "%s is not existed!\n",
  *    "tarn_flock_init %s failed\n", "tarn_flock_acquire %s failed\n", "load
- *    ini file %s failed\n", error "resume app_home is empty, path is %s.\n",
+ *    ini file %s failed\n", error "resume app_home is empty, path is %s.\n"
+ *    (also for a value that is not a directory name, after its warn line),
  *    "tarn_ini_file_save_directio %s failed\n", then warn "error occurd when
  *    write [%s] to [%s]\n" (backup, record);
  * 3. a scan of the install root. The version of the installed service is

@@ -44,16 +44,22 @@ TARNAUX_API int32_t get_tarn_path(char *buf, int32_t len);
  * without regard to case; 0 otherwise. It is a plain prefix test, so a
  * directory such as /usr/share/velmora/TARNX counts as inside too, and the
  * install root itself (whose directory is /usr/share/velmora) does not.
- * Only the first 1023 bytes of path are considered; a null path is taken
- * as empty (0). */
+ * The "." and ".." components of path are resolved first, from its text
+ * alone (no link is followed, the disk is not read), so a path that climbs
+ * out of the install root, such as /usr/share/velmora/TARN/../../x/y.so,
+ * is outside (0). Only the first 1023 bytes of path are considered; a null
+ * path is taken as empty (0). */
 TARNAUX_API int32_t is_path_in_tarn(const char *path);
 
 /* Reads the app home name from the record file ini_path (section "apphome",
  * key "app_home", or "app_home_<suffix>" when suffix is not null) into out,
  * which holds out_len bytes. The file is loaded without its lock. Returns
  * 0 when the name was copied; 1 when the file was loaded but the key is
- * absent or empty (warn "app_home is empty in %s" with ini_path, whatever
- * the key); -1 when ini_path or out is null or out_len is 0 (warn
+ * absent, or its value is not a single directory name (empty, ".", "..",
+ * or holding "/": the record is open to every user, see tarn_apphome.h;
+ * first warn "app home value [%s] is not a directory name" with the value),
+ * each with warn "app_home is empty in %s" with ini_path, whatever the key;
+ * -1 when ini_path or out is null or out_len is 0 (warn
  * "get_apphome_dir_name failed: argument error"), or when the file cannot
  * be loaded (debug "tarn_ini_file_load is failed, path is %s." with
  * ini_path). */
@@ -65,7 +71,7 @@ TARNAUX_API int32_t get_apphome_dir_name(const char *ini_path, char *out, uint32
  * key) into out, which holds out_len bytes. Returns 0; 1 when there is no
  * usable record or name (out is then untouched), logging only what
  * get_apphome_dir_name logs (debug for a missing or unloadable record, warn
- * for a record without the name); a null out or an out_len below 1 gives 1
+ * for a record without the name or whose value is not a directory name); a null out or an out_len below 1 gives 1
  * without a message. */
 TARNAUX_API int32_t get_apphome_path_main(char *out, int32_t out_len);
 
@@ -85,7 +91,8 @@ TARNAUX_API int32_t get_backup_tmp_path(char *out, int32_t out_len);
 /* Expands in into out (out_len bytes). A path that does not begin with "@"
  * is copied unchanged. "@rest" becomes the app home path + "/bin" + rest,
  * with no separator added: "@/x/y" gives <app home>/bin/x/y and "@x" gives
- * <app home>/binx. When no app home is recorded, the base library's
+ * <app home>/binx. When no app home is recorded (or the recorded value is
+ * not a directory name, as get_apphome_dir_name says), the base library's
  * tarn_dirutils_path_transform expands it (relative to the running
  * executable's directory) and out holds whatever that writes. A null in or
  * out or an out_len of 0 is logged at warn "path transform input invalid

@@ -44,9 +44,12 @@ TARNAUX_API char *get_tarn_root_dir(void);
 /* Reads the app home name from the record file ini_path (key "app_home", or
  * "app_home_<suffix>" when suffix is not null) into out, which holds out_len
  * bytes. The file's lock is held while it is loaded; a lock that cannot be
- * taken does not stop the read (nothing is logged for it). Returns 0 when
- * the name was copied (an empty value too); 1 when the key is absent (warn
- * "app_home is empty in <ini_path>"); -1 when ini_path or out is null or
+ * taken does not stop the read (nothing is logged for it; the wait for it
+ * is bounded, tarn_flock.h). Returns 0 when the name was copied; 1 when the
+ * key is absent (warn "app_home is empty in <ini_path>"), also when its
+ * value is not a single directory name (empty, ".", "..", or holding "/":
+ * first warn "app home value [%s] is not a directory name" with the value,
+ * see tarn_apphome.h); -1 when ini_path or out is null or
  * out_len is 0 (not logged), or when the file cannot be loaded (warn
  * "qiv_eni_file_load is failed, path is <ini_path>."). */
 TARNAUX_API int32_t get_app_home_dir(const char *ini_path, char *out, uint32_t out_len,
@@ -192,10 +195,13 @@ TARNAUX_API int32_t execute_command(const char *program, struct argment_paras *h
  * (-1 when it could not be run), after logging at warn "unzip tgz failed
  * with %d, cmd:%s" (the code and the command) and removing the unpack
  * cache: when the archive has a base name NAME (get_basename; not empty,
- * "." or "..") and "<dest>/NAME" is a directory, logs at info "remove
- * unpack cache dir [%s]" with that path and removes it with everything in
- * it (a directory of that name that was there before the call is removed
- * too). */
+ * "." or ".."), nothing stood at "<dest>/NAME" before the call (lstat) and
+ * a directory (not a link) stands there now, logs at info "remove unpack
+ * cache dir [%s]" with that path and removes it with everything in it.
+ * Whatever stood there before the call is not the call's to remove (a live
+ * directory that the archive happens to be named after): it is kept,
+ * logged at info "unpack cache dir [%s] was there before the unpack, kept"
+ * with the path. */
 TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest);
 
 TARNAUX_END_DECLS

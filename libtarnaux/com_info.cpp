@@ -7,7 +7,9 @@
 
 #include "com_info.h"
 
+#include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <mutex>
@@ -382,9 +384,26 @@ const char *archive_package_name(const char *archive, char *buf, size_t len) {
   return name;
 }
 
-void remove_unpack_cache(const char *path) {
-  LOG(info, "remove unpack cache dir [%s]\n", path);
-  (void)tarn_dirutils_rmdir(path);
+UnpackCache::UnpackCache(const char *archive, const char *dest) {
+  memset(path_, 0, sizeof(path_));
+  name_ = archive_package_name(archive, copy_, sizeof(copy_));
+  if (name_ == nullptr) return;
+  const int length = tarn_str_snprintf(path_, sizeof(path_), "%s/%s", dest, name_);
+  // A cut path names another directory: it is never the unpack's own.
+  if (length < 0 || (size_t)length >= sizeof(path_)) return;
+  struct stat st;
+  existed_ = lstat(path_, &st) == 0 || errno != ENOENT;
+}
+
+void UnpackCache::remove() const {
+  if (name_ == nullptr) return;
+  struct stat st;
+  if (existed_) {
+    LOG(info, "unpack cache dir [%s] was there before the unpack, kept\n", path_);
+  } else if (lstat(path_, &st) == 0 && S_ISDIR(st.st_mode)) {
+    LOG(info, "remove unpack cache dir [%s]\n", path_);
+    (void)tarn_dirutils_rmdir(path_);
+  }
 }
 
 int32_t load_plat_support_info(const json_t *value, com_info_var *info) {
@@ -538,12 +557,12 @@ TARNAUX_API uint32_t load_local_pack(const char *dir, com_list_var *list) {
 
 TARNAUX_API uint32_t unpack_com(const char *archive, const char *dest, com_info_var *info) {
   if (archive == nullptr || dest == nullptr || info == nullptr) return 1;
+  const UnpackCache cache(archive, dest);
   if (unpack_tgz(archive, dest) != 0) {
     LOG(warn, "unzip component failed, tgz: %s\n", archive);
     return 1;
   }
-  char copy[TARN_PATH_BUFFER_SIZE];
-  const char *name = archive_package_name(archive, copy, sizeof(copy));
+  const char *name = cache.name();
   if (name == nullptr) {
     LOG(debug, "get base name failed from: [%s]\n", archive);
     return 1;
@@ -555,10 +574,7 @@ TARNAUX_API uint32_t unpack_com(const char *archive, const char *dest, com_info_
   if (load_com_info(manifest, info) == 0) return 0;
 
   LOG(info, "load component info failed from (%s)\n", manifest);
-  char unpacked[TARN_PATH_BUFFER_SIZE];
-  memset(unpacked, 0, sizeof(unpacked));
-  tarn_str_snprintf(unpacked, sizeof(unpacked), "%s/%s", dest, name);
-  remove_unpack_cache(unpacked);
+  cache.remove();
   return 1;
 }
 

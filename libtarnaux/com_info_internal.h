@@ -31,9 +31,35 @@ int32_t load_plat_support_info(const json_t *value, com_info_var *info);
  * since it is removed after a failed unpack. */
 const char *archive_package_name(const char *archive, char *buf, size_t len);
 
-/* Logs at info "remove unpack cache dir [%s]" with path and removes the
- * directory path with everything in it (a failure is not reported): the
- * half-unpacked package of a failed unpack, so that a retry starts clean. */
-void remove_unpack_cache(const char *path);
+/* The directory "<dest>/<package name>" that unpacking an archive into dest
+ * fills (its unpack cache), noted before the unpack. After a failed unpack,
+ * remove() takes away what the unpack itself made, so that a retry starts
+ * clean, and never a directory that was there before: an archive named
+ * after a live directory (the app home, say) must not remove it. */
+class UnpackCache {
+ public:
+  /* Takes the package name of archive (archive_package_name) and notes,
+   * with lstat, whether anything stood at "<dest>/<name>". */
+  UnpackCache(const char *archive, const char *dest);
+  UnpackCache(const UnpackCache &) = delete;
+  UnpackCache &operator=(const UnpackCache &) = delete;
+
+  /* The package name, or null when the archive path gives none. */
+  const char *name() const { return name_; }
+
+  /* Nothing without a package name. Otherwise, when nothing stood at the
+   * path before and a real directory (not a link) stands there now, logs at
+   * info "remove unpack cache dir [%s]" with the path and removes it with
+   * everything in it (a failure is not reported); when it is not the
+   * unpack's own, logs at info "unpack cache dir [%s] was there before the
+   * unpack, kept" and leaves it. */
+  void remove() const;
+
+ private:
+  char copy_[1024];
+  char path_[1024];
+  const char *name_ = nullptr;
+  bool existed_ = true;
+};
 
 #endif

@@ -108,7 +108,7 @@ bool copy_backup_to_record(const char *backup_path, const char *record_path,
     return false;
   }
   const char *apphome = tarn_ini_file_get(ini.get(), TARN_APPHOME_SECTION, TARN_APPHOME_KEY);
-  if (apphome == nullptr) {
+  if (apphome == nullptr || !tarn_apphome_is_dir_name(apphome)) {
     LOG(error, "resume app_home is empty, path is %s.\n", backup_path);
     return false;
   }
@@ -231,6 +231,16 @@ int32_t tarn_apphome_is_operational_path(const char *dir, int32_t *err) {
   if (tarn_file_copy(spare, flag) == 0) return 1;
   LOG(info, "copy operational backup file to operational file failed\n");
   return 0;
+}
+
+bool tarn_apphome_is_dir_name(const char *value) {
+  if (value == nullptr) return false;
+  if (value[0] != '\0' && strcmp(value, ".") != 0 && strcmp(value, "..") != 0 &&
+      strchr(value, '/') == nullptr) {
+    return true;
+  }
+  LOG(warn, "app home value [%s] is not a directory name\n", value);
+  return false;
 }
 
 int32_t tarn_apphome_restore_from_backup(void) {
@@ -356,7 +366,7 @@ TARNAUX_API int32_t tarn_apphome_get_apphome(const char *ini_path, char *apphome
     return 1;
   }
   const char *name = tarn_ini_file_get(ini.get(), TARN_APPHOME_SECTION, TARN_APPHOME_KEY);
-  if (name == nullptr) {
+  if (name == nullptr || !tarn_apphome_is_dir_name(name)) {
     LOG(warn, "get apphome field failed\n");
     return 1;
   }
@@ -365,7 +375,9 @@ TARNAUX_API int32_t tarn_apphome_get_apphome(const char *ini_path, char *apphome
     // A record without the companion value still names the app home; the
     // caller's buffer keeps what it held.
     const char *arch_name = tarn_ini_file_get(ini.get(), TARN_APPHOME_SECTION, arch_key);
-    if (arch_name != nullptr) tarn_strlcpy(apphome_arch, arch_name, arch_len);
+    if (arch_name != nullptr && tarn_apphome_is_dir_name(arch_name)) {
+      tarn_strlcpy(apphome_arch, arch_name, arch_len);
+    }
   }
   return 0;
 }

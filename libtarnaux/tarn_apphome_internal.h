@@ -76,6 +76,15 @@ using TarnIniPtr = std::unique_ptr<tarn_ini_t, TarnIniFree>;
  * for a null argument (logged at error). */
 int32_t tarn_apphome_is_operational_path(const char *dir, int32_t *err);
 
+/* Whether value, read from the record under "app_home" or a companion key,
+ * can name a directory below the install root: a single directory name,
+ * not empty, "." or "..", and without "/". The record is open to every
+ * user, so a value such as "../../tmp/x" would take the app home out of
+ * the install root. Logs at warn "app home value [%s] is not a directory
+ * name\n" with the value when it is not one; every reader then treats the
+ * key as absent. The UUID form is not checked here. */
+bool tarn_apphome_is_dir_name(const char *value);
+
 /* Copies the backup record over the record, holding only the record's lock
  * (the backup is read without its own lock). Returns 0, or -1 when there is
  * no install root, no backup, no lock, no loadable backup, no "app_home" in

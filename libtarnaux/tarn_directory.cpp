@@ -42,6 +42,34 @@ int32_t backup_tree_path(char *out, int32_t out_len, const char *suffix, bool tm
   return 1;
 }
 
+// Resolves the "." and ".." components of a path in "/" form by its text
+// alone, without looking at the disk: "/a/b/../c" becomes "/a/c", ".."
+// above "/" stays at "/", and a relative path keeps its leading "..".
+void resolve_dots(char *path) {
+  const size_t base = path[0] == '/' ? 1 : 0;
+  size_t out = base;   // end of the resolved part, never beyond in
+  size_t kept = base;  // end of the leading ".." of a relative path
+  size_t in = base;
+  while (path[in] != '\0') {
+    size_t end = in;
+    while (path[end] != '\0' && path[end] != '/') ++end;
+    const size_t length = end - in;
+    const bool dot = length == 1 && path[in] == '.';
+    const bool dot_dot = length == 2 && path[in] == '.' && path[in + 1] == '.';
+    if (dot_dot && out > kept) {
+      while (out > kept && path[out - 1] != '/') --out;
+      if (out > kept) --out;
+    } else if (!dot && !(dot_dot && base == 1)) {
+      if (out > base) path[out++] = '/';
+      memmove(path + out, path + in, length);
+      out += length;
+      if (dot_dot) kept = out;
+    }
+    in = path[end] == '/' ? end + 1 : end;
+  }
+  path[out] = '\0';
+}
+
 }  // namespace
 
 extern "C" {
@@ -60,9 +88,11 @@ TARNAUX_API int32_t is_path_in_tarn(const char *path) {
   memset(root, 0, sizeof(root));
   get_tarn_path(root, sizeof(root));
 
-  // What lies inside is decided by the directory that holds path.
-  tarn_path_remove_name_w(dir);
+  // What lies inside is decided by the directory that holds path, once
+  // its ".." components are resolved: .../TARN/../../x is not inside.
   tarn_path_format_u(dir);
+  resolve_dots(dir);
+  tarn_path_remove_name_w(dir);
   tarn_path_format_u(root);
   // A plain prefix test of the root's length: a sibling such as
   // /usr/share/velmora/TARNX counts as inside as well.
@@ -92,7 +122,7 @@ TARNAUX_API int32_t get_apphome_dir_name(const char *ini_path, char *out, uint32
     return -1;
   }
   const char *name = tarn_ini_file_get(ini.get(), TARN_APPHOME_SECTION, key);
-  if (name != nullptr && name[0] != '\0') {
+  if (name != nullptr && tarn_apphome_is_dir_name(name)) {
     tarn_str_snprintf(out, out_len, "%s", name);
     return 0;
   }

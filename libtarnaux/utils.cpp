@@ -195,7 +195,7 @@ TARNAUX_API int32_t get_app_home_dir(const char *ini_path, char *out, uint32_t o
     return -1;
   }
   const char *name = tarn_ini_file_get(ini.get(), TARN_APPHOME_SECTION, key);
-  if (name != nullptr) {
+  if (name != nullptr && tarn_apphome_is_dir_name(name)) {
     tarn_str_snprintf(out, out_len, "%s", name);
     return 0;
   }
@@ -335,6 +335,8 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
   if (refuse_shell_text(archive, SHELL_TEXT_QUOTED) || refuse_shell_text(dest, SHELL_TEXT_QUOTED)) {
     return 1;
   }
+  // Noted before tar runs: only what this unpack made is removed after it.
+  const UnpackCache cache(archive, dest);
   // Only a regular file within the bound, checked without blocking on a
   // FIFO; anything else is refused as a missing archive is.
   const int input = tarn_file_open_regular(archive, UNTGZ_ARCHIVE_MAX_BYTES);
@@ -361,14 +363,7 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
 
   LOG(warn, "unzip tgz failed with %d, cmd:%s\n", code, command);
   // What tar unpacked before it failed goes, so that a retry starts clean.
-  char copy[TARN_PATH_BUFFER_SIZE];
-  const char *name = archive_package_name(archive, copy, sizeof(copy));
-  if (name != nullptr) {
-    char unpacked[TARN_PATH_BUFFER_SIZE];
-    memset(unpacked, 0, sizeof(unpacked));
-    tarn_str_snprintf(unpacked, sizeof(unpacked), "%s/%s", dest, name);
-    if (tarn_path_is_dir_u(unpacked) != 0) remove_unpack_cache(unpacked);
-  }
+  cache.remove();
   return code;
 }
 

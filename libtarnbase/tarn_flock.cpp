@@ -8,8 +8,11 @@
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include "clock.h"
+#include "config.h"
 #include "errno_result.h"
 
 struct tarn_flock {
@@ -52,6 +55,33 @@ int flock_retrying(int fd, int operation) {
   return 0;
 }
 
+// The pauses between two tries of a waiting acquire: short at first, so a
+// lock held briefly is taken soon after its release, then longer, so a long
+// wait costs little.
+constexpr uint64_t kFirstPauseNs = 1000000u;     // 1 ms
+constexpr uint64_t kLongestPauseNs = 50000000u;  // 50 ms
+
+// Takes the exclusive lock, trying without blocking until the configured
+// wait has passed on the monotonic clock. A blocking flock(2) cut short by
+// a timer would need a signal handler, which is the host program's to set,
+// not a library's. Returns 0, ETIMEDOUT, or the errno of flock(2).
+int lock_within_wait(int fd) {
+  const uint64_t wait_ns = (uint64_t)tarnbase::base_config().lock_wait_seconds * 1000000000u;
+  const uint64_t deadline = tarnbase::monotonic_ns() + wait_ns;
+  uint64_t pause_ns = kFirstPauseNs;
+  for (;;) {
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return 0;
+    if (errno != EWOULDBLOCK && errno != EINTR) return errno;
+    const uint64_t now = tarnbase::monotonic_ns();
+    if (now >= deadline) return ETIMEDOUT;
+    const uint64_t sleep_ns = pause_ns < deadline - now ? pause_ns : deadline - now;
+    struct timespec pause = {(time_t)(sleep_ns / 1000000000u), (long)(sleep_ns % 1000000000u)};
+    // A signal only shortens this pause; the deadline stays.
+    (void)nanosleep(&pause, nullptr);
+    if (pause_ns < kLongestPauseNs) pause_ns *= 2;
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -73,7 +103,7 @@ TARNBASE_API int tarn_flock_init(const char *lock_path, tarn_flock_t **handle) {
 
 TARNBASE_API int tarn_flock_acquire(tarn_flock_t *handle) {
   if (handle == nullptr) return fail(EINVAL);
-  const int result = flock_retrying(handle->fd, LOCK_EX);
+  const int result = lock_within_wait(handle->fd);
   return result == 0 ? 0 : fail(result);
 }
 

@@ -1396,17 +1396,39 @@ TEST_F(PackageTest, UnpackTgzOfACutArchiveRemovesWhatTarUnpackedAndReturnsTarsCo
   EXPECT_EQ(lines[2].message, format("remove unpack cache dir [%s]\n", (dest_ / "pkg").c_str()));
 }
 
-TEST_F(PackageTest, UnpackTgzOfAnArchiveThatIsNotGzipRemovesAStaleCacheOfItsName) {
+// A directory of the archive's name that was there before the unpack is not
+// the unpack's to remove: it may be a live one (the app home, say).
+TEST_F(PackageTest, UnpackTgzFailureKeepsADirectoryOfItsNameThatWasThereBefore) {
   const std::string path = work_ / "pkg.tgz";
   ASSERT_TRUE(tarn_test::write_file(path, "this is not a gzip stream"));
   ASSERT_TRUE(make_dirs(dest_ / "pkg/bin"));
   ASSERT_TRUE(tarn_test::write_file(dest_ / "pkg/bin/old", "old"));
   const int32_t code = unpack_tgz(path.c_str(), dest_.path().c_str());
   EXPECT_EQ(code, 2);
-  EXPECT_LOGGED("warn", format("unzip tgz failed with %d, cmd:%s\n", code, tar_command(path).c_str()));
-  EXPECT_LOGGED("info", format("remove unpack cache dir [%s]\n", (dest_ / "pkg").c_str()));
-  EXPECT_EQ(tarn_test::logs().size(), 3u) << dump_logs();
-  EXPECT_FALSE(exists(dest_ / "pkg"));
+  const std::vector<tarn_test::LogLine> lines = tarn_test::logs();
+  ASSERT_EQ(lines.size(), 3u) << dump_logs();
+  EXPECT_EQ(lines[1].word, "warn");
+  EXPECT_EQ(lines[1].message, format("unzip tgz failed with %d, cmd:%s\n", code, tar_command(path).c_str()));
+  EXPECT_EQ(lines[2].word, "info");
+  EXPECT_EQ(lines[2].message,
+            format("unpack cache dir [%s] was there before the unpack, kept\n", (dest_ / "pkg").c_str()));
+  EXPECT_EQ(tarn_test::read_file(dest_ / "pkg/bin/old"), "old");
+  EXPECT_TRUE(others_kept());
+}
+
+// Nor is a link of the archive's name, nor what it points to.
+TEST_F(PackageTest, UnpackTgzFailureKeepsALinkOfItsNameAndItsTarget) {
+  const std::string path = work_ / "other2.tgz";
+  ASSERT_TRUE(tarn_test::write_file(path, "this is not a gzip stream"));
+  ASSERT_EQ(symlink((dest_ / "other").c_str(), (dest_ / "other2").c_str()), 0);
+  const int32_t code = unpack_tgz(path.c_str(), dest_.path().c_str());
+  EXPECT_EQ(code, 2);
+  EXPECT_LOGGED("info", format("unpack cache dir [%s] was there before the unpack, kept\n",
+                               (dest_ / "other2").c_str()));
+  EXPECT_NOT_LOGGED("info", format("remove unpack cache dir [%s]\n", (dest_ / "other2").c_str()));
+  struct stat st;
+  ASSERT_EQ(lstat((dest_ / "other2").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
   EXPECT_TRUE(others_kept());
 }
 
@@ -1546,6 +1568,28 @@ TEST_F(PackageTest, UnpackComWhoseManifestDoesNotLoadRemovesTheUnpackedFolder) {
     EXPECT_EQ(got, expected) << v.name;
   }
   EXPECT_EQ(tarn_test::list_directory(dest_.path()), (std::set<std::string>{"keep.txt", "other"}));
+}
+
+// A package named after a directory that is already in the destination
+// unpacks into it; when its manifest does not load, the directory is not the
+// unpack's to remove.
+TEST_F(PackageTest, UnpackComWhoseManifestDoesNotLoadKeepsADirectoryThatWasThereBefore) {
+  lay_out_package("other", "");
+  const std::string path = archive("other", "other.tgz");
+  const std::string loaded = dest_ / "other/config/component_info/other.ejs";
+  Record record;
+  EXPECT_EQ(unpack_com(path.c_str(), dest_.path().c_str(), &record.info), 1u);
+  std::vector<std::string> got;
+  for (const tarn_test::LogLine &line : tarn_test::logs()) got.push_back(line.word + " " + line.message);
+  EXPECT_EQ(got, (std::vector<std::string>{
+                     "info " + tar_line(path, 0),
+                     "warn " + format("load plugin config: %s failed\n", loaded.c_str()),
+                     "info " + format("load component info failed from (%s)\n", loaded.c_str()),
+                     "info " + format("unpack cache dir [%s] was there before the unpack, kept\n",
+                                      (dest_ / "other").c_str())}));
+  EXPECT_TRUE(others_kept());
+  EXPECT_TRUE(exists(dest_ / "other/bin/other"));
+  EXPECT_TRUE(holds_nothing(record.info));
 }
 
 TEST_F(PackageTest, UnpackComOfAnArchiveWithoutABaseNameStopsAfterUnpacking) {

@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <optional>
@@ -215,6 +216,8 @@ class AppHomeTest : public ::testing::Test {
     g_answer = PlatformAnswer();
     g_walk = WalkAnswer();
     tarn_test::clear_install_root();
+    std::error_code ignored;
+    std::filesystem::remove_all(tarn_test::kOutsideHome, ignored);
   }
 };
 
@@ -431,6 +434,51 @@ TEST_F(AppHomeTest, GetApphomeOfARecordWithoutAppHomeIsOne) {
   EXPECT_LOGGED("warn", "get apphome field failed\n");
 }
 
+// The record is open to every user: a value that is not a directory name
+// would take the app home out of the install root.
+TEST_F(AppHomeTest, GetApphomeTakesAValueThatIsNotADirectoryNameForAMissingOne) {
+  for (const char *value : tarn_test::kNotDirectoryNames) {
+    SCOPED_TRACE(value);
+    tarn_test::clear_logs();
+    ASSERT_TRUE(write_file(kRecordPath, record_text(value)));
+    char name[64] = "keep";
+    EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), nullptr, 0), 1);
+    EXPECT_STREQ(name, "keep");
+    EXPECT_EQ(tarn_test::messages("warn"),
+              (std::vector<std::string>{tarn_test::not_directory_name_warning(value),
+                                        "get apphome field failed\n"}));
+    EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+  }
+}
+
+TEST_F(AppHomeTest, GetApphomeTakesACompanionThatIsNotADirectoryNameForAMissingOne) {
+  companion_machine();
+  for (const char *value : tarn_test::kNotDirectoryNames) {
+    SCOPED_TRACE(value);
+    tarn_test::clear_logs();
+    ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, value)));
+    char name[64] = {0};
+    char arch[64] = "keep";
+    EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, sizeof(arch)), 0);
+    EXPECT_STREQ(name, kHomeA);
+    EXPECT_STREQ(arch, "keep");
+    EXPECT_EQ(tarn_test::messages("warn"),
+              (std::vector<std::string>{tarn_test::not_directory_name_warning(value)}));
+  }
+}
+
+// Readers do not check the UUID form: any single directory name is read.
+TEST_F(AppHomeTest, GetApphomeReadsANameThatIsNotUuidText) {
+  companion_machine();
+  ASSERT_TRUE(write_file(kRecordPath, record_text("my home..", ".x86")));
+  char name[64] = {0};
+  char arch[64] = {0};
+  EXPECT_EQ(tarn_apphome_get_apphome(kRecordPath, name, sizeof(name), arch, sizeof(arch)), 0);
+  EXPECT_STREQ(name, "my home..");
+  EXPECT_STREQ(arch, ".x86");
+  EXPECT_NO_LINES();
+}
+
 // A record of exactly size bytes naming kHomeA, padded by a key of its own.
 std::string record_of_size(size_t size) {
   const std::string head = record_text(kHomeA) + "\n[pad]\nk=";
@@ -643,6 +691,33 @@ TEST_F(AppHomeTest, ValidRecordsAreZero) {
   ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA, kHomeX86)));
   EXPECT_EQ(tarn_apphome_check_validity(kBackupPath), 0);
   EXPECT_TRUE(tarn_test::messages("warn").empty()) << dump_logs();
+}
+
+TEST_F(AppHomeTest, ValidityNeverChecksADirectoryOutsideTheInstallRoot) {
+  companion_machine();
+  make_apphome(tarn_test::kEscapingName, true, true);
+  make_apphome(kHomeA, true, true);
+  make_apphome(kHomeX86, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(tarn_test::kEscapingName, kHomeX86)));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 2);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{tarn_test::not_directory_name_warning(tarn_test::kEscapingName),
+                                      "get apphome field failed\n",
+                                      "tarn_apphome_get_apphome get apphome is failed\n"}));
+  tarn_test::clear_logs();
+  ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA, tarn_test::kEscapingName)));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 3);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{tarn_test::not_directory_name_warning(tarn_test::kEscapingName),
+                                      "tarn_apphome_get_apphome get apphome_arch is failed\n"}));
+  EXPECT_TRUE(tarn_test::messages("info").empty()) << dump_logs();
+}
+
+TEST_F(AppHomeTest, ValidityOfANameThatIsNotUuidTextIsZero) {
+  make_apphome("my-home", true, true);
+  ASSERT_TRUE(write_file(kRecordPath, record_text("my-home")));
+  EXPECT_EQ(tarn_apphome_check_validity(kRecordPath), 0);
+  EXPECT_NO_LINES();
 }
 
 TEST_F(AppHomeTest, ValidityRestoresTheFlagOfAnAppHomeThatHasOnlyItsSpare) {
@@ -990,6 +1065,18 @@ TEST_F(AppHomeTest, RestoreFromABackupWithoutAppHomeLeavesTheRecord) {
   EXPECT_LOGGED("warn", error_occurd());
   EXPECT_EQ(read_file(kRecordPath), "damaged");
   EXPECT_FALSE(tarn_test::lock_is_held(kRecordLockPath));
+}
+
+TEST_F(AppHomeTest, RestoreFromABackupWhoseAppHomeIsNotADirectoryNameLeavesTheRecord) {
+  ASSERT_TRUE(write_file(kRecordPath, "damaged"));
+  ASSERT_TRUE(write_file(kBackupPath, record_text(tarn_test::kEscapingName)));
+  EXPECT_EQ(tarn_apphome_restore_from_backup(), -1);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{tarn_test::not_directory_name_warning(tarn_test::kEscapingName),
+                                      error_occurd()}));
+  EXPECT_EQ(tarn_test::messages("error"),
+            (std::vector<std::string>{format("resume app_home is empty, path is %s.\n", kBackupPath)}));
+  EXPECT_EQ(read_file(kRecordPath), "damaged");
 }
 
 TEST_F(AppHomeTest, RestoreFromAnUnreadableBackupFails) {
@@ -1366,6 +1453,21 @@ TEST_F(AppHomeTest, ReductionOfADamagedRecordCopiesAValidBackupWithoutAScan) {
   EXPECT_LOGGED("info", "resum apphome successed from backup\n");
   EXPECT_LOGGED("warn", "tarn_apphome_get_apphome get apphome is failed\n");
   EXPECT_EQ(service_runs(), 0u);
+  EXPECT_TRUE(g_walk.calls.empty());
+}
+
+TEST_F(AppHomeTest, ReductionOfARecordNamingADirectoryOutsideTheRootRestoresTheBackup) {
+  make_apphome(tarn_test::kEscapingName, true, true);
+  make_apphome(kHomeA, true, true);
+  ASSERT_TRUE(write_file(kRecordPath, record_text(tarn_test::kEscapingName)));
+  ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+  EXPECT_EQ(tarn_apphome_reduction_file(), 0) << dump_logs();
+  EXPECT_EQ(load_ini(kRecordPath), apphome_only(kHomeA));
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{tarn_test::not_directory_name_warning(tarn_test::kEscapingName),
+                                      "get apphome field failed\n",
+                                      "tarn_apphome_get_apphome get apphome is failed\n"}));
+  EXPECT_LOGGED("info", "resum apphome successed from backup\n");
   EXPECT_TRUE(g_walk.calls.empty());
 }
 

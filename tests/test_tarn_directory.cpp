@@ -15,6 +15,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <tarnbase/tarn_str.h>
 
@@ -138,6 +139,27 @@ TEST_F(DirectoryTest, ASiblingThatSharesTheRootsPrefixCountsAsInside) {
   EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN_old/x.so"), 1);
 }
 
+// ".." is resolved from the text alone before the test: a path that climbs
+// out of the install root is outside, whatever is on the disk.
+TEST_F(DirectoryTest, DotDotComponentsThatLeaveTheRootAreOutside) {
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/../../../../tmp/evil/x.so"), 0);
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/../TARN2/x.so"), 1);  // the prefix test kept
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/../x.so"), 0);
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/.."), 0);
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/a/.."), 0);  // the root itself
+  EXPECT_EQ(is_path_in_tarn("\\usr\\share\\velmora\\TARN\\..\\..\\x.so"), 0);
+  EXPECT_EQ(is_path_in_tarn("../usr/share/velmora/TARN/x.so"), 0);
+}
+
+TEST_F(DirectoryTest, DotAndDotDotThatStayInsideAreInside) {
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/a/../x.so"), 1);
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/./bin/./x.so"), 1);
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/other/../TARN/x.so"), 1);
+  EXPECT_EQ(is_path_in_tarn("/../../usr/share/velmora/TARN/x.so"), 1);  // ".." above "/" stays at "/"
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/a/b/../../c/x.so"), 1);
+  EXPECT_EQ(is_path_in_tarn("/usr/share/velmora/TARN/..x/y.so"), 1);  // a name, not ".."
+}
+
 TEST_F(DirectoryTest, OnlyTheFirst1023BytesOfAPathCount) {
   const std::string inside = "/usr/share/velmora/TARN/" + std::string(1100, 'a') + "/x.so";
   EXPECT_EQ(is_path_in_tarn(inside.c_str()), 1);
@@ -234,6 +256,41 @@ TEST_F(DirectoryTest, DirNameReadsTheFileGivenWithoutTakingItsLock) {
   char out[64];
   EXPECT_EQ(get_apphome_dir_name(kBackupPath, out, sizeof(out), nullptr), 0);
   EXPECT_STREQ(out, kHomeB);
+}
+
+// The record is open to every user: a value that is not a directory name is
+// taken for a missing one.
+TEST_F(DirectoryTest, DirNameAndPathMainTakeAValueThatIsNotADirectoryNameForAMissingOne) {
+  for (const char *value : tarn_test::kNotDirectoryNames) {
+    SCOPED_TRACE(value);
+    ASSERT_TRUE(write_file(kRecordPath, record_text(value, value)));
+    const std::vector<std::string> warnings = {tarn_test::not_directory_name_warning(value),
+                                               std::string("app_home is empty in ") + kRecordPath + "\n"};
+    for (const char *suffix : {static_cast<const char *>(nullptr), "x86"}) {
+      tarn_test::clear_logs();
+      char out[64];
+      memset(out, 'Z', sizeof(out));
+      EXPECT_EQ(get_apphome_dir_name(kRecordPath, out, sizeof(out), suffix), 1);
+      EXPECT_EQ(out[0], 'Z');
+      EXPECT_EQ(tarn_test::messages("warn"), warnings);
+    }
+    tarn_test::clear_logs();
+    char out[64];
+    memset(out, 'Z', sizeof(out));
+    EXPECT_EQ(get_apphome_path_main(out, sizeof(out)), 1);
+    EXPECT_EQ(out[0], 'Z');
+    EXPECT_EQ(tarn_test::messages("warn"), warnings);
+  }
+}
+
+TEST_F(DirectoryTest, DirNameOfANameThatIsNotUuidTextIsReadAsItIs) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text("my-home", "..x86")));
+  char out[64];
+  EXPECT_EQ(get_apphome_dir_name(kRecordPath, out, sizeof(out), nullptr), 0);
+  EXPECT_STREQ(out, "my-home");
+  EXPECT_EQ(get_apphome_dir_name(kRecordPath, out, sizeof(out), "x86"), 0);
+  EXPECT_STREQ(out, "..x86");
+  EXPECT_NO_LINES();
 }
 
 // ---------------------------------------------------------------------------
@@ -391,6 +448,18 @@ TEST_F(DirectoryTest, TransformExpandsAtToTheAppHomesBinDirectory) {
   char small[12];
   tarn_agent_path_transform("@/tarn_service", small, sizeof(small));
   EXPECT_STREQ(small, "/usr/share/");
+}
+
+TEST_F(DirectoryTest, TransformOfARecordNamingADirectoryOutsideTheRootLeavesItToTheBaseLibrary) {
+  const std::string dir = executable_directory();
+  ASSERT_FALSE(dir.empty());
+  ASSERT_TRUE(write_file(kRecordPath, record_text(tarn_test::kEscapingName)));
+  char out[1024];
+  tarn_agent_path_transform("@/tarn_service", out, sizeof(out));
+  EXPECT_EQ(std::string(out), dir + "/tarn_service");
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{tarn_test::not_directory_name_warning(tarn_test::kEscapingName),
+                                      std::string("app_home is empty in ") + kRecordPath + "\n"}));
 }
 
 TEST_F(DirectoryTest, TransformWithoutAnAppHomeLeavesItToTheBaseLibrary) {

@@ -960,6 +960,49 @@ TEST_F(FsTest, FlockExcludesOtherProcesses) {
   EXPECT_EQ(0, reap(pid));
 }
 
+// Lock files are open to every user, so any of them can hold one: the wait
+// ends after "[lock] wait_seconds" with ETIMEDOUT.
+TEST_F(FsTest, FlockAcquireGivesUpAfterTheConfiguredWait) {
+  const std::string path = at("x.lock");
+  Flock holder(path);
+  ASSERT_EQ(0, holder.result());
+  ASSERT_EQ(0, tarn_flock_acquire(holder.get()));
+  tarn_test::BaseConfigFile config(tarn_test::kOneSecondLockWait);
+  ASSERT_TRUE(config.ok());
+  Pipe report;
+  ASSERT_TRUE(report.ok());
+  // A forked child reads the configuration afresh.
+  const pid_t pid = fork_child([&] {
+    report.close_read();
+    Flock lock(path);
+    if (lock.result() != 0) return 10;
+    const int64_t start = monotonic_ms();
+    const int result = tarn_flock_acquire(lock.get());
+    const int error = errno;
+    const int64_t waited = monotonic_ms() - start;
+    return report.write_int(result) && report.write_int(error) && report.write_int((int)waited) ? 0 : 11;
+  });
+  ASSERT_GT(pid, 0);
+  report.close_write();
+  int result = -1, error = -1, waited = -1;
+  if (!report.read_int(&result, 20000)) {
+    kill_and_reap(pid);
+    FAIL() << "the wait did not end";
+  }
+  EXPECT_TRUE(report.read_int(&error));
+  EXPECT_TRUE(report.read_int(&waited));
+  EXPECT_EQ(0, reap(pid));
+  EXPECT_EQ(ETIMEDOUT, result);
+  EXPECT_EQ(ETIMEDOUT, error);
+  EXPECT_GE(waited, 1000);
+  EXPECT_LT(waited, 10000);
+  // The holder still holds it: the child that gave up took nothing.
+  Flock other(path);
+  ASSERT_EQ(0, other.result());
+  ASSERT_EQ(0, tarn_flock_release(holder.get()));
+  EXPECT_EQ(0, tarn_flock_acquire(other.get()));
+}
+
 TEST_F(FsTest, FlockOfAHolderKilledBySigkillIsReleased) {
   const std::string path = at("x.lock");
   Pipe report;

@@ -254,6 +254,42 @@ TEST_F(UtilsTest, AppHomePathWithoutANameIsOneAndAsksForRegeneration) {
   EXPECT_EQ(out[0], 'Z');
 }
 
+// The record is open to every user: a value that is not a directory name is
+// taken for a missing one, for the app home and the companion alike.
+TEST_F(UtilsTest, AppHomeDirAndPathTakeAValueThatIsNotADirectoryNameForAMissingOne) {
+  for (const char *value : tarn_test::kNotDirectoryNames) {
+    SCOPED_TRACE(value);
+    ASSERT_TRUE(write_file(kRecordPath, record_text(value, value)));
+    for (const char *suffix : {static_cast<const char *>(nullptr), "x86"}) {
+      tarn_test::clear_logs();
+      char out[64];
+      memset(out, 'Z', sizeof(out));
+      EXPECT_EQ(get_app_home_dir(kRecordPath, out, sizeof(out), suffix), 1);
+      EXPECT_EQ(out[0], 'Z');
+      EXPECT_EQ(tarn_test::messages("warn"),
+                (std::vector<std::string>{tarn_test::not_directory_name_warning(value),
+                                          format("app_home is empty in %s\n", kRecordPath)}));
+      tarn_test::clear_logs();
+      EXPECT_EQ(get_app_home_path(suffix, out, sizeof(out)), 1);
+      EXPECT_EQ(out[0], 'Z');
+      EXPECT_EQ(tarn_test::messages("warn"),
+                (std::vector<std::string>{tarn_test::not_directory_name_warning(value),
+                                          format("app_home is empty in %s\n", kRecordPath)}));
+      EXPECT_EQ(tarn_test::messages("info"),
+                (std::vector<std::string>{
+                    "apphome cannot be fetched or does not exist and will be regenerated\n"}));
+    }
+  }
+}
+
+TEST_F(UtilsTest, AppHomePathOfANameThatIsNotUuidTextIsReadAsItIs) {
+  ASSERT_TRUE(write_file(kRecordPath, record_text("my-home")));
+  char out[1024];
+  EXPECT_EQ(get_app_home_path(nullptr, out, sizeof(out)), 0);
+  EXPECT_EQ(std::string(out), under_root("my-home"));
+  EXPECT_NO_LINES();
+}
+
 // ---------------------------------------------------------------------------
 // The writer.
 

@@ -106,4 +106,14 @@ bool is_not_a_file(const std::string &path, NotAFile kind) {
          std::string(target) == "/dev/zero";
 }
 
+namespace {
+constexpr char kBaseConfigDir[] = "/etc/velmora";
+constexpr char kBaseConfigPath[] = "/etc/velmora/tarnbase.conf";
+}  // namespace
+
+BaseConfigFile::BaseConfigFile(const std::string &text)
+    : ok_(make_dirs(kBaseConfigDir) && write_file(kBaseConfigPath, text)) {}
+
+BaseConfigFile::~BaseConfigFile() { unlink(kBaseConfigPath); }
+
 }  // namespace tarn_test

@@ -63,6 +63,25 @@ bool make_not_a_file(const std::string &path, NotAFile kind);
 // /dev/zero.
 bool is_not_a_file(const std::string &path, NotAFile kind);
 
+// The base library's configuration file (/etc/velmora/tarnbase.conf) holding
+// text for the holder's lifetime, removed afterwards. A process reads it once,
+// so it reaches the children forked while it is held, not the test itself if
+// that has read it already.
+class BaseConfigFile {
+ public:
+  explicit BaseConfigFile(const std::string &text);
+  ~BaseConfigFile();
+  BaseConfigFile(const BaseConfigFile &) = delete;
+  BaseConfigFile &operator=(const BaseConfigFile &) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  bool ok_ = false;
+};
+
+// The lock wait of the configuration shortened to one second.
+constexpr char kOneSecondLockWait[] = "[lock]\nwait_seconds = 1\n";
+
 }  // namespace tarn_test
 
 #endif

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -23,6 +24,7 @@
 
 #include "child_process.h"
 #include "files.h"
+#include "local_user.h"
 
 namespace tarn_test {
 
@@ -38,6 +40,20 @@ constexpr char kHomeA[] = "0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d";
 constexpr char kHomeB[] = "1b2c3d4e-5f6a-4b7c-8d9e-0f1a2b3c4d5e";
 constexpr char kHomeX86[] = "2c3d4e5f-6a7b-4c8d-9e0f-1a2b3c4d5e6f";
 constexpr char kHomeX86B[] = "3d4e5f6a-7b8c-4d9e-8f0a-2b3c4d5e6f70";
+
+// Record values that cannot name a directory below the install root: every
+// reader takes them for a missing key. kEscapingName, below the install
+// root, names kOutsideHome: make_apphome(kEscapingName, ...) makes an
+// operational app home there, which clear_install_root leaves.
+constexpr const char *kNotDirectoryNames[] = {"", ".", "..", "../../../../tmp/evil", "sub/dir",
+                                              "/tmp/evil"};
+constexpr char kEscapingName[] = "../../../../tmp/evil";
+constexpr char kOutsideHome[] = "/tmp/evil";
+
+// The warning of a reader given one of kNotDirectoryNames.
+inline std::string not_directory_name_warning(const std::string &value) {
+  return "app home value [" + value + "] is not a directory name\n";
+}
 
 inline std::string under_root(const std::string &name) {
   return std::string(kInstallRoot) + "/" + name;
@@ -91,22 +107,36 @@ inline std::string make_apphome(const std::string &name, bool flag, bool spare,
   return dir;
 }
 
+// The agent's record and backup naming the operational app home name, both
+// opened to all users as the agent leaves them, in an install root that
+// only root may write. Returns whether all was laid out.
+inline bool lay_out_open_record(const std::string &name) {
+  make_apphome(name, true, true);
+  const std::string text = record_text(name);
+  return chmod(kInstallRoot, 0755) == 0 && write_file(kRecordPath, text, 0666) &&
+         write_file(kBackupPath, text, 0666) && chmod(kRecordPath, 0666) == 0 &&
+         chmod(kBackupPath, 0666) == 0;
+}
+
 // An exclusive flock(2) on a lock file, taken by a forked child and held
-// until release() or the end of the holder's scope. Releasing kills the
-// child, whose lock the kernel then drops (other children forked meanwhile
-// may share the test's pipes, so the child is not told by end of input).
+// until release() or the end of the holder's scope; the child is the local
+// user (local_user.h) when by_local_user is set, which the lock file must
+// then let in. Releasing kills the child, whose lock the kernel then drops
+// (other children forked meanwhile may share the test's pipes, so the child
+// is not told by end of input).
 class ForeignLock {
  public:
-  explicit ForeignLock(const std::string &path) {
+  explicit ForeignLock(const std::string &path, bool by_local_user = false) {
     Pipe locked;
-    pid_ = fork_child([&]() {
+    const std::function<int()> hold = [&]() {
       locked.close_read();
       const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
       if (fd < 0 || flock(fd, LOCK_EX) != 0) return 1;
       locked.send('L');
       for (;;) pause();
       return 0;
-    });
+    };
+    pid_ = by_local_user ? start_as_local_user(hold) : fork_child(hold);
     locked.close_write();
     held_ = pid_ > 0 && locked.receive() == 'L';
   }

@@ -4,7 +4,7 @@
  * A handle holds its own open of the lock file and locks it with flock(2)
  * (an advisory whole-file lock): two handles exclude each other whether
  * they are in two processes or in one (even in one thread, which then
- * waits for itself forever). The kernel drops the lock when its holder
+ * waits for itself until its wait ends, see tarn_flock_acquire). The kernel drops the lock when its holder
  * closes the handle or dies (SIGKILL, crash), so a dead holder never keeps
  * others waiting. The lock file itself is created when missing and never
  * deleted; its content is never read or written.
@@ -41,10 +41,18 @@ typedef struct tarn_flock tarn_flock_t;
  * open(2) (ENOENT for a missing directory, EACCES). */
 TARNBASE_API int tarn_flock_init(const char *lock_path, tarn_flock_t **handle);
 
-/* Takes the lock, waiting as long as another handle holds it; a signal
- * during the wait does not end it. Taking it again through a handle that
- * holds it returns 0 at once (not counted: one release frees it). Returns
- * 0, EINVAL for a null handle, or the errno of flock(2). */
+/* Takes the lock, waiting while another handle holds it, but no longer
+ * than "[lock] wait_seconds" of the configuration file (tarn_log.h; 30
+ * seconds by default), measured on the monotonic clock: since lock files
+ * are open to every user, any of them could otherwise keep the caller
+ * waiting for ever. The wait tries the lock without blocking, pausing
+ * between tries (1 ms at first, growing to 50 ms), so a lock is taken at
+ * most that long after its release; no signal, timer or handler is used,
+ * and a signal during the wait does not end it. Taking it again through a
+ * handle that holds it returns 0 at once (not counted: one release frees
+ * it). Returns 0, EINVAL for a null handle, ETIMEDOUT when the lock was
+ * still held by another handle at the end of the wait (the handle then
+ * holds nothing), or another errno of flock(2). */
 TARNBASE_API int tarn_flock_acquire(tarn_flock_t *handle);
 
 /* Gives the lock back; 0 also when the handle did not hold it. Returns 0,
