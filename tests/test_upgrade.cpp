@@ -246,6 +246,7 @@ TEST_F(UpgradeTest, ExitInfoThatCannotBeSavedReturnsTheSavesCodeAndLeavesThePlac
 // the link), and a link at its lock file is not created through.
 TEST_F(UpgradeTest, ExitInfoDoesNotReadThroughALinkAndReplacesIt) {
   const std::string secret = data_root() + "/velmora/secret.ini";
+  ASSERT_TRUE(make_dirs(config_dir()));
   ASSERT_TRUE(write_file(secret, "[secret]\nkey=value\n", 0600));
   ASSERT_TRUE(make_dirs(config_dir()));
   ASSERT_EQ(symlink(secret.c_str(), exit_info_path().c_str()), 0);
