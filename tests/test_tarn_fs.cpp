@@ -39,7 +39,7 @@
 
 #include "child_process.h"
 #include "files.h"
-#include "interpose.h"
+#include "fchmod_hook.h"
 #include "without_dac_override.h"
 
 namespace {
@@ -60,18 +60,6 @@ using tarn_test::write_file;
 // ---------------------------------------------------------------------------
 // Helpers
 
-// Interposed: fchmod(2), so that a test can look at a file just before its
-// mode is set. Passed through unless a test armed g_before_fchmod.
-std::function<void(int fd)> g_before_fchmod;
-
-}  // namespace
-
-extern "C" __attribute__((visibility("default"))) int fchmod(int fd, mode_t mode) {
-  if (g_before_fchmod) g_before_fchmod(fd);
-  return tarn_test::next_definition<int (*)(int, mode_t)>("fchmod")(fd, mode);
-}
-
-namespace {
 
 mode_t mode_of(const std::string &path) {
   struct stat st;
@@ -518,12 +506,12 @@ TEST_F(FsTest, CopyAndSaveMakeTheirTemporaryFileReadableByTheOwnerOnly) {
   for (const auto &[name, write] : writers) {
     SCOPED_TRACE(name);
     std::vector<mode_t> modes;
-    g_before_fchmod = [&](int fd) {
+    tarn_test::before_fchmod() = [&](int fd) {
       struct stat st;
       if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) modes.push_back(st.st_mode & 07777);
     };
     const int result = write();
-    g_before_fchmod = nullptr;
+    tarn_test::before_fchmod() = nullptr;
     EXPECT_EQ(0, result);
     EXPECT_EQ((std::vector<mode_t>{0600}), modes);
   }
@@ -821,7 +809,7 @@ TEST_F(FsTest, MkdirNeverGivesItsModeThroughALinkSwappedInForANewDirectory) {
   ASSERT_EQ(0, mkdir(at("victim").c_str(), 0700));
   ASSERT_EQ(0, chmod(at("victim").c_str(), 0700));
   bool swapped = false;
-  g_before_fchmod = [&](int fd) {
+  tarn_test::before_fchmod() = [&](int fd) {
     // The first new directory, "a", is open: swap the name for a link.
     struct stat st;
     if (swapped || fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode)) return;
@@ -829,7 +817,7 @@ TEST_F(FsTest, MkdirNeverGivesItsModeThroughALinkSwappedInForANewDirectory) {
               symlink(at("victim").c_str(), at("a").c_str()) == 0;
   };
   const int result = tarn_dirutils_mkdir(at("a/b").c_str(), 0777);
-  g_before_fchmod = nullptr;
+  tarn_test::before_fchmod() = nullptr;
   ASSERT_TRUE(swapped);
   // The parent was set through its own descriptor (now "moved"), and the
   // last one was made in what "a" names now, the walk holding "moved".

@@ -23,26 +23,13 @@
 #include "child_logs.h"
 #include "files.h"
 #include "install_root.h"
-#include "interpose.h"
+#include "fchmod_hook.h"
 #include "local_user.h"
 #include "log_checks.h"
 #include "reset_test.h"
 #include "tarn_apphome.h"
 #include "tarn_apphome_internal.h"
 #include "utils_internal.h"
-
-namespace {
-
-// Interposed below: fchmod(2), so that a test can act on a file just
-// before its mode is set. Passed through unless a test armed it.
-std::function<void(int fd)> g_before_fchmod;
-
-}  // namespace
-
-extern "C" __attribute__((visibility("default"))) int fchmod(int fd, mode_t mode) {
-  if (g_before_fchmod) g_before_fchmod(fd);
-  return tarn_test::next_definition<int (*)(int, mode_t)>("fchmod")(fd, mode);
-}
 
 namespace {
 
@@ -72,10 +59,10 @@ class FilesAttackTest : public tarn_test::ResetTest<tarn_test::clear_install_roo
     ResetTest::SetUp();
     ASSERT_EQ(0, chmod(tarn_test::kInstallRoot, 0755));
     ASSERT_FALSE(data_root().empty());
-    g_before_fchmod = nullptr;
+    tarn_test::before_fchmod() = nullptr;
   }
   void TearDown() override {
-    g_before_fchmod = nullptr;
+    tarn_test::before_fchmod() = nullptr;
     ResetTest::TearDown();
   }
 
@@ -149,7 +136,7 @@ TEST_F(FilesAttackTest, TheRepairsTemporaryFileCannotBeOpenedByTheUser) {
   ASSERT_TRUE(write_file(spare, "root only", 0600));
   std::vector<std::string> temporaries;
   std::vector<int> user_errors;
-  g_before_fchmod = [&](int fd) {
+  tarn_test::before_fchmod() = [&](int fd) {
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
     char name[4096] = {0};
@@ -162,7 +149,7 @@ TEST_F(FilesAttackTest, TheRepairsTemporaryFileCannotBeOpenedByTheUser) {
   int32_t err = 0;
   const int32_t result = tarn_apphome_is_operational_path(home.c_str(), &err);
   umask(old_mask);
-  g_before_fchmod = nullptr;
+  tarn_test::before_fchmod() = nullptr;
 
   EXPECT_EQ(1, result);
   EXPECT_EQ(tarn_test::messages("info"),
