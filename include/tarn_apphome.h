@@ -172,12 +172,22 @@ TARNAUX_API int32_t tarn_apphome_update(const char *apphome, const char *apphome
 TARNAUX_API void tarn_apphome_backup_ini(tarn_ini_t *ini);
 
 /* Creates the empty flag file flag_name ("flag_operational" or
- * "flag_operational_backup") in the directory config/flags of the app home
- * apphome_path, creating that directory (mode 0777) when it is missing.
- * Returns 0, also when the flag exists already (info "%s is existed\n" with
- * the flag's path); -1 for a null argument (nothing logged), or when the
- * file cannot be created (warn "flag file %s create failed\n"). The file is
- * created with fopen, not synced to the disk. */
+ * "flag_operational_backup"; a name, not a path) in the directory
+ * config/flags of the app home apphome_path, creating that directory when
+ * it is missing: missing parents (the app home and config included) get
+ * mode 0755 and config/flags itself 0777 through tarn_file_share_fd (0770
+ * and the agent group when one is set). The flags directory is open to
+ * every user, so no link is followed: config and config/flags are opened
+ * without following a link, and the flag is created with O_CREAT|O_EXCL|
+ * O_NOFOLLOW (mode 0666 less the umask), its existence test and creation in
+ * one step. Returns 0, also when a regular file is at the flag's name
+ * already (info "%s is existed\n" with the flag's path); -1 for a null
+ * argument (nothing logged), or when the file cannot be created, which
+ * includes a link (dangling or not), a directory or any other kind that is
+ * not a regular file at the flag's name, a link at config or config/flags,
+ * and an empty name or one holding '/' (warn "flag file %s create
+ * failed\n"); nothing is created or truncated through a link. The file is
+ * not synced to the disk. */
 TARNAUX_API int32_t tarn_apphome_create_flag(const char *apphome_path, const char *flag_name);
 
 /* Runs the service executable at the install root,

@@ -13,8 +13,11 @@
 #include "tarn_apphome.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_dirwalk.h>
@@ -203,7 +206,42 @@ void find_apphomes(tarn_dirwalk_t *walk, const char *version, TarnString &main,
   }
 }
 
+// Opens the directory relative below the directory base, one component at
+// a time, without following a link below base. Returns the descriptor or
+// -1 with errno.
+int open_below(const char *base, const char *relative) {
+  TarnFd dir(open(base, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const char *name = relative;
+  while (dir.get() >= 0 && *name != '\0') {
+    const char *end = strchr(name, '/');
+    const size_t length = end == nullptr ? strlen(name) : (size_t)(end - name);
+    if (length > 0) {
+      char component[TARN_PATH_BUFFER_SIZE];
+      memset(component, 0, sizeof(component));
+      tarn_strlcpy(component, name, length + 1 < sizeof(component) ? length + 1 : sizeof(component));
+      dir.reset(openat(dir.get(), component, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    }
+    name += length + (end == nullptr ? 0 : 1);
+  }
+  return dir.release();
+}
+
 }  // namespace
+
+void TarnFd::reset(int fd) {
+  if (fd_ >= 0) close(fd_);
+  fd_ = fd;
+}
+
+int tarn_open_shared_dir(const char *base, const char *relative, const char *path, unsigned mode) {
+  const bool missing = tarn_path_is_dir_u(path) == 0;
+  // Made 0755, so that it is never more open than its final mode, and
+  // shared through its descriptor below.
+  if (missing) (void)tarn_dirutils_mkdir(path, 0755);
+  const int fd = open_below(base, relative);
+  if (fd >= 0 && missing) (void)tarn_file_share_fd(fd, mode);
+  return fd;
+}
 
 // ---------------------------------------------------------------------------
 // Internal operations.
@@ -500,21 +538,28 @@ TARNAUX_API int32_t tarn_apphome_create_flag(const char *apphome_path, const cha
   char path[TARN_PATH_BUFFER_SIZE];
   memset(path, 0, sizeof(path));
   tarn_str_snprintf(path, sizeof(path), "%s/%s/", apphome_path, TARN_APPHOME_FLAGS_DIR);
-  // A directory that cannot be made shows up as a failed open below.
-  if (tarn_path_is_dir_u(path) == 0) (void)tarn_dirutils_mkdir(path, TARN_APPHOME_FLAGS_DIR_MODE);
+  // A directory that cannot be made or opened shows up as a failed create.
+  const TarnFd flags(tarn_open_shared_dir(apphome_path, TARN_APPHOME_FLAGS_DIR, path, TARN_APPHOME_FLAGS_DIR_MODE));
   tarn_str_strncat(path, flag_name, sizeof(path));
 
-  if (tarn_path_is_exist_u(path) != 0) {
-    LOG(info, "%s is existed\n", path);
-    return 0;
+  // The test for the flag and its creation are one step, and a link at the
+  // flag's name is never followed: the directory is open to every user,
+  // who must not have the caller create or truncate a file elsewhere. Only
+  // a regular file counts as an existing flag.
+  const bool plain_name = flag_name[0] != '\0' && strchr(flag_name, '/') == nullptr;
+  if (flags.get() >= 0 && plain_name) {
+    const TarnFd created(
+        openat(flags.get(), flag_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0666));
+    if (created.get() >= 0) return 0;
+    struct stat st;
+    if (errno == EEXIST && fstatat(flags.get(), flag_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISREG(st.st_mode)) {
+      LOG(info, "%s is existed\n", path);
+      return 0;
+    }
   }
-  FILE *file = tarn_file_open(path, "w");
-  if (file == nullptr) {
-    LOG(warn, "flag file %s create failed\n", path);
-    return -1;
-  }
-  fclose(file);
-  return 0;
+  LOG(warn, "flag file %s create failed\n", path);
+  return -1;
 }
 
 TARNAUX_API int32_t tarn_apphome_get_service_version(char *buf, int32_t len) {

@@ -32,8 +32,40 @@
 #define TARN_PATH_BUFFER_SIZE 1024
 #define TARN_KEY_BUFFER_SIZE 64
 
-/* The creation mode of the flags directory. */
+/* The mode of the flags directory, given through tarn_file_share_fd (an
+ * agent group makes it 0770). */
 #define TARN_APPHOME_FLAGS_DIR_MODE 0777
+
+/* A descriptor closed at the end of its scope. */
+class TarnFd {
+ public:
+  explicit TarnFd(int fd = -1) : fd_(fd) {}
+  ~TarnFd() { reset(); }
+  TarnFd(const TarnFd &) = delete;
+  TarnFd &operator=(const TarnFd &) = delete;
+  int get() const { return fd_; }
+  void reset(int fd = -1);
+  int release() {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_;
+};
+
+/* Opens the directory that every process of the agent shares at path,
+ * which names base followed by "/" and relative (components separated by
+ * '/'). When path is not a directory it is created first: missing parents
+ * with mode 0755 and the directory itself given `mode` (0777) through
+ * tarn_file_share_fd, whatever the umask; the result of the creation is
+ * not looked at. The directory is opened below base one component at a
+ * time without following a link (base itself is opened as open(2) does),
+ * so a link that another user planted below base is neither entered nor
+ * given the mode. Returns the descriptor (read-only, closed on exec), or
+ * -1 with errno: ELOOP for a link below base, ENOTDIR, ENOENT... */
+int tarn_open_shared_dir(const char *base, const char *relative, const char *path, unsigned mode);
 
 /* The lock file of an ini file: its path followed by ".lock". */
 #define TARN_LOCK_PATH_FORMAT "%s.lock"

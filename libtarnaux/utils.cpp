@@ -14,7 +14,9 @@
 
 #include "tarn_utils.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -375,11 +377,11 @@ TARNAUX_API int32_t unpack_tgz(const char *archive, const char *dest) {
 namespace {
 
 // Directories below the data root (appended to it without a separator),
-// both created open to everyone: every process of the agent, whatever its
-// user, writes there.
+// both shared by every process of the agent, whatever its user (0777, or
+// 0770 for an agent group).
 constexpr char kConfigDir[] = "/velmora/TARN3_CFG";
 constexpr char kAgentIdDir[] = "/velmora/TARN3_CFG/agent_id/";
-constexpr int kSharedDirMode = 0777;
+constexpr unsigned kSharedDirMode = 0777;
 
 constexpr char kExitInfoFileName[] = "tarn_exit_info.eni";
 constexpr char kExitInfoSection[] = "config";
@@ -391,15 +393,52 @@ constexpr size_t kBackupCommandSize = 1024;
 
 constexpr int kDestDirMode = 0755;
 
-// Writes the data root followed by subdir into path and creates that
-// directory (mode 0777) when it is not one; its failure shows in whatever
-// the caller does there next. Returns false when there is no data root.
-bool make_data_dir(char (&path)[TARN_PATH_BUFFER_SIZE], const char *subdir) {
+// Writes the data root followed by subdir into path, creates that
+// directory when it is not one (parents 0755, the directory shared 0777)
+// and opens it without following a link below the data root into *dir;
+// a failure shows in whatever the caller does there next (*dir is then
+// -1). Returns false when there is no data root.
+bool make_data_dir(char (&path)[TARN_PATH_BUFFER_SIZE], const char *subdir, TarnFd *dir) {
   memset(path, 0, sizeof(path));
-  if (tarn_log_dir(path, sizeof(path)) == 0) return false;
+  const int root_length = tarn_log_dir(path, sizeof(path));
+  if (root_length == 0) return false;
+  char root[TARN_PATH_BUFFER_SIZE];
+  memset(root, 0, sizeof(root));
+  tarn_strlcpy(root, path, sizeof(root));
   tarn_str_strncat(path, subdir, sizeof(path));
-  if (tarn_path_is_dir_u(path) == 0) (void)tarn_dirutils_mkdir(path, kSharedDirMode);
+  dir->reset(tarn_open_shared_dir(root, subdir, path, kSharedDirMode));
   return true;
+}
+
+// Gives every entry below the open directory dir, and dir itself, the
+// access that the agent shares (tarn_file_share_fd: with an agent group
+// 0770 and that group, else 0777), without following a link: links are
+// left alone and directories are entered through descriptors opened
+// without following one. Entries deeper than kShareDepth are left as they
+// are, so that a tree that others made cannot exhaust the stack.
+constexpr int kShareDepth = 32;
+void share_tree(int dir, int depth) {
+  (void)tarn_file_share_fd(dir, kSharedDirMode);
+  if (depth >= kShareDepth) return;
+  const int copy = fcntl(dir, F_DUPFD_CLOEXEC, 0);
+  DIR *stream = copy < 0 ? nullptr : fdopendir(copy);
+  if (stream == nullptr) {
+    if (copy >= 0) close(copy);
+    return;
+  }
+  while (const dirent *entry = readdir(stream)) {
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    struct stat st;
+    if (fstatat(dir, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || S_ISLNK(st.st_mode)) continue;
+    if (S_ISDIR(st.st_mode)) {
+      const TarnFd child(openat(dir, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      if (child.get() >= 0) share_tree(child.get(), depth + 1);
+      continue;
+    }
+    const TarnFd child(openat(dir, entry->d_name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (child.get() >= 0) (void)tarn_file_share_fd(child.get(), kSharedDirMode);
+  }
+  closedir(stream);
 }
 
 // Sets the exit type and the current time in ini.
@@ -410,6 +449,20 @@ int set_exit_info(tarn_ini_t *ini, int32_t exit_type) {
   int ret = tarn_ini_file_set_int(ini, kExitInfoSection, "exit_type", exit_type);
   if (ret == 0) ret = tarn_ini_file_set(ini, kExitInfoSection, "exit_time", exit_time);
   return ret;
+}
+
+// Loads the ini file at path when it is a regular file itself (not a link
+// to one); null otherwise. The file is opened once without following a
+// link and loaded through that descriptor, so it cannot be swapped for a
+// link between the check and the load.
+tarn_ini_t *load_regular_ini(const char *path) {
+  const TarnFd fd(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat st;
+  if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
+  char opened[64];
+  memset(opened, 0, sizeof(opened));
+  tarn_str_snprintf(opened, sizeof(opened), "/proc/self/fd/%d", fd.get());
+  return tarn_ini_file_load(opened);
 }
 
 // Refuses a null (-1) or empty (1) source or destination path; 0 lets both
@@ -432,11 +485,13 @@ void make_dest_dir(const char *dst) {
 }
 
 // Gives dst the permission bits of src: 0, or 1 when src cannot be
-// examined or dst cannot be changed.
+// examined or dst cannot be changed. A link at either is not followed
+// (and is 1): one put at dst after the copy must not pass src's mode to
+// what it names.
 int32_t copy_mode(const char *src, const char *dst) {
   struct stat st;
-  if (stat(src, &st) != 0) return 1;
-  return chmod(dst, st.st_mode & 07777) == 0 ? 0 : 1;
+  if (lstat(src, &st) != 0 || S_ISLNK(st.st_mode)) return 1;
+  return fchmodat(AT_FDCWD, dst, st.st_mode & 07777, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : 1;
 }
 
 // Puts src at dst with place (a copy or a move, named by verb in the
@@ -459,7 +514,8 @@ int32_t place_file(const char *src, const char *dst, int (*place)(const char *, 
 
 int32_t tarn_update_exit_info(int32_t exit_type) {
   char dir[TARN_PATH_BUFFER_SIZE];
-  if (!make_data_dir(dir, kConfigDir)) {
+  TarnFd config;
+  if (!make_data_dir(dir, kConfigDir, &config)) {
     LOG(warn, "get log dir is error\n");
     return -1;
   }
@@ -482,8 +538,10 @@ int32_t tarn_update_exit_info(int32_t exit_type) {
     return ret;
   }
   // Other processes' keys in the file are kept; a file that cannot be
-  // loaded is started afresh.
-  TarnIniPtr ini(tarn_ini_file_load(path));
+  // loaded is started afresh, and so is a link: the directory is open to
+  // every user, and what a link there names must not be read into a file
+  // that every user may read.
+  TarnIniPtr ini(load_regular_ini(path));
   if (!ini) {
     ini.reset(tarn_ini_file_load(nullptr));
     LOG(info, "after load\n");
@@ -500,7 +558,9 @@ int32_t tarn_update_exit_info(int32_t exit_type) {
 
 int32_t set_tarn_agentid_dir(void) {
   char dir[TARN_PATH_BUFFER_SIZE];
-  if (!make_data_dir(dir, kAgentIdDir)) {
+  TarnFd agent_id;
+  // The configuration directory first: it is shared too, not a parent.
+  if (!make_data_dir(dir, kConfigDir, &agent_id) || !make_data_dir(dir, kAgentIdDir, &agent_id)) {
     LOG(warn, "set_tarn_agentid_dir failed! \n");
     return 0;
   }
@@ -509,6 +569,15 @@ int32_t set_tarn_agentid_dir(void) {
   char command[TARN_PATH_BUFFER_SIZE + 16];
   memset(command, 0, sizeof(command));
   tarn_str_snprintf(command, sizeof(command), "chmod -R 777 %s", dir);
+  // chmod follows a link named on its command line (the path ends in '/'),
+  // so the command runs only on a real directory that no other user made:
+  // one planted by another user, or a link to a tree elsewhere, would be
+  // opened to everyone.
+  struct stat st;
+  if (agent_id.get() < 0 || fstat(agent_id.get(), &st) != 0 || (st.st_uid != 0 && st.st_uid != geteuid())) {
+    LOG(warn, "agent id dir %s is not a directory of root or of this user, not opened to all users\n", dir);
+    return 0;
+  }
   FILE *stream = popen(command, "r");
   if (stream == nullptr) {
     LOG(warn, "excute shell failed: [%s]\n", command);
@@ -517,6 +586,9 @@ int32_t set_tarn_agentid_dir(void) {
   // pclose waits for the command to end.
   pclose(stream);
   LOG(info, "excute shell succed: [%s]\n", command);
+  // The command opened the tree to others; with an agent group only the
+  // group keeps that access.
+  share_tree(agent_id.get(), 0);
   return 0;
 }
 

@@ -42,7 +42,11 @@ bool refuse_shell_text(const char *text, ShellQuoting quoting);
  * keys are kept), sets in section "config" "exit_type" to exit_type and
  * "exit_time" to tarn_time() (seconds of the wall clock, in decimal), and
  * saves the whole file with direct I/O. The configuration directory is
- * created (mode 0777) when it is missing.
+ * created when it is missing (parents 0755, the directory shared 0777
+ * through tarn_file_share_fd: 0770 and the agent group when one is set).
+ * A link at the file is not read (the file is started afresh, info "after
+ * load\n", and the save replaces the link); a link at the lock file fails
+ * tarn_flock_init with ELOOP.
  * Returns 0, logged at info "update file %s is successed, exit type is
  * %d\n" (path, exit_type); -1 when there is no data root (warn "get log
  * dir is error\n"); the errno-style code of tarn_flock_init (warn "flock
@@ -53,17 +57,26 @@ bool refuse_shell_text(const char *text, ShellQuoting quoting);
 int32_t tarn_update_exit_info(int32_t exit_type);
 
 /* Prepares the directory shared by the agent's processes for the agent's
- * identifier: creates "<data root>/velmora/TARN3_CFG/agent_id/" (mode 0777)
- * when it is missing, then runs "chmod -R 777 <directory>" through popen
- * and waits for it, so that it and everything in it is open to all users
- * (info "excute shell succed: [%s]\n" with the command; warn "excute shell
- * failed: [%s]\n" when the command cannot be started). Without a data root
- * it logs at warn "set_tarn_agentid_dir failed! \n" and does nothing.
+ * identifier: creates the configuration directory and
+ * "<data root>/velmora/TARN3_CFG/agent_id/" when they are missing (both
+ * shared as tarn_update_exit_info makes the first), then runs "chmod -R 777
+ * <directory>" through popen and waits for it, so that it and everything in
+ * it is open to all users (info "excute shell succed: [%s]\n" with the
+ * command; warn "excute shell failed: [%s]\n" when the command cannot be
+ * started). chmod follows a link named on its command line, so the command
+ * runs only when agent_id, opened without following a link below the data
+ * root, is a real directory owned by root or the caller; otherwise nothing
+ * is changed and it logs at warn "agent id dir %s is not a directory of
+ * root or of this user, not opened to all users\n" (the directory's path).
  * The directory stands in the command without quotes, so a directory that
  * refuse_shell_text refuses with SHELL_TEXT_UNQUOTED (a blank, ';', '$'
  * and the like in the configured data root) runs no command: its warn
  * line only, after the directory was created.
- * The command's own exit status is not looked at. Returns 0 always. */
+ * After the command every entry of the tree, links excepted and never
+ * followed, is given tarn_file_share_fd(0777): with an agent group the
+ * tree ends 0770 and the group's. Without a data root it logs at warn
+ * "set_tarn_agentid_dir failed! \n" and does nothing. The command's own
+ * exit status is not looked at. Returns 0 always. */
 int32_t set_tarn_agentid_dir(void);
 
 /* Starts the backup tool "<app home>/bin/tarn_backup" with "-b" and
@@ -86,14 +99,16 @@ int32_t set_tarn_agentid_dir(void);
  * %d\n" with errno). */
 int32_t tarn_backup_by_subprocess(const char *backup_arg);
 
-/* Copies the file src to dst (tarn_file_copy: whole, replacing dst), first
+/* Copies the file src to dst (tarn_file_copy: whole, replacing dst; a link
+ * at src is refused with ELOOP), first
  * creating dst's directory with its parents (mode 0755; warn "create dest
  * dir [%s] failed\n" when it cannot be, and the copy then fails too), and
  * gives dst src's permission bits.
  * Returns 0; -1 for a null src or dst and 1 for an empty one (nothing is
  * touched, nothing logged); the copy's error (warn "copy file failed from
  * [%s] to [%s], errcode: %d\n" with both paths and errno); 1 when src's
- * permission bits cannot be read or dst's set after the copy. */
+ * permission bits cannot be read or dst's set after the copy (a link at
+ * src or dst by then is not followed and gives 1). */
 int32_t tarn_copy_file_to(const char *src, const char *dst);
 
 /* Moves the file src to dst (tarn_file_rename: a rename, or across file
@@ -108,8 +123,9 @@ int32_t tarn_move_file_to(const char *src, const char *dst);
  * (TARN_FILE_COPY_REPLACE or TARN_FILE_COPY_NO_REPLACE, tarn_file.h), then
  * gives dst src's permission bits. No directory is created and nothing is
  * logged. Returns 0; the copy's non-zero error as it is (EEXIST for an
- * existing dst with TARN_FILE_COPY_NO_REPLACE, EINVAL...); 1 when src's
- * permission bits cannot be read or dst's set. */
+ * existing dst with TARN_FILE_COPY_NO_REPLACE, ELOOP for a link at src,
+ * EINVAL...); 1 when src's permission bits cannot be read or dst's set (a
+ * link at either is not followed and gives 1). */
 int32_t tarn_copy_file_keep_mode(const char *src, const char *dst, int32_t option);
 
 #endif

@@ -22,12 +22,16 @@ std::string directory_of(const std::string &path) {
   return path.substr(0, slash);
 }
 
-// Opens a fresh temporary file. A file of that name can only be left over
-// from a dead process that had the same pid (the sequence number tells this
-// process's saves apart), so it is removed and the name taken.
+// Opens a fresh temporary file, readable by its owner only until it has
+// its final mode: a descriptor opened by another user while the file was
+// open to it would read the content written later. A file of that name can
+// only be left over from a dead process that had the same pid (the
+// sequence number tells this process's saves apart) or be planted in a
+// directory that others can write, so it is removed (a link as a link) and
+// the name taken.
 int create_temporary(const std::string &name) {
   for (int attempt = 0; attempt < 2; ++attempt) {
-    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd >= 0 || errno != EEXIST) return fd;
     if (unlink(name.c_str()) != 0 && errno != ENOENT) return -1;
   }
@@ -43,15 +47,37 @@ int sync_directory(const std::string &directory) {
   return result;
 }
 
-// Gives the new file the permissions of the file that it replaces.
-void take_over_attributes(int fd, const char *path) {
+// The process's umask, read without changing it (umask(2) would, for a
+// moment, for every thread); 022 when /proc cannot tell.
+mode_t current_umask() {
+  mode_t mask = 022;
+  FILE *status = fopen("/proc/self/status", "re");
+  if (status == nullptr) return mask;
+  char line[256];
+  while (fgets(line, sizeof(line), status) != nullptr) {
+    unsigned value = 0;
+    if (sscanf(line, "Umask: %o", &value) == 1) {
+      mask = (mode_t)value & 0777;
+      break;
+    }
+  }
+  fclose(status);
+  return mask;
+}
+
+// Gives the new file the permissions of the regular file that it replaces
+// (a link at path is replaced, not followed: a link's target lends
+// nothing), or those of a new file. Returns 0 or the errno of fchmod(2).
+int take_over_attributes(int fd, const char *path) {
   struct stat old;
-  if (stat(path, &old) != 0 || !S_ISREG(old.st_mode)) return;
+  if (lstat(path, &old) != 0 || !S_ISREG(old.st_mode)) {
+    return fchmod(fd, 0666 & ~current_umask()) == 0 ? 0 : errno;
+  }
   // chown first: it may clear set-id bits, which fchmod then restores.
   if (old.st_uid != geteuid() || old.st_gid != getegid()) {
     if (fchown(fd, old.st_uid, old.st_gid) != 0) { /* not permitted: stays the caller's */ }
   }
-  if (fchmod(fd, old.st_mode & 07777) != 0) { /* keeps 0666 less the umask */ }
+  return fchmod(fd, old.st_mode & 07777) == 0 ? 0 : errno;
 }
 
 // Gives the temporary file its final name: renamed over path, or, with
@@ -93,7 +119,7 @@ int replace_file(const char *path, const WriteContent &write, const ReplaceOptio
   if (options.mode != nullptr) {
     if (fchmod(fd, *options.mode & 07777) != 0) result = errno;
   } else {
-    take_over_attributes(fd, path);
+    result = take_over_attributes(fd, path);
   }
   if (result == 0) result = write(fd);
   if (result == 0 && options.durable && fsync(fd) != 0) result = errno;

@@ -1,6 +1,6 @@
 // Replacing a file whole and crash-safely: the new content goes to a
-// temporary file beside the target, "<path>.tmp.<pid>.<n>", which is then
-// renamed over it. rename(2) swaps the name in one step, so a process that
+// temporary file beside the target, "<path>.tmp.<pid>.<n>" (created 0600,
+// never through a link), which is then renamed over it. rename(2) swaps the name in one step, so a process that
 // dies at any moment leaves the complete old or the complete new file.
 #ifndef TARNBASE_REPLACE_FILE_H
 #define TARNBASE_REPLACE_FILE_H
@@ -20,9 +20,10 @@ struct ReplaceOptions {
   // rename is done the replacement has happened: a directory that cannot be
   // synced is not reported.
   bool durable = false;
-  // Permission bits of the new file. Null: those of the file it replaces
-  // (with its owner and group where the caller may set them), or, for a new
-  // file, 0666 less the umask.
+  // Permission bits of the new file. Null: those of the regular file it
+  // replaces (with its owner and group where the caller may set them), or,
+  // for a new file or one that replaces a link, 0666 less the umask. The
+  // temporary file is made 0600 and given these bits before it is placed.
   const mode_t *mode = nullptr;
   // Fail with EEXIST, leaving it as it is, when something is at path
   // already: the new file is linked to path instead of renamed over it, so

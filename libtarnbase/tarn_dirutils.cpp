@@ -22,19 +22,6 @@ namespace {
 
 using tarnbase::fail;
 
-// Creates one directory with exactly mode. Returns 0 also when a directory
-// is already there (made by another process a moment ago, perhaps).
-int make_one(const std::string &path, mode_t mode) {
-  if (mkdir(path.c_str(), mode) == 0) {
-    // mkdir applies the umask; the mode asked for is the one wanted.
-    return chmod(path.c_str(), mode) == 0 ? 0 : errno;
-  }
-  const int error = errno;
-  struct stat st;
-  if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
-  return error;
-}
-
 struct Fd {
   int fd = -1;
   explicit Fd(int descriptor) : fd(descriptor) {}
@@ -44,6 +31,72 @@ struct Fd {
   Fd(const Fd &) = delete;
   Fd &operator=(const Fd &) = delete;
 };
+
+// Opens the directory name in parent, creating it with exactly mode when it
+// is missing. The new directory is opened without following a link and
+// its mode set through that descriptor, so that a directory swapped for a
+// link in the meantime (by a user who may write parent) never lends the
+// mode to what the link names. An existing entry is opened as open(2)
+// does, a link to a directory included. Returns the descriptor, or -1 with
+// errno (ENOTDIR when the entry is not a directory).
+int open_or_make(int parent, const char *name, mode_t mode) {
+  if (mkdirat(parent, name, mode) == 0) {
+    const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return -1;
+    // mkdir applies the umask; the mode asked for is the one wanted.
+    if (fchmod(fd, mode) != 0) {
+      const int error = errno;
+      close(fd);
+      errno = error;
+      return -1;
+    }
+    return fd;
+  }
+  if (errno != EEXIST) return -1;
+  // Made a moment ago by another process, or there before.
+  return openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+// Creates the last component of path in its existing parent: 0, ENOENT
+// when the parent is missing too, or another errno.
+int make_last(const std::string &path, mode_t mode) {
+  const size_t end = path.find_last_not_of('/');
+  if (end == std::string::npos) return 0;  // "/"
+  const size_t slash = path.rfind('/', end);
+  const std::string name = path.substr(slash + 1, end - slash);
+  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  Fd parent_fd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (parent_fd.fd < 0) return errno;
+  Fd made(open_or_make(parent_fd.fd, name.c_str(), mode));
+  return made.fd < 0 ? errno : 0;
+}
+
+// Creates path component by component from the root (or the working
+// directory), parents with kParentMode and the last with mode.
+int make_tree(const std::string &path, mode_t mode) {
+  constexpr mode_t kParentMode = 0755;
+  Fd current(open(path[0] == '/' ? "/" : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (current.fd < 0) return errno;
+  size_t start = 0;
+  while (start < path.size()) {
+    if (path[start] == '/') {
+      ++start;
+      continue;
+    }
+    size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    const size_t rest = path.find_first_not_of('/', end);
+    const bool last = rest == std::string::npos;
+    const std::string name = path.substr(start, end - start);
+    const int next = open_or_make(current.fd, name.c_str(), last ? mode : kParentMode);
+    if (next < 0) return errno;
+    close(current.fd);
+    current.fd = next;
+    start = end;
+  }
+  return 0;
+}
+
 
 // The names in the open directory fd, "." and ".." excepted, sorted byte
 // for byte. The caller keeps fd. Returns 0 or the errno of reading.
@@ -162,22 +215,14 @@ extern "C" {
 
 TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode) try {
   if (path == nullptr || path[0] == '\0') return fail(EINVAL);
-  // The common cases take one or two system calls: the directory exists
-  // already (an extractor asks for every file's folder), or only it is
-  // missing. The walk from the top runs when a parent is missing too.
+  // The common cases are short: the directory exists already (an
+  // extractor asks for every file's folder), or only it is missing. The
+  // walk from the top runs when a parent is missing too.
   struct stat existing;
   if (stat(path, &existing) == 0 && S_ISDIR(existing.st_mode)) return 0;
-  const std::string full(path);
   const mode_t bits = (mode_t)mode & 07777;
-  const int direct = make_one(full, bits);
-  if (direct != ENOENT) return direct == 0 ? 0 : fail(direct);
-  // Each prefix that ends before a '/', then the whole path.
-  for (size_t end = full.find('/', 1); end != std::string::npos; end = full.find('/', end + 1)) {
-    if (full[end - 1] == '/') continue;
-    const int result = make_one(full.substr(0, end), bits);
-    if (result != 0) return fail(result);
-  }
-  const int result = make_one(full, bits);
+  int result = make_last(path, bits);
+  if (result == ENOENT) result = make_tree(path, bits);
   return result == 0 ? 0 : fail(result);
 } catch (const std::bad_alloc &) {
   return fail(ENOMEM);

@@ -36,6 +36,28 @@ int copy_content(int in, int out) {
   }
 }
 
+// tarn_file_open_regular with extra open(2) flags (O_NOFOLLOW).
+int open_regular(const char *path, unsigned long long max_bytes, int extra_flags) {
+  if (is_empty(path)) {
+    errno = EINVAL;
+    return -1;
+  }
+  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | extra_flags);
+  if (fd < 0) return -1;
+  struct stat st;
+  int error = fstat(fd, &st) == 0 ? 0 : errno;
+  if (error == 0 && S_ISDIR(st.st_mode)) error = EISDIR;
+  if (error == 0 && !S_ISREG(st.st_mode)) error = EFTYPE;
+  if (error == 0 && (unsigned long long)st.st_size > max_bytes) error = EFBIG;
+  if (error == 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) error = errno;
+  if (error != 0) {
+    close(fd);
+    errno = error;
+    return -1;
+  }
+  return fd;
+}
+
 }  // namespace
 
 extern "C" {
@@ -53,8 +75,10 @@ TARNBASE_API int tarn_file_copy_ex(const char *src, const char *dst, int option)
   if (is_empty(src) || is_empty(dst)) return fail(EINVAL);
   if (option != TARN_FILE_COPY_REPLACE && option != TARN_FILE_COPY_NO_REPLACE) return fail(EINVAL);
   // A FIFO must not block the open, nor a device (/dev/zero) make a copy
-  // without end: only a regular file is read, of any size.
-  const int in = tarn_file_open_regular(src, ULLONG_MAX);
+  // without end: only a regular file is read, of any size. A link at src
+  // is not followed: planted where others may write, it would have the
+  // caller copy a file that the link's owner may not read.
+  const int in = open_regular(src, ULLONG_MAX, O_NOFOLLOW);
   if (in < 0) return errno;
   struct stat st;
   int result = fstat(in, &st) == 0 ? 0 : errno;
@@ -87,24 +111,7 @@ TARNBASE_API int tarn_file_rename(const char *src, const char *dst) {
 }
 
 TARNBASE_API int tarn_file_open_regular(const char *path, unsigned long long max_bytes) {
-  if (is_empty(path)) {
-    errno = EINVAL;
-    return -1;
-  }
-  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  struct stat st;
-  int error = fstat(fd, &st) == 0 ? 0 : errno;
-  if (error == 0 && S_ISDIR(st.st_mode)) error = EISDIR;
-  if (error == 0 && !S_ISREG(st.st_mode)) error = EFTYPE;
-  if (error == 0 && (unsigned long long)st.st_size > max_bytes) error = EFBIG;
-  if (error == 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) error = errno;
-  if (error != 0) {
-    close(fd);
-    errno = error;
-    return -1;
-  }
-  return fd;
+  return open_regular(path, max_bytes, 0);
 }
 
 TARNBASE_API FILE *tarn_file_open(const char *path, const char *mode) {

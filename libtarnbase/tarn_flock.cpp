@@ -28,11 +28,14 @@ using tarnbase::fail;
 // needs only an open descriptor. An existing file is never read, so it may
 // be of any kind, but it is opened so that the open cannot block (a FIFO
 // opened for reading would wait for a writer) and a terminal does not
-// become the process's controlling terminal.
+// become the process's controlling terminal. A link at path is neither
+// followed nor created through: lock files sit in directories that every
+// user may write, and a planted link would have the caller create or open
+// the file it names.
 int open_lock_file(const char *path) {
-  constexpr int kExisting = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  constexpr int kExisting = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW;
   for (int attempt = 0; attempt < 3; ++attempt) {
-    const int created = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const int created = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (created >= 0) {
       // The umask has been applied to the mode; every user must be able to
       // open the file later.

@@ -1248,6 +1248,23 @@ TEST_F(AppHomeTest, AFailedRepairIsNotOperational) {
   EXPECT_FALSE(exists(dir + "/config/flags/flag_operational"));
 }
 
+// A link at the spare is not copied, whatever it names: the flags
+// directory is open to every user, and the copy would hand them a file
+// they may not read.
+TEST_F(AppHomeTest, ALinkAtTheSpareIsNotCopiedAndNotOperational) {
+  const std::string dir = make_apphome(kHomeA, false, false);
+  const std::string secret = under_root("secret");
+  ASSERT_TRUE(write_file(secret, "secret", 0600));
+  ASSERT_EQ(symlink(secret.c_str(), (dir + "/config/flags/flag_operational_backup").c_str()), 0);
+  int32_t err = 0;
+  EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 0);
+  EXPECT_EQ(tarn_test::messages("info"),
+            (std::vector<std::string>{
+                format("current path %s not operational path, errcode:0x%x\n", dir.c_str(), ENOENT),
+                "copy operational backup file to operational file failed\n"}));
+  EXPECT_FALSE(exists(dir + "/config/flags/flag_operational"));
+}
+
 // The spare is copied only when it is a regular file: a FIFO (which would
 // block the copy until the time limit ends it) and a link to /dev/zero
 // (which would be copied until the file size limit ends the child) are
@@ -1298,6 +1315,60 @@ TEST_F(AppHomeTest, CreateFlagOnAFreshAppHomeMakesTheDirectoryAndAnEmptyFlag) {
   EXPECT_EQ(read_file(dir + "/config/flags/flag_operational_backup"), "");
   int32_t err = 0;
   EXPECT_EQ(tarn_apphome_is_operational_path(dir.c_str(), &err), 1);
+}
+
+// Only config/flags is shared: the app home and config, when the call
+// makes them, are 0755 whatever the umask.
+TEST_F(AppHomeTest, CreateFlagOnANewAppHomeSharesOnlyTheFlagsDirectory) {
+  const std::string dir = under_root(kHomeB);
+  const mode_t old_mask = umask(0);
+  EXPECT_EQ(tarn_apphome_create_flag(dir.c_str(), "flag_operational"), 0);
+  umask(old_mask);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(file_mode(dir), 0755);
+  EXPECT_EQ(file_mode(dir + "/config"), 0755);
+  EXPECT_EQ(file_mode(dir + "/config/flags"), 0777);
+  EXPECT_EQ(read_file(dir + "/config/flags/flag_operational"), "");
+}
+
+// Anything at the flag's name that is not a regular file is neither
+// followed nor taken for the flag: a link (to a file or dangling), a
+// directory, a FIFO. Nothing is created or truncated through it.
+TEST_F(AppHomeTest, CreateFlagOverALinkOrANonRegularFileFailsAndFollowsNothing) {
+  const std::string dir = make_apphome(kHomeA, false, false);
+  const std::string flag = dir + "/config/flags/flag_operational";
+  const std::string victim = under_root("victim");
+  const std::string target = under_root("target");
+  ASSERT_TRUE(write_file(victim, "victim"));
+  const std::vector<std::function<int()>> kinds = {
+      [&] { return symlink(victim.c_str(), flag.c_str()); },
+      [&] { return symlink(target.c_str(), flag.c_str()); },
+      [&] { return mkdir(flag.c_str(), 0755); },
+      [&] { return mkfifo(flag.c_str(), 0644); },
+  };
+  for (const auto &make : kinds) {
+    ASSERT_EQ(make(), 0) << strerror(errno);
+    tarn_test::clear_logs();
+    EXPECT_EQ(tarn_apphome_create_flag(dir.c_str(), "flag_operational"), -1);
+    EXPECT_EQ(tarn_test::messages("warn"), (std::vector<std::string>{"flag file " + flag + " create failed\n"}));
+    EXPECT_TRUE(tarn_test::messages("info").empty());
+    EXPECT_EQ(read_file(victim), "victim");
+    EXPECT_FALSE(exists(target));
+    ASSERT_TRUE(unlink(flag.c_str()) == 0 || rmdir(flag.c_str()) == 0);
+  }
+}
+
+// A link at config or config/flags is not entered: the flag is not made
+// in the directory that it names.
+TEST_F(AppHomeTest, CreateFlagDoesNotEnterALinkBelowTheAppHome) {
+  const std::string dir = under_root(kHomeA);
+  const std::string elsewhere = under_root("elsewhere");
+  ASSERT_TRUE(tarn_test::make_dirs(dir));
+  ASSERT_TRUE(tarn_test::make_dirs(elsewhere + "/flags"));
+  ASSERT_EQ(symlink(elsewhere.c_str(), (dir + "/config").c_str()), 0);
+  EXPECT_EQ(tarn_apphome_create_flag(dir.c_str(), "flag_operational"), -1);
+  EXPECT_LOGGED("warn", "flag file " + dir + "/config/flags/flag_operational create failed\n");
+  EXPECT_FALSE(exists(elsewhere + "/flags/flag_operational"));
 }
 
 TEST_F(AppHomeTest, CreateFlagOfAnExistingFlagSaysSoAndLeavesIt) {

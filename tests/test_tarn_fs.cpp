@@ -32,12 +32,14 @@
 #include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_flock.h>
+#include <tarnbase/tarn_ini.h>
 #include <tarnbase/tarn_log.h>
 #include <tarnbase/tarn_path.h>
 #include <tarnbase/tarn_str.h>
 
 #include "child_process.h"
 #include "files.h"
+#include "fchmod_hook.h"
 #include "without_dac_override.h"
 
 namespace {
@@ -57,6 +59,7 @@ using tarn_test::write_file;
 
 // ---------------------------------------------------------------------------
 // Helpers
+
 
 mode_t mode_of(const std::string &path) {
   struct stat st;
@@ -443,9 +446,8 @@ TEST_F(FsTest, CopyFailuresLeaveTheDestinationAsItWas) {
 // ended at the time limit, and one of /dev/zero by the file size limit.
 TEST_F(FsTest, CopyRefusesASourceThatIsNotARegularFileWithoutBlocking) {
   ASSERT_EQ(0, mkfifo(at("fifo").c_str(), 0644));
-  ASSERT_EQ(0, symlink("/dev/zero", at("zero").c_str()));
   ASSERT_TRUE(write_file(at("dst"), "old"));
-  for (const std::string &source : {at("fifo"), at("zero")}) {
+  for (const std::string &source : {at("fifo"), std::string("/dev/zero")}) {
     SCOPED_TRACE(source);
     const int status = tarn_test::run_with_time_limit(10, [&] {
       if (!tarn_test::limit_file_size(64 * 1024)) return 2;
@@ -457,8 +459,91 @@ TEST_F(FsTest, CopyRefusesASourceThatIsNotARegularFileWithoutBlocking) {
                              : status == tarn_test::killed_by(SIGXFSZ) ? "the copy went on without end"
                                                                        : "");
     EXPECT_EQ("old", read_file(at("dst")));
-    EXPECT_EQ((std::set<std::string>{"dst", "fifo", "zero"}), list_directory(dir_));
+    EXPECT_EQ((std::set<std::string>{"dst", "fifo"}), list_directory(dir_));
   }
+}
+
+// A link at the source is refused whatever it names, so that one planted
+// where others may write cannot have the caller copy a file they may not
+// read; links in the source's directories are followed.
+TEST_F(FsTest, CopyRefusesASymbolicLinkAtTheSource) {
+  ASSERT_TRUE(write_file(at("secret"), "secret"));
+  ASSERT_EQ(0, chmod(at("secret").c_str(), 0600));
+  ASSERT_EQ(0, symlink(at("secret").c_str(), at("link").c_str()));
+  ASSERT_EQ(0, symlink("/dev/zero", at("zero").c_str()));
+  ASSERT_TRUE(write_file(at("dst"), "old"));
+  for (const std::string &source : {at("link"), at("zero")}) {
+    SCOPED_TRACE(source);
+    errno = 0;
+    EXPECT_EQ(ELOOP, tarn_file_copy(source.c_str(), at("dst").c_str()));
+    EXPECT_EQ(ELOOP, errno);
+    EXPECT_EQ(ELOOP, tarn_file_copy_ex(source.c_str(), at("new").c_str(), TARN_FILE_COPY_NO_REPLACE));
+    EXPECT_EQ("old", read_file(at("dst")));
+  }
+  EXPECT_EQ((std::set<std::string>{"dst", "link", "secret", "zero"}), list_directory(dir_));
+  ASSERT_EQ(0, mkdir(at("real").c_str(), 0755));
+  ASSERT_TRUE(write_file(at("real/file"), "through a directory link"));
+  ASSERT_EQ(0, symlink(at("real").c_str(), at("dirlink").c_str()));
+  EXPECT_EQ(0, tarn_file_copy(at("dirlink/file").c_str(), at("dst").c_str()));
+  EXPECT_EQ("through a directory link", read_file(at("dst")));
+}
+
+// The temporary file of a copy or an ini save is made 0600, so that no
+// other user can open it while it fills (a descriptor opened then would
+// read the content written later), and only then given its final mode.
+TEST_F(FsTest, CopyAndSaveMakeTheirTemporaryFileReadableByTheOwnerOnly) {
+  ASSERT_TRUE(write_file(at("src"), "data"));
+  ASSERT_EQ(0, chmod(at("src").c_str(), 0644));
+  tarn_ini_t *ini = tarn_ini_file_load(nullptr);
+  ASSERT_NE(nullptr, ini);
+  ASSERT_EQ(0, tarn_ini_file_set(ini, "s", "k", "v"));
+  const std::vector<std::pair<std::string, std::function<int()>>> writers = {
+      {"copy", [&] { return tarn_file_copy(at("src").c_str(), at("copy").c_str()); }},
+      {"save", [&] { return tarn_ini_file_save(ini, at("saved.ini").c_str(), 0); }},
+      {"direct save", [&] { return tarn_ini_file_save_directio(ini, at("direct.ini").c_str(), 0); }},
+  };
+  Umask mask(0);
+  for (const auto &[name, write] : writers) {
+    SCOPED_TRACE(name);
+    std::vector<mode_t> modes;
+    tarn_test::before_fchmod() = [&](int fd) {
+      struct stat st;
+      if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) modes.push_back(st.st_mode & 07777);
+    };
+    const int result = write();
+    tarn_test::before_fchmod() = nullptr;
+    EXPECT_EQ(0, result);
+    EXPECT_EQ((std::vector<mode_t>{0600}), modes);
+  }
+  tarn_ini_file_free(ini);
+  // Then the final modes: the source's, and 0666 less the umask (0 here).
+  EXPECT_EQ(0644u, mode_of(at("copy")));
+  EXPECT_EQ(0666u, mode_of(at("saved.ini")));
+  EXPECT_EQ(0666u, mode_of(at("direct.ini")));
+}
+
+// A save over a link replaces the link and takes nothing from what it
+// names: neither its mode nor its owner.
+TEST_F(FsTest, SaveOverASymbolicLinkTakesNoAttributesFromItsTarget) {
+  ASSERT_TRUE(write_file(at("target"), "[old]\nk=v\n"));
+  ASSERT_EQ(0, chmod(at("target").c_str(), 0600));
+  ASSERT_EQ(0, chown(at("target").c_str(), 65534, 65534));
+  ASSERT_EQ(0, symlink(at("target").c_str(), at("saved.ini").c_str()));
+  tarn_ini_t *ini = tarn_ini_file_load(nullptr);
+  ASSERT_NE(nullptr, ini);
+  ASSERT_EQ(0, tarn_ini_file_set(ini, "s", "k", "v"));
+  {
+    Umask mask(022);
+    EXPECT_EQ(0, tarn_ini_file_save(ini, at("saved.ini").c_str(), 0));
+  }
+  tarn_ini_file_free(ini);
+  struct stat st;
+  ASSERT_EQ(0, lstat(at("saved.ini").c_str(), &st));
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(0644u, st.st_mode & 07777);
+  EXPECT_EQ(geteuid(), st.st_uid);
+  EXPECT_EQ("[old]\nk=v\n", read_file(at("target")));
+  EXPECT_EQ(0600u, mode_of(at("target")));
 }
 
 TEST_F(FsTest, CopyReplacesASymbolicLinkAtTheDestinationInsteadOfFollowingIt) {
@@ -687,14 +772,15 @@ TEST_F(FsTest, MkdirCreatesTheTreeWithTheExactModeDespiteTheUmask) {
     Umask mask(022);
     ASSERT_EQ(0, tarn_dirutils_mkdir(at("a/b/c").c_str(), 0777));
   }
-  EXPECT_EQ(0777u, mode_of(at("a")));
-  EXPECT_EQ(0777u, mode_of(at("a/b")));
+  // Only the directory named gets the mode; its new parents get 0755.
+  EXPECT_EQ(0755u, mode_of(at("a")));
+  EXPECT_EQ(0755u, mode_of(at("a/b")));
   EXPECT_EQ(0777u, mode_of(at("a/b/c")));
   {
-    Umask mask(0);
-    ASSERT_EQ(0, tarn_dirutils_mkdir(at("p/q").c_str(), 0700));
+    Umask mask(077);
+    ASSERT_EQ(0, tarn_dirutils_mkdir(at("p/q/").c_str(), 0700));
   }
-  EXPECT_EQ(0700u, mode_of(at("p")));
+  EXPECT_EQ(0755u, mode_of(at("p")));
   EXPECT_EQ(0700u, mode_of(at("p/q")));
   {
     Umask mask(077);
@@ -715,6 +801,31 @@ TEST_F(FsTest, MkdirOfExistingDirectoriesSucceedsAndKeepsTheirModes) {
   EXPECT_EQ(0, tarn_dirutils_mkdir(at("x//y///z/").c_str(), 0755));
   EXPECT_NE(0, tarn_path_is_dir_u(at("x/y/z").c_str()));
   EXPECT_EQ(0, tarn_dirutils_mkdir("/", 0755));
+}
+
+// A directory that mkdir has just made and another user swaps for a link
+// before its mode is set: the mode is never given to what the link names.
+TEST_F(FsTest, MkdirNeverGivesItsModeThroughALinkSwappedInForANewDirectory) {
+  ASSERT_EQ(0, mkdir(at("victim").c_str(), 0700));
+  ASSERT_EQ(0, chmod(at("victim").c_str(), 0700));
+  bool swapped = false;
+  tarn_test::before_fchmod() = [&](int fd) {
+    // The first new directory, "a", is open: swap the name for a link.
+    struct stat st;
+    if (swapped || fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode)) return;
+    swapped = rename(at("a").c_str(), at("moved").c_str()) == 0 &&
+              symlink(at("victim").c_str(), at("a").c_str()) == 0;
+  };
+  const int result = tarn_dirutils_mkdir(at("a/b").c_str(), 0777);
+  tarn_test::before_fchmod() = nullptr;
+  ASSERT_TRUE(swapped);
+  // The parent was set through its own descriptor (now "moved"), and the
+  // last one was made in what "a" names now, the walk holding "moved".
+  EXPECT_EQ(0, result);
+  EXPECT_EQ(0700u, mode_of(at("victim")));
+  EXPECT_EQ(0755u, mode_of(at("moved")));
+  EXPECT_EQ(0777u, mode_of(at("moved/b")));
+  EXPECT_EQ(0, tarn_path_is_exist_u(at("victim/b").c_str()));
 }
 
 TEST_F(FsTest, MkdirReportsAFileInTheWay) {
@@ -738,7 +849,7 @@ TEST_F(FsTest, MkdirByManyProcessesAtOnceSucceedsForEach) {
   barrier.open();
   for (pid_t pid : children) EXPECT_EQ(0, reap(pid));
   EXPECT_EQ(0750u, mode_of(path));
-  EXPECT_EQ(0750u, mode_of(at("shared")));
+  EXPECT_EQ(0755u, mode_of(at("shared")));
 }
 
 TEST(PathTransform, AnAtPathIsTakenRelativeToTheExecutablesDirectory) {
@@ -853,6 +964,26 @@ TEST_F(FsTest, FlockInitOfAFifoLockFileThatCannotBeWrittenDoesNotBlock) {
     return tarn_flock_acquire(lock.get()) == 0 && tarn_flock_release(lock.get()) == 0 ? 0 : 3;
   });
   EXPECT_EQ(0, status) << (status == tarn_test::killed_by(SIGALRM) ? "the open blocked" : "");
+}
+
+// Lock files sit in directories that every user may write: a link there,
+// dangling or not, is neither created through nor opened.
+TEST_F(FsTest, FlockInitRefusesASymbolicLinkAtTheLockPath) {
+  ASSERT_TRUE(write_file(at("victim"), "victim"));
+  ASSERT_EQ(0, chmod(at("victim").c_str(), 0600));
+  ASSERT_EQ(0, symlink(at("victim").c_str(), at("to_file.lock").c_str()));
+  ASSERT_EQ(0, symlink(at("created").c_str(), at("dangling.lock").c_str()));
+  for (const char *name : {"to_file.lock", "dangling.lock"}) {
+    SCOPED_TRACE(name);
+    tarn_flock_t *handle = reinterpret_cast<tarn_flock_t *>(&handle);
+    errno = 0;
+    EXPECT_EQ(ELOOP, tarn_flock_init(at(name).c_str(), &handle));
+    EXPECT_EQ(ELOOP, errno);
+    EXPECT_EQ(nullptr, handle);
+  }
+  EXPECT_EQ(0, tarn_path_is_exist_u(at("created").c_str()));
+  EXPECT_EQ(0600u, mode_of(at("victim")));
+  EXPECT_EQ("victim", read_file(at("victim")));
 }
 
 TEST_F(FsTest, FlockBadArgumentsAndAMissingDirectory) {

@@ -28,7 +28,9 @@
 
 #include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_ini.h>
+#include <tarnbase/tarn_log.h>
 
+#include "child_logs.h"
 #include "child_process.h"
 #include "fakes.h"
 #include "file_faults.h"
@@ -258,6 +260,38 @@ TEST_F(UpgradeTest, ExitInfoThatCannotBeSavedReturnsTheSavesCodeAndLeavesThePlac
   EXPECT_FALSE(tarn_test::lock_is_held(exit_info_lock_path()));
 }
 
+// The configuration directory is open to every user: a link at the exit
+// information file is not read (the file is started afresh and replaces
+// the link), and a link at its lock file is not created through.
+TEST_F(UpgradeTest, ExitInfoDoesNotReadThroughALinkAndReplacesIt) {
+  const std::string secret = data_root() + "/velmora/secret.ini";
+  ASSERT_TRUE(make_dirs(config_dir()));
+  ASSERT_TRUE(write_file(secret, "[secret]\nkey=value\n", 0600));
+  ASSERT_TRUE(make_dirs(config_dir()));
+  ASSERT_EQ(symlink(secret.c_str(), exit_info_path().c_str()), 0);
+  g_overrides.now = 1234;
+  EXPECT_EQ(tarn_update_exit_info(5), 0);
+  EXPECT_EQ(tarn_test::messages("info"),
+            (std::vector<std::string>{"after load\n", format("update file %s is successed, exit type is %d\n",
+                                                              exit_info_path().c_str(), 5)}));
+  struct stat st;
+  ASSERT_EQ(lstat(exit_info_path().c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(read_file(exit_info_path()), "[config]\nexit_type=5\nexit_time=1234\n");
+  EXPECT_EQ(read_file(secret), "[secret]\nkey=value\n");
+  EXPECT_EQ(file_mode(secret), 0600);
+}
+
+TEST_F(UpgradeTest, ExitInfoRefusesALinkAtItsLockFile) {
+  const std::string created = data_root() + "/velmora/created";
+  ASSERT_TRUE(make_dirs(config_dir()));
+  ASSERT_EQ(symlink(created.c_str(), exit_info_lock_path().c_str()), 0);
+  EXPECT_EQ(tarn_update_exit_info(1), ELOOP);
+  EXPECT_EQ(tarn_test::messages("warn"), (std::vector<std::string>{format("flock init failed with errcode %d\n", ELOOP)}));
+  EXPECT_FALSE(exists(created));
+  EXPECT_FALSE(exists(exit_info_path()));
+}
+
 TEST_F(UpgradeTest, ExitInfoWithoutADataRootGivesUp) {
   g_overrides.no_data_root = true;
   EXPECT_EQ(tarn_update_exit_info(1), -1);
@@ -307,6 +341,75 @@ TEST_F(UpgradeTest, AgentIdDirIsZeroAlsoWhenThePermissionCommandCannotStart) {
   EXPECT_TRUE(tarn_test::messages("info").empty());
   EXPECT_EQ(file_mode(agent_id_dir()), 0700);
   EXPECT_EQ(file_mode(agent_id_dir() + "agent_id"), 0600);
+}
+
+// Made on a machine without them: the configuration directory and the
+// agent id directory are shared, their new parents are 0755.
+TEST_F(UpgradeTest, AgentIdDirSharesOnlyTheDirectoriesItNames) {
+  remove_tree(data_root() + "/velmora");
+  const mode_t old_mask = umask(0);
+  EXPECT_EQ(set_tarn_agentid_dir(), 0);
+  umask(old_mask);
+  EXPECT_EQ(file_mode(data_root() + "/velmora"), 0755);
+  EXPECT_EQ(file_mode(config_dir()), 0777);
+  EXPECT_EQ(file_mode(agent_id_dir()), 0777);
+}
+
+// The command follows a link named on its command line: a link at the
+// agent id directory, or a directory that another user made, is refused
+// and nothing it names changes.
+TEST_F(UpgradeTest, AgentIdDirThatIsALinkOrAnotherUsersIsNotOpened) {
+  const std::string tree = data_root() + "/velmora/private";
+  ASSERT_TRUE(make_dirs(tree + "/sub"));
+  ASSERT_EQ(chmod(tree.c_str(), 0700), 0);
+  ASSERT_TRUE(write_file(tree + "/sub/key", "key", 0600));
+  ASSERT_TRUE(make_dirs(config_dir()));
+  const std::string link = config_dir() + "/agent_id";
+  const std::string refusal =
+      format("agent id dir %s is not a directory of root or of this user, not opened to all users\n",
+             agent_id_dir().c_str());
+  ASSERT_EQ(symlink(tree.c_str(), link.c_str()), 0);
+  EXPECT_EQ(set_tarn_agentid_dir(), 0);
+  EXPECT_EQ(tarn_test::messages("warn"), (std::vector<std::string>{refusal}));
+  EXPECT_TRUE(tarn_test::messages("info").empty());
+  EXPECT_EQ(file_mode(tree), 0700);
+  EXPECT_EQ(file_mode(tree + "/sub/key"), 0600);
+
+  ASSERT_EQ(unlink(link.c_str()), 0);
+  ASSERT_EQ(mkdir(link.c_str(), 0700), 0);
+  ASSERT_EQ(chown(link.c_str(), 65534, 65534), 0);
+  tarn_test::clear_logs();
+  EXPECT_EQ(set_tarn_agentid_dir(), 0);
+  EXPECT_EQ(tarn_test::messages("warn"), (std::vector<std::string>{refusal}));
+  EXPECT_EQ(file_mode(link), 0700);
+}
+
+// With an agent group, the tree is left open to that group only, and a
+// link inside it is not followed.
+TEST_F(UpgradeTest, AgentIdDirWithAnAgentGroupIsOpenToThatGroupOnly) {
+  ASSERT_TRUE(make_dirs(agent_id_dir() + "sub"));
+  ASSERT_TRUE(write_file(agent_id_dir() + "sub/agent_id", "id", 0600));
+  const std::string outside = data_root() + "/velmora/outside";
+  ASSERT_TRUE(write_file(outside, "outside", 0600));
+  ASSERT_EQ(symlink(outside.c_str(), (agent_id_dir() + "link").c_str()), 0);
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(30, [] {
+    mkdir("/etc/velmora", 0755);
+    if (!write_file(TARN_LOG_CONFIG_PATH, "[security]\nagent_group = nogroup\n")) return 1;
+    return set_tarn_agentid_dir();
+  });
+  unlink(TARN_LOG_CONFIG_PATH);
+  EXPECT_TRUE(outcome.exited);
+  EXPECT_EQ(outcome.exit_status, 0);
+  ASSERT_EQ(outcome.lines.size(), 1u);
+  EXPECT_EQ(outcome.lines[0].word, "info");
+  EXPECT_EQ(outcome.lines[0].message, format("excute shell succed: [%s]\n", chmod_command().c_str()));
+  for (const std::string &path : {agent_id_dir(), agent_id_dir() + "sub", agent_id_dir() + "sub/agent_id"}) {
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0770u) << path;
+    EXPECT_EQ(st.st_gid, 65534u) << path;
+  }
+  EXPECT_EQ(file_mode(outside), 0600);
 }
 
 TEST_F(UpgradeTest, AgentIdDirWithoutADataRootIsZeroAndDoesNothing) {
@@ -643,6 +746,38 @@ TEST_F(PlaceFileTest, KeepModeIsOneWhenTheDestinationIsGoneBeforeItsModeIsSet) {
   const std::string dst = scratch_ / "dst";
   g_overrides.after_copy = [](const char *, const char *dst) { unlink(dst); };
   EXPECT_EQ(tarn_copy_file_keep_mode(src().c_str(), dst.c_str(), 0), 1);
+  EXPECT_FALSE(exists(dst));
+}
+
+// A link put at dst between the copy and the mode's copy is not followed:
+// the file it names keeps its mode.
+TEST_F(PlaceFileTest, KeepModeDoesNotGiveTheModeThroughALinkPutAtTheDestination) {
+  write_src("payload", 0777);
+  const std::string dst = scratch_ / "dst";
+  const std::string victim = scratch_ / "victim";
+  ASSERT_TRUE(write_file(victim, "victim", 0600));
+  g_overrides.after_copy = [victim](const char *, const char *dst) {
+    unlink(dst);
+    if (symlink(victim.c_str(), dst) != 0) abort();
+  };
+  EXPECT_EQ(tarn_copy_file_keep_mode(src().c_str(), dst.c_str(), 0), 1);
+  EXPECT_EQ(file_mode(victim), 0600);
+  EXPECT_NO_LINES();
+}
+
+// A link at the source is refused by the copy (ELOOP), with the copy's
+// message; nothing reaches dst.
+TEST_F(PlaceFileTest, CopyToRefusesALinkAtTheSource) {
+  const std::string secret = scratch_ / "secret";
+  ASSERT_TRUE(write_file(secret, "secret", 0600));
+  const std::string link = scratch_ / "link";
+  ASSERT_EQ(symlink(secret.c_str(), link.c_str()), 0);
+  const std::string dst = scratch_ / "dst";
+  errno = 0;
+  EXPECT_EQ(tarn_copy_file_to(link.c_str(), dst.c_str()), ELOOP);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{
+                format("copy file failed from [%s] to [%s], errcode: %d\n", link.c_str(), dst.c_str(), ELOOP)}));
   EXPECT_FALSE(exists(dst));
 }
 

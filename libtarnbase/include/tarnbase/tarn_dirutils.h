@@ -16,14 +16,22 @@
 
 TARNBASE_BEGIN_DECLS
 
-/* Creates the directory path and every missing parent, each with exactly
- * the permission bits mode & 07777 whatever the process's umask (each new
- * directory is chmod-ed after mkdir(2)). Directories that already exist,
- * path included, are success and keep their own mode. Several processes may
+/* Creates the directory path and every missing parent: path with exactly
+ * the permission bits mode & 07777, each missing parent with exactly 0755,
+ * whatever the process's umask. Only the directory named gets mode, so
+ * that a shared directory (0777) does not open its parents to other users.
+ * The tree is made component by component from the root (or the working
+ * directory for a relative path); each new directory is opened without
+ * following a link and given its mode through that descriptor, so a new
+ * directory swapped for a link by another user never passes its mode to
+ * what the link names. Existing components are entered as open(2) does (a
+ * link to a directory is followed). Directories that already exist, path
+ * included, are success and keep their own mode. Several processes may
  * create the same tree at once. Returns 0, EINVAL for a null or empty path,
  * ENOTDIR when path or one of its parents exists and is not a directory,
- * ENOMEM, or the errno of the failed mkdir(2) / chmod(2) (EACCES, ENOSPC,
- * ...); directories created before a failure stay. */
+ * ENOMEM, or the errno of the failed mkdir(2) / open(2) / fchmod(2)
+ * (EACCES, ENOSPC, ELOOP when a new directory was replaced by a link...);
+ * directories created before a failure stay. */
 TARNBASE_API int tarn_dirutils_mkdir(const char *path, int mode);
 
 /* Expands an "@" path into out (out_len bytes). An input beginning with

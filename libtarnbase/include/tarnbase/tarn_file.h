@@ -31,19 +31,23 @@ TARNBASE_API int tarn_file_unlink(const char *path);
 
 /* Replaces dst with a copy of the regular file src, whole and crash-safely:
  * the data is written to a new temporary file in dst's directory
- * ("<dst>.tmp.<pid>.<n>"), given src's permission bits (mode & 07777),
- * flushed to the disk (fsync), and renamed over dst; the directory is then
- * synced too. A process killed at any moment leaves either the old dst or
- * the complete copy, never a part (it may leave its temporary file behind).
- * The new dst belongs to the calling user; a symbolic link at dst is
- * replaced by the file, not followed. src must be a regular file (a
- * symbolic link to one is followed), of any size: it is opened as
- * tarn_file_open_regular does, so that a FIFO cannot block the call, and
- * anything else is refused before dst is touched. Returns 0, EINVAL for a
- * null or empty argument, EISDIR when src is a directory, EFTYPE when it
- * is another kind that is not a regular file (a FIFO, a device such as a
- * link to /dev/zero), ENXIO for a socket (which cannot be opened), ENOMEM,
- * or the errno of the failed step (ENOENT for a missing src or a missing
+ * ("<dst>.tmp.<pid>.<n>", created with mode 0600 and never through a
+ * link, so that no other user can open it while it fills), given src's
+ * permission bits (mode & 07777), flushed to the disk (fsync), and renamed
+ * over dst; the directory is then synced too. A process killed at any
+ * moment leaves either the old dst or the complete copy, never a part (it
+ * may leave its temporary file behind, mode 0600 or src's bits). The new
+ * dst belongs to the calling user; a symbolic link at dst is replaced by
+ * the file, not followed. src must be a regular file itself, of any size:
+ * a symbolic link at src is not followed but refused with ELOOP (one
+ * planted where others may write must not have the caller copy what its
+ * owner may not read; links in src's directories are followed). src is
+ * opened so that a FIFO cannot block the call, and anything else is
+ * refused before dst is touched. Returns 0, EINVAL for a null or empty
+ * argument, ELOOP for a link at src, EISDIR when src is a directory,
+ * EFTYPE when it is another kind that is not a regular file (a FIFO, a
+ * device), ENXIO for a socket (which cannot be opened), ENOMEM, or the
+ * errno of the failed step (ENOENT for a missing src or a missing
  * directory of dst); on failure dst is as it was and the temporary file is
  * removed. */
 TARNBASE_API int tarn_file_copy(const char *src, const char *dst);

@@ -35,10 +35,12 @@ typedef struct tarn_flock tarn_flock_t;
  * the file is never read, an existing one may be of any kind; it is opened
  * so that the open cannot block (a FIFO put at lock_path locks as a file
  * does, instead of waiting for a writer) and so that a terminal does not
- * become the caller's controlling terminal. Returns
- * 0, EINVAL for a null or empty path or a null handle (*handle is set to
- * null on every failure when handle is not null), ENOMEM, or the errno of
- * open(2) (ENOENT for a missing directory, EACCES). */
+ * become the caller's controlling terminal. A symbolic link at lock_path
+ * is never followed, dangling or not: nothing is created or opened through
+ * it, and the call fails with ELOOP. Returns 0, EINVAL for a null or empty
+ * path or a null handle (*handle is set to null on every failure when
+ * handle is not null), ENOMEM, ELOOP, or the errno of open(2) (ENOENT for
+ * a missing directory, EACCES). */
 TARNBASE_API int tarn_flock_init(const char *lock_path, tarn_flock_t **handle);
 
 /* Takes the lock, waiting while another handle holds it, but no longer
