@@ -14,6 +14,7 @@
 #include "clock.h"
 #include "config.h"
 #include "errno_result.h"
+#include "tarnbase/tarn_file.h"
 
 struct tarn_flock {
   int fd;
@@ -37,9 +38,10 @@ int open_lock_file(const char *path) {
   for (int attempt = 0; attempt < 3; ++attempt) {
     const int created = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (created >= 0) {
-      // The umask has been applied to the mode; every user must be able to
-      // open the file later.
-      if (fchmod(created, 0666) != 0) { /* the owner can still lock it */ }
+      // The umask has been applied to the mode; every process of the agent
+      // must be able to open the file later (only the agent group's with
+      // one: whoever can open a lock file can hold its lock).
+      if (tarn_file_share_fd(created, 0666) != 0) { /* the owner can still lock it */ }
       return created;
     }
     if (errno != EEXIST) return -1;

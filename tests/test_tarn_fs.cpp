@@ -733,6 +733,24 @@ TEST_F(FsTest, SharingWithAnUnknownAgentGroupOpensToNobodyElse) {
   EXPECT_EQ("0660 0", shared_under("[security]\nagent_group = no-such-group\n", at("file"), 0666));
 }
 
+TEST_F(FsTest, ANewLockFileIsTheAgentGroupsOnlyWhenOneIsSet) {
+  const std::string lock = at("record.ini.lock");
+  const pid_t child = tarn_test::fork_child([&] {
+    mkdir("/etc/velmora", 0755);
+    if (!write_file(TARN_LOG_CONFIG_PATH, "[security]\nagent_group = nogroup\n")) return 1;
+    tarn_flock_t *handle = nullptr;
+    if (tarn_flock_init(lock.c_str(), &handle) != 0) return 2;
+    tarn_flock_destroy(handle);
+    return 0;
+  });
+  EXPECT_EQ(0, tarn_test::reap(child));
+  unlink(TARN_LOG_CONFIG_PATH);
+  struct stat st;
+  ASSERT_EQ(0, stat(lock.c_str(), &st));
+  EXPECT_EQ(0660u, st.st_mode & 07777);
+  EXPECT_EQ(65534u, st.st_gid);
+}
+
 TEST_F(FsTest, SharingRefusesBadArguments) {
   errno = 0;
   EXPECT_EQ(EBADF, tarn_file_share_fd(-1, 0666));

@@ -29,8 +29,9 @@ TARNBASE_BEGIN_DECLS
 typedef struct tarn_flock tarn_flock_t;
 
 /* Opens the lock file lock_path, creating it with mode 0666 (whatever the
- * umask, so that every user of the agent can lock it) when it does not
- * exist, and stores a new unlocked handle in *handle. A lock file that the
+ * umask, so that every user of the agent can lock it; with an agent group,
+ * 0660 and the group's, as tarn_file_share_fd gives it, since whoever can
+ * open a lock file can hold its lock) when it does not exist, and stores a new unlocked handle in *handle. A lock file that the
  * caller may not write is opened for reading, which locks as well. Since
  * the file is never read, an existing one may be of any kind; it is opened
  * so that the open cannot block (a FIFO put at lock_path locks as a file
