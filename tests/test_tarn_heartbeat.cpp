@@ -39,6 +39,7 @@
 #include "child_process.h"
 #include "fakes.h"
 #include "files.h"
+#include "heartbeat_invariant.h"
 #include "interpose.h"
 #include "local_user.h"
 #include "log_checks.h"
@@ -107,8 +108,6 @@ using tarn_test::reap;
 // ---------------------------------------------------------------------------
 // Helpers.
 
-constexpr char kSegmentPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME;
-constexpr char kLockPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME ".glock";
 constexpr uint64_t kTick = 5000000000ull;  // above 32 bits on purpose
 constexpr int32_t kFakePid = 100000;       // above the machine's pid_max: never a real process
 
@@ -164,7 +163,7 @@ size_t count_lines() { return tarn_test::logs().size(); }
 class RawTable {
  public:
   RawTable() {
-    const int fd = open(kSegmentPath, O_RDWR | O_CLOEXEC);
+    const int fd = open(tarn_test::kHeartbeatSegmentPath, O_RDWR | O_CLOEXEC);
     if (fd < 0) return;
     void *base =
         mmap(nullptr, sizeof(proc_heartbeat_segment_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -203,7 +202,7 @@ class RawTable {
 
 bool segment_exists() {
   struct stat st;
-  return stat(kSegmentPath, &st) == 0;
+  return stat(tarn_test::kHeartbeatSegmentPath, &st) == 0;
 }
 
 // The table's global lock, held through a handle of the test's own.
@@ -334,8 +333,8 @@ class ProcHeartbeatTest : public ::testing::Test {
     g_shm_map_error = 0;
     g_shrink_before_map = 0;
     proc_heartbeat_deinit(true);
-    unlink(kSegmentPath);
-    unlink(kLockPath);
+    unlink(tarn_test::kHeartbeatSegmentPath);
+    unlink(tarn_test::kHeartbeatLockPath);
     tarn_test::reset_fakes();
   }
 
@@ -513,7 +512,7 @@ TEST_F(ProcHeartbeatTest, InitModeZeroCreatesAClearedTableStampedWithTheMagic) {
   EXPECT_LOGGED("info", "process heartbeat init successed, mode:0, flag:2, memset:1\n");
   EXPECT_EQ(count_lines(), 1u) << dump_logs();
   struct stat st;
-  ASSERT_EQ(stat(kSegmentPath, &st), 0);
+  ASSERT_EQ(stat(tarn_test::kHeartbeatSegmentPath, &st), 0);
   EXPECT_GE(st.st_size, 1544);
   RawTable raw;
   ASSERT_TRUE(raw.ok());
@@ -597,7 +596,7 @@ TEST_F(ProcHeartbeatTest, AFailedInitIsUndoneAndTheNextInitStartsAfresh) {
 }
 
 TEST_F(ProcHeartbeatTest, InitModeOneRefusesASegmentSmallerThanTheTable) {
-  const int fd = open(kSegmentPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660);
+  const int fd = open(tarn_test::kHeartbeatSegmentPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660);
   ASSERT_GE(fd, 0);
   ASSERT_EQ(ftruncate(fd, 100), 0);
   close(fd);
@@ -608,7 +607,7 @@ TEST_F(ProcHeartbeatTest, InitModeOneRefusesASegmentSmallerThanTheTable) {
   // The service's open grows it.
   EXPECT_EQ(proc_heartbeat_init(0), 0);
   struct stat st;
-  ASSERT_EQ(stat(kSegmentPath, &st), 0);
+  ASSERT_EQ(stat(tarn_test::kHeartbeatSegmentPath, &st), 0);
   EXPECT_GE(st.st_size, 1544);
 }
 
@@ -657,53 +656,53 @@ void plant_foreign_table(const char *path) {
 }
 
 TEST_F(ProcHeartbeatTest, InitModeZeroReplacesASegmentAndALockOfAnotherUser) {
-  ASSERT_NO_FATAL_FAILURE(plant_foreign_table(kSegmentPath));
-  ASSERT_TRUE(tarn_test::plant_object(kLockPath, std::string(64, '\0'), 65534, 65534, 0666));
+  ASSERT_NO_FATAL_FAILURE(plant_foreign_table(tarn_test::kHeartbeatSegmentPath));
+  ASSERT_TRUE(tarn_test::plant_object(tarn_test::kHeartbeatLockPath, std::string(64, '\0'), 65534, 65534, 0666));
   tarn_test::set_process_exists(kFakePid, true);
 
   EXPECT_EQ(proc_heartbeat_init(0), 0);
   EXPECT_LOGGED("info", "process heartbeat init successed, mode:0, flag:2, memset:1\n");
   EXPECT_EQ(count_lines(), 1u) << dump_logs();
-  EXPECT_EQ(describe_object(kSegmentPath), "regular 0:0 0660 1544");
-  EXPECT_EQ(describe_object(kLockPath), "regular 0:0 0660 64");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatSegmentPath), "regular 0:0 0660 1544");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatLockPath), "regular 0:0 0660 64");
   proc_heartbeat_info_t entry;
   EXPECT_EQ(get_proc_heartbeat_info(kFakePid, &entry), -5);
   EXPECT_EQ(add_self(PROC_HEARTBEAT_TYPE_SERVICE), 0);
 }
 
 TEST_F(ProcHeartbeatTest, AttachingModesRefuseASegmentOfAnotherUserAndLeaveIt) {
-  ASSERT_NO_FATAL_FAILURE(plant_foreign_table(kSegmentPath));
+  ASSERT_NO_FATAL_FAILURE(plant_foreign_table(tarn_test::kHeartbeatSegmentPath));
   EXPECT_EQ(proc_heartbeat_init(1), EPERM);
   EXPECT_LOGGED("warn", format("share memory init failed, error:%d, mode:1, flag:1\n", EPERM));
   EXPECT_EQ(proc_heartbeat_init(2), EPERM);
   EXPECT_LOGGED("warn", format("share memory init failed, error:%d, mode:2, flag:0\n", EPERM));
   EXPECT_NO_LINES_AT("info");
   EXPECT_EQ(add_self(1), -2);
-  EXPECT_EQ(describe_object(kSegmentPath), "regular 65534:65534 0666 1544");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatSegmentPath), "regular 65534:65534 0666 1544");
 }
 
 TEST_F(ProcHeartbeatTest, AnAttachingModeRefusesALockOfAnotherUserAndUndoesItsInit) {
-  ASSERT_TRUE(tarn_test::plant_object(kLockPath, std::string(64, '\0'), 65534, 65534, 0666));
+  ASSERT_TRUE(tarn_test::plant_object(tarn_test::kHeartbeatLockPath, std::string(64, '\0'), 65534, 65534, 0666));
   EXPECT_EQ(proc_heartbeat_init(1), EPERM);
   EXPECT_LOGGED("warn", format("global lock init failed, error: %d\n", EPERM));
   EXPECT_NO_LINES_AT("info");
   EXPECT_FALSE(segment_exists());
   EXPECT_EQ(add_self(1), -2);
-  EXPECT_EQ(describe_object(kLockPath), "regular 65534:65534 0666 64");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatLockPath), "regular 65534:65534 0666 64");
 }
 
 TEST_F(ProcHeartbeatTest, ALinkAtTheSegmentsNameIsRefusedByAttachingAndReplacedByTheService) {
   const std::string target = "/tmp/heartbeat_link_target";
   ASSERT_TRUE(tarn_test::plant_object(target, "precious", 0, 0, 0600));
-  ASSERT_EQ(symlink(target.c_str(), kSegmentPath), 0);
+  ASSERT_EQ(symlink(target.c_str(), tarn_test::kHeartbeatSegmentPath), 0);
   EXPECT_EQ(proc_heartbeat_init(2), ELOOP);
   EXPECT_LOGGED("warn", format("share memory init failed, error:%d, mode:2, flag:0\n", ELOOP));
-  EXPECT_EQ(describe_object(kSegmentPath), "link");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatSegmentPath), "link");
 
   tarn_test::clear_logs();
   EXPECT_EQ(proc_heartbeat_init(0), 0);
   EXPECT_LOGGED("info", "process heartbeat init successed, mode:0, flag:2, memset:1\n");
-  EXPECT_EQ(describe_object(kSegmentPath), "regular 0:0 0660 1544");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatSegmentPath), "regular 0:0 0660 1544");
   EXPECT_EQ(describe_object(target), "regular 0:0 0600 8");
   EXPECT_EQ(tarn_test::read_file(target), "precious");
   unlink(target.c_str());
@@ -728,8 +727,8 @@ TEST_F(ProcHeartbeatTest, WithAnAgentGroupTheTableAndItsLockBelongToRootAndThatG
               return proc_heartbeat_deinit(false) == 0 ? 0 : 3;
             }),
             0);
-  EXPECT_EQ(describe_object(kSegmentPath), "regular 0:65534 0660 1544");
-  EXPECT_EQ(describe_object(kLockPath), "regular 0:65534 0660 64");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatSegmentPath), "regular 0:65534 0660 1544");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatLockPath), "regular 0:65534 0660 64");
   // A member of the group attaches; another user cannot.
   const auto attach = [] {
     const int32_t ret = proc_heartbeat_init(2);

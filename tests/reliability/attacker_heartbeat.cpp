@@ -17,6 +17,7 @@
 #include "files.h"
 #include "local_user.h"
 #include "log_checks.h"
+#include "heartbeat_invariant.h"
 #include "reset_test.h"
 #include "shm_objects.h"
 #include "tarn_heartbeat.h"
@@ -29,16 +30,14 @@ using tarn_test::describe_object;
 using tarn_test::format;
 using tarn_test::Pipe;
 
-constexpr char kSegmentPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME;
-constexpr char kLockPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME ".glock";
 constexpr char kOurs[] = "regular 0:0 0660 1544";
 constexpr char kOurLock[] = "regular 0:0 0660 64";
 constexpr uint64_t kTick = 7000;
 
 void clear_heartbeat() {
   proc_heartbeat_deinit(true);
-  unlink(kSegmentPath);
-  unlink(kLockPath);
+  unlink(tarn_test::kHeartbeatSegmentPath);
+  unlink(tarn_test::kHeartbeatLockPath);
 }
 
 class HeartbeatAttackTest : public tarn_test::ResetTest<clear_heartbeat> {
@@ -100,9 +99,9 @@ TEST_F(HeartbeatAttackTest, ATableAndLockSquattedBeforeTheServiceAreReplacedWith
   Pipe ready;
   Pipe done;
   const pid_t user = tarn_test::start_as_local_user([&] {
-    if (!tarn_test::plant_object(kSegmentPath, forged_table(), 65534, 65534, 0666)) return 1;
+    if (!tarn_test::plant_object(tarn_test::kHeartbeatSegmentPath, forged_table(), 65534, 65534, 0666)) return 1;
     tarn_glock_t *lock = nullptr;
-    if (tarn_glock_init(PROC_HEARTBEAT_SHM_NAME, &lock) != 0 || chmod(kLockPath, 0666) != 0) return 2;
+    if (tarn_glock_init(PROC_HEARTBEAT_SHM_NAME, &lock) != 0 || chmod(tarn_test::kHeartbeatLockPath, 0666) != 0) return 2;
     if (tarn_glock_acquire_timeout(lock, 0) != 0) return 3;
     ready.write_int(0);
     int go = 0;
@@ -112,8 +111,8 @@ TEST_F(HeartbeatAttackTest, ATableAndLockSquattedBeforeTheServiceAreReplacedWith
   ASSERT_GT(user, 0);
   int squatted = -1;
   ASSERT_TRUE(ready.read_int(&squatted));
-  ASSERT_EQ("regular 65534:65534 0666 1544", describe_object(kSegmentPath));
-  ASSERT_EQ("regular 65534:65534 0666 64", describe_object(kLockPath));
+  ASSERT_EQ("regular 65534:65534 0666 1544", describe_object(tarn_test::kHeartbeatSegmentPath));
+  ASSERT_EQ("regular 65534:65534 0666 64", describe_object(tarn_test::kHeartbeatLockPath));
 
   // A root process that only attaches refuses the user's table.
   EXPECT_EQ(EPERM, proc_heartbeat_init(1));
@@ -125,8 +124,8 @@ TEST_F(HeartbeatAttackTest, ATableAndLockSquattedBeforeTheServiceAreReplacedWith
   // held lock is not the one it took), and no forged entry.
   tarn_test::clear_logs();
   ASSERT_NO_FATAL_FAILURE(start_service());
-  EXPECT_EQ(kOurs, describe_object(kSegmentPath));
-  EXPECT_EQ(kOurLock, describe_object(kLockPath));
+  EXPECT_EQ(kOurs, describe_object(tarn_test::kHeartbeatSegmentPath));
+  EXPECT_EQ(kOurLock, describe_object(tarn_test::kHeartbeatLockPath));
   expect_entries(1);
   proc_heartbeat_info_t entry;
   EXPECT_EQ(-5, get_proc_heartbeat_info(1, &entry));
@@ -138,23 +137,23 @@ TEST_F(HeartbeatAttackTest, ATableAndLockSquattedBeforeTheServiceAreReplacedWith
 
 TEST_F(HeartbeatAttackTest, ALockSquattedAloneIsRefusedByAnAttachingRootProcess) {
   ASSERT_EQ(0, as_local_user([] {
-              return tarn_test::plant_object(kLockPath, std::string(64, '\0'), 65534, 65534, 0666) ? 0 : errno;
+              return tarn_test::plant_object(tarn_test::kHeartbeatLockPath, std::string(64, '\0'), 65534, 65534, 0666) ? 0 : errno;
             }));
   EXPECT_EQ(EPERM, proc_heartbeat_init(1));
   EXPECT_LOGGED("warn", format("global lock init failed, error: %d\n", EPERM));
   EXPECT_NOT_LOGGED("info", "process heartbeat init successed, mode:1, flag:1, memset:0\n");
-  EXPECT_EQ("regular 65534:65534 0666 64", describe_object(kLockPath));
+  EXPECT_EQ("regular 65534:65534 0666 64", describe_object(tarn_test::kHeartbeatLockPath));
 
   tarn_test::clear_logs();
   ASSERT_NO_FATAL_FAILURE(start_service());
-  EXPECT_EQ(kOurLock, describe_object(kLockPath));
+  EXPECT_EQ(kOurLock, describe_object(tarn_test::kHeartbeatLockPath));
 }
 
 TEST_F(HeartbeatAttackTest, TheUserCannotCutTheServicesTable) {
   ASSERT_NO_FATAL_FAILURE(start_service());
-  EXPECT_EQ(EACCES, as_local_user([] { return open_error(kSegmentPath); }));
-  EXPECT_EQ(EACCES, as_local_user([] { return truncate_error(kSegmentPath); }));
-  EXPECT_EQ(kOurs, describe_object(kSegmentPath));
+  EXPECT_EQ(EACCES, as_local_user([] { return open_error(tarn_test::kHeartbeatSegmentPath); }));
+  EXPECT_EQ(EACCES, as_local_user([] { return truncate_error(tarn_test::kHeartbeatSegmentPath); }));
+  EXPECT_EQ(kOurs, describe_object(tarn_test::kHeartbeatSegmentPath));
   EXPECT_EQ(0, update_proc_beat_tick());
   expect_entries(1);
 }
@@ -165,8 +164,8 @@ TEST_F(HeartbeatAttackTest, TheUserCannotOpenTheTablesLockToHoldIt) {
               tarn_glock_t *lock = nullptr;
               return tarn_glock_init(PROC_HEARTBEAT_SHM_NAME, &lock);
             }));
-  EXPECT_EQ(EACCES, as_local_user([] { return open_error(kLockPath); }));
-  EXPECT_EQ(kOurLock, describe_object(kLockPath));
+  EXPECT_EQ(EACCES, as_local_user([] { return open_error(tarn_test::kHeartbeatLockPath); }));
+  EXPECT_EQ(kOurLock, describe_object(tarn_test::kHeartbeatLockPath));
   EXPECT_EQ(0, del_proc_heartbeat_by_pid((int32_t)getpid()));
   EXPECT_LOGGED("info", format("delete process heartbeat [pid:%d, idx:0] successed\n", (int)getpid()));
   EXPECT_NOT_LOGGED("warn", "delete process heartbeat failed, because of acquire glock timeout\n");
@@ -177,7 +176,7 @@ TEST_F(HeartbeatAttackTest, LinksPlantedAtTheTablesNamesAreReplacedNotFollowed) 
   const std::string target = "/tmp/heartbeat_attack_target";
   ASSERT_TRUE(tarn_test::plant_object(target, "precious", 0, 0, 0600));
   ASSERT_EQ(0, as_local_user([&] {
-              return symlink(target.c_str(), kSegmentPath) == 0 && symlink(target.c_str(), kLockPath) == 0
+              return symlink(target.c_str(), tarn_test::kHeartbeatSegmentPath) == 0 && symlink(target.c_str(), tarn_test::kHeartbeatLockPath) == 0
                          ? 0
                          : errno;
             }));
@@ -187,8 +186,8 @@ TEST_F(HeartbeatAttackTest, LinksPlantedAtTheTablesNamesAreReplacedNotFollowed) 
 
   tarn_test::clear_logs();
   ASSERT_NO_FATAL_FAILURE(start_service());
-  EXPECT_EQ(kOurs, describe_object(kSegmentPath));
-  EXPECT_EQ(kOurLock, describe_object(kLockPath));
+  EXPECT_EQ(kOurs, describe_object(tarn_test::kHeartbeatSegmentPath));
+  EXPECT_EQ(kOurLock, describe_object(tarn_test::kHeartbeatLockPath));
   EXPECT_EQ("regular 0:0 0600 8", describe_object(target));
   EXPECT_EQ("precious", tarn_test::read_file(target));
   unlink(target.c_str());
@@ -202,8 +201,8 @@ TEST_F(HeartbeatAttackTest, WithAnAgentGroupOnlyItsMembersReachTheTable) {
                 return 2;
               return proc_heartbeat_deinit(false) == 0 ? 0 : 3;
             }));
-  EXPECT_EQ("regular 0:65534 0660 1544", describe_object(kSegmentPath));
-  EXPECT_EQ("regular 0:65534 0660 64", describe_object(kLockPath));
+  EXPECT_EQ("regular 0:65534 0660 1544", describe_object(tarn_test::kHeartbeatSegmentPath));
+  EXPECT_EQ("regular 0:65534 0660 64", describe_object(tarn_test::kHeartbeatLockPath));
 
   const auto attach = [] {
     const int32_t ret = proc_heartbeat_init(2);
@@ -216,8 +215,8 @@ TEST_F(HeartbeatAttackTest, WithAnAgentGroupOnlyItsMembersReachTheTable) {
   };
   EXPECT_EQ(0, as_local_user(attach));
   EXPECT_EQ(EACCES, tarn_test::as_user(65533, 65533, attach));
-  EXPECT_EQ(EACCES, tarn_test::as_user(65533, 65533, [] { return truncate_error(kSegmentPath); }));
-  EXPECT_EQ(EACCES, tarn_test::as_user(65533, 65533, [] { return open_error(kLockPath); }));
+  EXPECT_EQ(EACCES, tarn_test::as_user(65533, 65533, [] { return truncate_error(tarn_test::kHeartbeatSegmentPath); }));
+  EXPECT_EQ(EACCES, tarn_test::as_user(65533, 65533, [] { return open_error(tarn_test::kHeartbeatLockPath); }));
 }
 
 }  // namespace

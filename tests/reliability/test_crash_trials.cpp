@@ -212,8 +212,6 @@ using tarn_test::Pipe;
 using tarn_test::reap;
 using tarn_test::TableRead;
 
-constexpr char kSegmentPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME;
-constexpr char kLockSegmentPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME ".glock";
 constexpr int32_t kDeadPidBase = 100000;  // above the machine's pid_max: never a live process
 constexpr int kReportWaitMs = 10000;
 
@@ -274,8 +272,8 @@ class CrashTrialsTest : public ::testing::Test {
   static void reset() {
     disarm();
     proc_heartbeat_deinit(true);
-    unlink(kSegmentPath);
-    unlink(kLockSegmentPath);
+    unlink(tarn_test::kHeartbeatSegmentPath);
+    unlink(tarn_test::kHeartbeatLockPath);
     tarn_test::reset_fakes();
     tarn_test::clear_install_root();
   }
@@ -729,8 +727,8 @@ TEST_F(CrashTrialsTest, SixtyFourProcessesCreatingTheTableAtOnceAllAttachToOneWo
     SCOPED_TRACE("round " + std::to_string(round));
     const int64_t round_started = monotonic_us();
     // Neither the table nor its lock exists: every process creates them.
-    unlink(kSegmentPath);
-    unlink(kLockSegmentPath);
+    unlink(tarn_test::kHeartbeatSegmentPath);
+    unlink(tarn_test::kHeartbeatLockPath);
 
     const std::vector<int> attached = next_step(line, reports, kProcesses);
     ASSERT_EQ((int)attached.size(), kProcesses) << "attach reports";

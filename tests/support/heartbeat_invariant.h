@@ -28,6 +28,10 @@
 
 namespace tarn_test {
 
+// Where the table's segment and its global lock live.
+constexpr char kHeartbeatSegmentPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME;
+constexpr char kHeartbeatLockPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME ".glock";
+
 // How to read the segment.
 enum class TableRead {
   kAsItIs,     // without the lock: for a table whose writers are all stopped or dead
