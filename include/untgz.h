@@ -6,9 +6,9 @@
  * size. Reentrant: all state lives in the call. Two calls extracting into
  * the same directory are not coordinated.
  *
- * Stack and heap. The call keeps its large buffers (a 64 KiB stream buffer
+ * Stack and heap. The call keeps its large buffers (a 64 KiB write buffer
  * for the file being written, and the path buffers) in one heap block of
- * about 75 KB, allocated once per call, so that it runs on a thread with a
+ * about 76 KB, allocated once per call, so that it runs on a thread with a
  * 32 KiB stack. zlib keeps its own state and buffers on the heap too
  * (about 420 KB with the 128 KiB input buffer used here).
  */
@@ -41,7 +41,9 @@ TARNAUX_BEGIN_DECLS
  *    directory that an unprivileged caller cannot write into, and that
  *    member and its later siblings then fail with "Couldn't create"). The
  *    file is created or truncated, written, and given the archive's
- *    permission bits (owner and times are not restored).
+ *    permission bits (owner and times are not restored). The directory
+ *    is checked, made and opened once for a run of files that share it:
+ *    the files are created in the open directory (see Path safety).
  *  - Type '5': the directory "<dest_dir>/<name>" and its missing parents
  *    are created with the archive's mode; a failure is not reported, and
  *    directories that exist keep their mode.
@@ -81,10 +83,23 @@ TARNAUX_BEGIN_DECLS
  *    makes the open fail ("Couldn't create", errcode 0x28) instead.
  * A refused member creates nothing; a refused file's data blocks are read
  * and dropped. Extraction then goes on with the next member, and the call
- * returns 1 at the end; a refusal alone logs no "broken archive". The links
- * are checked just before each member is created: a process that swaps a
- * directory of dest_dir for a link while the call runs is defended against
- * only by O_NOFOLLOW on the file itself.
+ * returns 1 at the end; a refusal alone logs no "broken archive".
+ * When the checks run: a directory member's path is checked just before it
+ * is made. A file's directory is checked when it differs from the
+ * directory of the previous file created; it is then made and opened at
+ * once (its last component without following a link, unless the check
+ * found one that stays inside), and it stays open until a file of another
+ * directory comes. The file is created in that open directory by its name
+ * alone (openat), so a component of the directory's path that another
+ * process swaps for a link while the call runs, between two files or
+ * between the check and the file's creation, does not redirect the file:
+ * it lands in the directory that was checked (a directory swapped between
+ * its check and its opening makes the open fail, "Couldn't create", if
+ * its last component became a link; a directory removed meanwhile makes
+ * the files of it fail with "Couldn't create", errcode 0x2). A new file is
+ * made exclusively (O_EXCL); only a name that exists is looked at, without
+ * following it: a link there is refused as above, anything else is opened
+ * again, truncated, with O_NOFOLLOW.
  *
  * The archive. Only a regular file of at most UNTGZ_ARCHIVE_MAX_BYTES
  * bytes is read (symbolic links to one are followed). It is opened so that
@@ -109,8 +124,9 @@ TARNAUX_BEGIN_DECLS
  *    at once;
  *  - "make base dir %s failed, errcode:0x%x\n" (the directory, errno) when
  *    a file's directory cannot be created; extraction goes on;
- *  - "Couldn't create %s, errcode:0x%x\n" (the path, errno) when a file
- *    cannot be opened for writing; extraction stops;
+ *  - "Couldn't create %s, errcode:0x%x\n" (the file's path, errno) when a
+ *    file, or the directory it goes into, cannot be opened for writing;
+ *    extraction stops;
  *  - "Error writing %s -- skipping, errcode:0x%x\n" (the path, errno) when
  *    a file's data cannot be written or flushed (a full disk): the file is
  *    deleted and, despite the message, extraction stops;

@@ -23,13 +23,14 @@
 #include <tarnbase/tarn_str.h>
 
 #include "log_frame.h"
+#include "tarn_apphome_internal.h"
 #include "tarn_utils.h"
 
 namespace {
 
 constexpr int kBlockSize = 512;
 constexpr size_t kPathSize = 1024;
-// Each output file's stream buffer: most files go out in one write.
+// Each output file's write buffer: most files go out in one write.
 constexpr size_t kWriteBufferSize = 64 * 1024;
 // zlib's input buffer (its output buffer is twice as large): the archive is
 // still read 512 bytes at a time, but inflated in large runs, which takes
@@ -47,9 +48,10 @@ constexpr size_t kTypeOffset = 156;
 // The large buffers of one extraction, in one heap block per call, so
 // that the call runs on a thread with a small stack (32 KiB).
 struct Buffers {
-  char write[kWriteBufferSize];  // the output file's stream buffer
+  char write[kWriteBufferSize];  // the output file's write buffer
   char root[PATH_MAX];           // the destination, resolved; "" when it cannot be
   char path[kPathSize];          // the current member's path
+  char directory[kPathSize];     // the path of the open directory of the last file
   char link[kPathSize];          // the prefix of path being checked for links
   char resolved[PATH_MAX];       // a link's target, resolved
   // One block, and a zero after it: a name without a terminator stops there.
@@ -95,13 +97,14 @@ bool is_inside(const char *resolved, const char *root) {
          (resolved[length] == '\0' || resolved[length] == '/');
 }
 
-// Checks each existing component of buffers.path from offset start on.
-// Returns true when the member may be created; false, with the offending
-// prefix of the path in buffers.link, when a component is a symbolic link
-// whose target is not inside buffers.root, cannot be resolved, or, for a
-// file, is the file itself. The first component that does not exist ends
-// the walk: what follows will be created as plain directories.
-bool links_stay_inside(Buffers &buffers, size_t start, bool is_file) {
+// Checks each existing component of the directory buffers.path from
+// offset start on. Returns true when it may be used; false, with the
+// offending prefix of the path in buffers.link, when a component is a
+// symbolic link whose target is not inside buffers.root or cannot be
+// resolved. The first component that does not exist ends the walk: what
+// follows will be created as plain directories. ends_in_link tells
+// whether the last component is a link (one that stays inside).
+bool links_stay_inside(Buffers &buffers, size_t start, bool *ends_in_link) {
   char (&link)[kPathSize] = buffers.link;
   tarn_strlcpy(link, buffers.path, sizeof(link));
   size_t length = strlen(link);
@@ -113,30 +116,13 @@ bool links_stay_inside(Buffers &buffers, size_t start, bool is_file) {
     struct stat st;
     if (lstat(link, &st) != 0) return true;
     if (S_ISLNK(st.st_mode)) {
-      if ((is_file && end == length) || realpath(link, buffers.resolved) == nullptr ||
-          !is_inside(buffers.resolved, buffers.root))
+      if (realpath(link, buffers.resolved) == nullptr || !is_inside(buffers.resolved, buffers.root))
         return false;
+      if (end == length) *ends_in_link = true;
     }
     link[end] = kept;
   }
   return true;
-}
-
-// Opens path for writing like fopen "wb", but never through a symbolic
-// link at path itself, and closed on exec. The stream uses buffer, which
-// must outlive it.
-FILE *open_for_writing(const char *path, char (&buffer)[kWriteBufferSize]) {
-  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
-  if (fd < 0) return nullptr;
-  FILE *file = fdopen(fd, "wb");
-  if (file == nullptr) {
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return nullptr;
-  }
-  setvbuf(file, buffer, _IOFBF, sizeof(buffer));
-  return file;
 }
 
 // A file that existed keeps its mode while it is rewritten, and a
@@ -164,10 +150,64 @@ void log_read_error(gzFile stream, const char *tgz_path, int fd) {
   LOG(warn, "read tgz failed, err: %s", text);
 }
 
-struct FileCloser {
-  void operator()(FILE *file) const { fclose(file); }
+// The file being written: its descriptor and the bytes not yet written
+// out, in the call's write buffer. Closing it writes them out first, and
+// a failure there goes unreported (a stream cut short keeps what it can).
+class OutputFile {
+ public:
+  explicit OutputFile(char (&buffer)[kWriteBufferSize]) : buffer_(buffer) {}
+  ~OutputFile() { close(); }
+  OutputFile(const OutputFile &) = delete;
+  OutputFile &operator=(const OutputFile &) = delete;
+
+  bool is_open() const { return fd_.get() >= 0; }
+  int fd() const { return fd_.get(); }
+  void open(int fd) {
+    close();
+    fd_.reset(fd);
+  }
+  // Each returns false, with errno set, when the data cannot be written.
+  bool write(const void *data, size_t size) {
+    if (used_ + size > sizeof(buffer_) && !flush()) return false;
+    memcpy(buffer_ + used_, data, size);
+    used_ += size;
+    return true;
+  }
+  bool flush() {
+    const char *bytes = buffer_;
+    size_t left = used_;
+    used_ = 0;
+    while (left > 0) {
+      const ssize_t written = ::write(fd_.get(), bytes, left);
+      if (written < 0 && errno == EINTR) continue;
+      if (written <= 0) {
+        if (written == 0) errno = EIO;
+        return false;
+      }
+      bytes += written;
+      left -= (size_t)written;
+    }
+    return true;
+  }
+  void close() {
+    if (is_open()) {
+      const int error = errno;
+      (void)flush();
+      errno = error;
+    }
+    discard();
+  }
+  // Closes the file without writing what is left.
+  void discard() {
+    used_ = 0;
+    fd_.reset();
+  }
+
+ private:
+  char (&buffer_)[kWriteBufferSize];
+  size_t used_ = 0;
+  TarnFd fd_;
 };
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 // The state of one extraction. Its buffers live in one heap block.
 class Extraction {
@@ -192,10 +232,20 @@ class Extraction {
   Next handle_header();
   void make_directory(const char *name);
   void start_file(const char *name);
+  bool open_directory(const char *name, size_t length);
+  int create_file(const char *name);
   void handle_data();
   void finish_file(bool apply_mode);
   void write_failed();
-  bool admit(const char *name, bool is_file);
+  bool admit_directory(const char *name);
+  bool admit_name(const char *name);
+  void refuse_link(const char *name);
+  // A refused file's data blocks are read and dropped.
+  void drop_data(uint64_t size) {
+    remaining_ = (uint32_t)size;
+    expect_header_ = size == 0;
+  }
+  static constexpr int kRefused = -2;
   void join(const char *name) {
     tarn_str_snprintf(path_, sizeof(path_), "%s/%s", destination_, name);
   }
@@ -203,6 +253,7 @@ class Extraction {
   BuffersPtr buffers_;  // out_ writes into it, so declared before out_
   char (&root_)[PATH_MAX] = buffers_->root;
   char (&path_)[kPathSize] = buffers_->path;
+  char (&directory_path_)[kPathSize] = buffers_->directory;
   unsigned char (&block_)[kBlockSize + 1] = buffers_->block;
   const char *destination_;
   size_t destination_length_;
@@ -210,7 +261,12 @@ class Extraction {
   bool refused_ = false;  // a member was refused; extraction went on
   bool expect_header_ = true;
   uint32_t remaining_ = 0;  // data bytes of the current file (or refused member)
-  FilePtr out_;
+  // The directory of the last file created, checked and open: the next
+  // files of the same directory are created through it, so that a
+  // component of its path swapped for a link meanwhile is not followed.
+  TarnFd directory_;
+  size_t base_ = 0;  // the offset of the current file's name in path_
+  OutputFile out_{buffers_->write};
   int mode_ = 0;
 };
 
@@ -235,14 +291,14 @@ int32_t Extraction::run(gzFile stream, const char *tgz_path, int fd) {
         break;
       }
     } else if (got < kBlockSize) {
-      out_.reset();  // cut short: it stays, without its mode
+      out_.close();  // cut short: it stays, without its mode
     } else {
       handle_data();
     }
   }
   if (result_ != 0 && !quiet) LOG(warn, "broken archive\n");
   if (gzclose(stream) != Z_OK) LOG(warn, "failed gzclose\n");
-  out_.reset();
+  out_.close();
   return result_ != 0 || refused_ ? 1 : 0;
 }
 
@@ -274,25 +330,32 @@ Extraction::Next Extraction::handle_header() {
   return Next::kGoOn;
 }
 
-bool Extraction::admit(const char *name, bool is_file) {
+// Joins name to the destination and refuses it when it could leave it.
+bool Extraction::admit_name(const char *name) {
   join(name);
   const char *relative =
       strlen(path_) > destination_length_ + 1 ? path_ + destination_length_ + 1 : nullptr;
-  if (is_unsafe_name(relative)) {
-    LOG(warn, "unsafe member name %s -- skipping\n", name);
-    refused_ = true;
-    return false;
-  }
-  if (!links_stay_inside(*buffers_, destination_length_ + 1, is_file)) {
-    LOG(warn, "member %s goes through symbolic link %s -- skipping\n", name, buffers_->link);
-    refused_ = true;
-    return false;
-  }
-  return true;
+  if (!is_unsafe_name(relative)) return true;
+  LOG(warn, "unsafe member name %s -- skipping\n", name);
+  refused_ = true;
+  return false;
+}
+
+void Extraction::refuse_link(const char *name) {
+  LOG(warn, "member %s goes through symbolic link %s -- skipping\n", name, buffers_->link);
+  refused_ = true;
+}
+
+bool Extraction::admit_directory(const char *name) {
+  bool ends_in_link = false;
+  if (!admit_name(name)) return false;
+  if (links_stay_inside(*buffers_, destination_length_ + 1, &ends_in_link)) return true;
+  refuse_link(name);
+  return false;
 }
 
 void Extraction::make_directory(const char *name) {
-  if (!admit(name, false)) return;
+  if (!admit_directory(name)) return;
   tarn_dirutils_mkdir(path_, mode_);
 }
 
@@ -303,27 +366,31 @@ void Extraction::start_file(const char *name) {
     result_ = 1;
     return;
   }
-  if (!admit(name, true)) {
-    // Its data blocks are read and dropped.
-    remaining_ = (uint32_t)size;
-    expect_header_ = size == 0;
+  if (!admit_name(name)) {
+    drop_data(size);
     return;
   }
-  // The directory gets the file's own mode, as it always has.
-  const char *directory = get_basedir(path_);
-  if (tarn_dirutils_mkdir(directory, mode_) != 0) {
-    const int error = errno;
-    LOG(warn, "make base dir %s failed, errcode:0x%x\n", directory, error);
+  const size_t length = strlen(get_basedir(path_));
+  const bool same_directory = directory_.get() >= 0 && strcmp(path_, directory_path_) == 0;
+  if (!same_directory && !open_directory(name, length)) {
+    if (result_ == 0) drop_data(size);  // refused, not failed
+    return;
   }
   join(name);
-  out_.reset(open_for_writing(path_, buffers_->write));
-  if (!out_) {
+  base_ = length;
+  while (path_[base_] == '/') ++base_;
+  const int fd = create_file(name);
+  if (fd == kRefused) {
+    drop_data(size);
+    return;
+  }
+  if (fd < 0) {
     const int error = errno;
     LOG(warn, "Couldn't create %s, errcode:0x%x\n", path_, error);
     result_ = 1;
     return;
   }
-  drop_set_id_bits(fileno(out_.get()));
+  out_.open(fd);
   if (size == 0) {
     finish_file(true);
     return;
@@ -332,33 +399,85 @@ void Extraction::start_file(const char *name) {
   expect_header_ = false;
 }
 
+// With path_ cut to the directory part (length bytes) of the member name:
+// checks the directory's links, makes it with the file's own mode, as it
+// always has, and opens it as the directory of the next files. Returns
+// false when the member is refused (refused_ set) or the directory cannot
+// be opened (logged, result_ set).
+bool Extraction::open_directory(const char *name, size_t length) {
+  directory_.reset();
+  bool ends_in_link = false;
+  if (!links_stay_inside(*buffers_, destination_length_ + 1, &ends_in_link)) {
+    refuse_link(name);
+    return false;
+  }
+  if (tarn_dirutils_mkdir(path_, mode_) != 0) {
+    const int error = errno;
+    LOG(warn, "make base dir %s failed, errcode:0x%x\n", path_, error);
+  }
+  // A link that the check let through stays followed; anything else put in
+  // the directory's place since is not. The destination itself is not
+  // checked, and is followed as it always has been.
+  const bool follow = ends_in_link || length <= destination_length_;
+  directory_.reset(open(path_, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW)));
+  if (directory_.get() < 0) {
+    const int error = errno;
+    join(name);
+    LOG(warn, "Couldn't create %s, errcode:0x%x\n", path_, error);
+    result_ = 1;
+    return false;
+  }
+  tarn_strlcpy(directory_path_, path_, sizeof(directory_path_));
+  return true;
+}
+
+// Creates the file at path_ + base_ in the open directory, never through a
+// link in its place, and closed on exec. Returns its descriptor; -1 with
+// errno when it cannot be opened; kRefused when a link is in its place
+// (refused and logged). A file that is new can hold no set-ID bits; one that
+// existed loses them at once.
+int Extraction::create_file(const char *name) {
+  const char *base = path_ + base_;
+  const int fd = openat(directory_.get(), base, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  if (fd >= 0 || errno != EEXIST) return fd;
+  struct stat st;
+  if (fstatat(directory_.get(), base, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
+    tarn_strlcpy(buffers_->link, path_, sizeof(buffers_->link));
+    refuse_link(name);
+    return kRefused;
+  }
+  const int existing = openat(directory_.get(), base, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+  if (existing >= 0) drop_set_id_bits(existing);
+  return existing;
+}
+
 void Extraction::handle_data() {
   const int32_t left = (int32_t)remaining_;
   const size_t count = left < kBlockSize ? (size_t)left : (size_t)kBlockSize;
-  if (out_ && fwrite(block_, 1, count, out_.get()) < count) write_failed();
+  if (out_.is_open() && !out_.write(block_, count)) write_failed();
   remaining_ -= (uint32_t)count;
   if (remaining_ != 0) return;
-  if (out_) finish_file(result_ == 0);
+  if (out_.is_open()) finish_file(result_ == 0);
   expect_header_ = true;
 }
 
 // Closes the current file, applying its mode when asked. Buffered data
 // that cannot be written out counts as a failed write.
 void Extraction::finish_file(bool apply_mode) {
-  if (fflush(out_.get()) != 0) {
+  if (!out_.flush()) {
     write_failed();
     return;
   }
   // Through the open descriptor: a path could meanwhile name something else.
-  if (apply_mode) fchmod(fileno(out_.get()), (mode_t)mode_);
-  out_.reset();
+  if (apply_mode) fchmod(out_.fd(), (mode_t)mode_);
+  out_.discard();
 }
 
 void Extraction::write_failed() {
   const int error = errno;
   LOG(warn, "Error writing %s -- skipping, errcode:0x%x\n", path_, error);
-  out_.reset();
-  tarn_file_unlink(path_);
+  out_.discard();
+  unlinkat(directory_.get(), path_ + base_, 0);
   result_ = 1;
 }
 

@@ -20,6 +20,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <zlib.h>
+
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -28,6 +31,8 @@
 #include "child_logs.h"
 #include "fakes.h"
 #include "files.h"
+#include "interpose.h"
+#include "local_user.h"
 #include "log_checks.h"
 #include "tar_builder.h"
 #include "untgz.h"
@@ -118,10 +123,42 @@ int32_t untgz_on_a_small_stack(const std::string &tgz, const std::string &dest, 
   return call.result;
 }
 
+// An action run just before one chosen read of the decompressed stream
+// (numbered from 0, one 512-byte block per read), that is between two
+// members of the archive or between a header and its data. Once armed, it
+// runs once.
+struct ReadHook {
+  unsigned reads = 0;
+  unsigned at = 0;
+  std::function<void()> action;
+};
+ReadHook read_hook;
+
+void run_before_read(unsigned at, std::function<void()> action) {
+  read_hook = ReadHook{0, at, std::move(action)};
+}
+
+}  // namespace
+
+// The extractor's reads come here first (the library's objects are linked
+// into this program).
+extern "C" int gzread(gzFile file, voidp buffer, unsigned length) {
+  static const auto real = tarn_test::next_definition<int (*)(gzFile, voidp, unsigned)>("gzread");
+  if (read_hook.action && read_hook.reads++ == read_hook.at) {
+    const std::function<void()> action = std::move(read_hook.action);
+    read_hook.action = nullptr;
+    action();
+  }
+  return real(file, buffer, length);
+}
+
+namespace {
+
 class UntgzTest : public ::testing::Test {
  protected:
   void SetUp() override {
     tarn_test::reset_fakes();
+    read_hook = ReadHook{};
     umask(022);
     tmp_ = tarn_test::make_temp_directory("untgz");
     ASSERT_FALSE(tmp_.empty());
@@ -706,6 +743,76 @@ TEST_F(UntgzTest, FullDiskFoundWhenTheLastBufferedBytesAreFlushedDeletesTheFile)
                                      ENOSPC)),
                          warn("broken archive\n")}));
   EXPECT_EQ(list_directory(dest_), std::set<std::string>{"filler"});
+}
+
+// ---------------------------------------------------------------------------
+// Files created through their open directory
+
+// The blocks read before the second member's header: the first member's
+// header and its one data block.
+constexpr unsigned kSecondHeaderRead = 2;
+
+TEST_F(UntgzTest, DirectorySwappedForALinkOutsideBetweenTwoOfItsFilesIsNotFollowed) {
+  const std::string outside = tmp_ + "/outside";
+  ASSERT_TRUE(make_dirs(outside));
+  ASSERT_TRUE(make_dirs(dest_));
+  ASSERT_EQ(chmod(tmp_.c_str(), 0755), 0);
+  ASSERT_EQ(chmod(dest_.c_str(), 0777), 0);
+  const std::string tgz = tgz_of({{"d/one.txt", "one"}, {"d/two.txt", "two"}, {"next.txt", "next"}});
+  // Another user moves the directory away and puts a link to a directory
+  // of its choice in its place, after the first file was written into it.
+  int swapped = -1;
+  run_before_read(kSecondHeaderRead, [&] {
+    swapped = tarn_test::as_local_user([&] {
+      return rename(in_dest("d").c_str(), in_dest("moved").c_str()) == 0 &&
+                     symlink(outside.c_str(), in_dest("d").c_str()) == 0
+                 ? 0
+                 : 1;
+    });
+  });
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 0);
+  EXPECT_EQ(swapped, 0);
+  EXPECT_NO_LINES();
+  EXPECT_TRUE(list_directory(outside).empty());
+  EXPECT_EQ(list_directory(in_dest("moved")), (std::set<std::string>{"one.txt", "two.txt"}));
+  EXPECT_EQ(read_file(in_dest("moved/two.txt")), "two");
+  EXPECT_EQ(read_file(in_dest("next.txt")), "next");
+}
+
+TEST_F(UntgzTest, ExistingFileWithSetIdBitsLosesThemBeforeItsNewDataIsWritten) {
+  ASSERT_TRUE(make_dirs(in_dest("bin")));
+  ASSERT_TRUE(write_file(in_dest("bin/tool"), "old program", 06755));
+  ASSERT_EQ(chmod(in_dest("bin/tool").c_str(), 06755), 0);
+  const std::string tgz = tgz_of({{"bin/tool", "new program", '0', "0000755"}});
+  // Before the data block is read: the file is open, truncated, and not
+  // written yet.
+  std::string while_written;
+  run_before_read(1, [&] { while_written = format("%04o", (unsigned)file_mode(in_dest("bin/tool"))); });
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 0);
+  EXPECT_NO_LINES();
+  EXPECT_EQ(while_written, "0755");
+  EXPECT_EQ(file_mode(in_dest("bin/tool")), 0755);
+  EXPECT_EQ(read_file(in_dest("bin/tool")), "new program");
+}
+
+TEST_F(UntgzTest, LinkInAFilesPlaceInTheOpenDirectoryIsRefusedAndItsDataDropped) {
+  const std::string outside = tmp_ + "/outside";
+  ASSERT_TRUE(write_file(outside, "kept"));
+  ASSERT_TRUE(make_dirs(in_dest("d")));
+  ASSERT_EQ(symlink(outside.c_str(), in_dest("d/victim").c_str()), 0);
+  ASSERT_EQ(symlink("one.txt", in_dest("d/inside").c_str()), 0);
+  const std::string tgz = tgz_of({{"d/one.txt", "one"},
+                                  {"d/victim", "through"},
+                                  {"d/inside", "through a link inside"},
+                                  {"d/two.txt", "two"}});
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 1);
+  const char *d = dest_.c_str();
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         warn(format("member d/victim goes through symbolic link %s/d/victim -- skipping\n", d)),
+                         warn(format("member d/inside goes through symbolic link %s/d/inside -- skipping\n", d))}));
+  EXPECT_EQ(read_file(outside), "kept");
+  EXPECT_EQ(read_file(in_dest("d/one.txt")), "one");
+  EXPECT_EQ(read_file(in_dest("d/two.txt")), "two");
 }
 
 }  // namespace
