@@ -85,11 +85,12 @@ TARNAUX_BEGIN_DECLS
  * and dropped. Extraction then goes on with the next member, and the call
  * returns 1 at the end; a refusal alone logs no "broken archive".
  * When the checks run: a directory member's path is checked just before it
- * is made. A file's directory is checked when it differs from the
- * directory of the previous file created; it is then made and opened at
+ * is made. A file's directory is checked when it is not one of the eight
+ * directories of the files created last; it is then made and opened at
  * once (its last component without following a link, unless the check
- * found one that stays inside), and it stays open until a file of another
- * directory comes. The file is created in that open directory by its name
+ * found one that stays inside), and it stays open until the least recently
+ * used of the eight gives way to another. The file is created in that open
+ * directory by its name
  * alone (openat), so a component of the directory's path that another
  * process swaps for a link while the call runs, between two files or
  * between the check and the file's creation, does not redirect the file:

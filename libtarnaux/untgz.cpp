@@ -20,6 +20,7 @@
 #include <tarnbase/tarn_file.h>
 #include <tarnbase/tarn_mem.h>
 #include <tarnbase/tarn_path.h>
+#include <tarnbase/tarn_process.h>
 #include <tarnbase/tarn_str.h>
 
 #include "log_frame.h"
@@ -37,6 +38,9 @@ constexpr size_t kWriteBufferSize = 64 * 1024;
 // fewer instructions than zlib's 8 KB default.
 constexpr unsigned kStreamBufferSize = 128 * 1024;
 constexpr int kDestinationMode = 0755;
+// How many checked directories stay open: an archive comes back to a
+// parent after each of its subdirectories, and one would be opened again.
+constexpr int kOpenDirectories = 8;
 
 // The header fields that are read: offset and length.
 constexpr size_t kModeOffset = 100;
@@ -51,7 +55,7 @@ struct Buffers {
   char write[kWriteBufferSize];  // the output file's write buffer
   char root[PATH_MAX];           // the destination, resolved; "" when it cannot be
   char path[kPathSize];          // the current member's path
-  char directory[kPathSize];     // the path of the open directory of the last file
+  char directories[kOpenDirectories][kPathSize];  // the paths of the open directories
   char link[kPathSize];          // the prefix of path being checked for links
   char resolved[PATH_MAX];       // a link's target, resolved
   // One block, and a zero after it: a name without a terminator stops there.
@@ -253,7 +257,7 @@ class Extraction {
   BuffersPtr buffers_;  // out_ writes into it, so declared before out_
   char (&root_)[PATH_MAX] = buffers_->root;
   char (&path_)[kPathSize] = buffers_->path;
-  char (&directory_path_)[kPathSize] = buffers_->directory;
+  char (&directory_paths_)[kOpenDirectories][kPathSize] = buffers_->directories;
   unsigned char (&block_)[kBlockSize + 1] = buffers_->block;
   const char *destination_;
   size_t destination_length_;
@@ -261,11 +265,20 @@ class Extraction {
   bool refused_ = false;  // a member was refused; extraction went on
   bool expect_header_ = true;
   uint32_t remaining_ = 0;  // data bytes of the current file (or refused member)
-  // The directory of the last file created, checked and open: the next
-  // files of the same directory are created through it, so that a
-  // component of its path swapped for a link meanwhile is not followed.
-  TarnFd directory_;
+  // The directories of the last files created, checked and open: the next
+  // files of the same directories are created through them, so that a
+  // component of a path swapped for a link meanwhile is not followed. The
+  // least recently used one is closed for a new one.
+  TarnFd directories_[kOpenDirectories];
+  uint64_t last_used_[kOpenDirectories] = {};
+  uint64_t uses_ = 0;
+  int directory_ = 0;  // the current file's
+  int directory_fd() const { return directories_[directory_].get(); }
+  bool find_open_directory();
   size_t base_ = 0;  // the offset of the current file's name in path_
+  bool created_new_ = false;  // the current file did not exist before
+  // What open(2) gives a new file made with 0666 under this umask.
+  const mode_t creation_mode_ = 0666 & ~(mode_t)tarn_process_get_umask();
   OutputFile out_{buffers_->write};
   int mode_ = 0;
 };
@@ -371,8 +384,7 @@ void Extraction::start_file(const char *name) {
     return;
   }
   const size_t length = strlen(get_basedir(path_));
-  const bool same_directory = directory_.get() >= 0 && strcmp(path_, directory_path_) == 0;
-  if (!same_directory && !open_directory(name, length)) {
+  if (!find_open_directory() && !open_directory(name, length)) {
     if (result_ == 0) drop_data(size);  // refused, not failed
     return;
   }
@@ -399,13 +411,31 @@ void Extraction::start_file(const char *name) {
   expect_header_ = false;
 }
 
+// With path_ cut to the directory part of the member name: makes the open
+// directory of that path the current one, if there is one.
+bool Extraction::find_open_directory() {
+  for (int i = 0; i < kOpenDirectories; ++i) {
+    if (directories_[i].get() >= 0 && strcmp(path_, directory_paths_[i]) == 0) {
+      directory_ = i;
+      last_used_[i] = ++uses_;
+      return true;
+    }
+  }
+  return false;
+}
+
 // With path_ cut to the directory part (length bytes) of the member name:
 // checks the directory's links, makes it with the file's own mode, as it
 // always has, and opens it as the directory of the next files. Returns
 // false when the member is refused (refused_ set) or the directory cannot
 // be opened (logged, result_ set).
 bool Extraction::open_directory(const char *name, size_t length) {
-  directory_.reset();
+  directory_ = 0;
+  for (int i = 1; i < kOpenDirectories; ++i) {
+    if (last_used_[i] < last_used_[directory_]) directory_ = i;
+  }
+  TarnFd &directory = directories_[directory_];
+  directory.reset();
   bool ends_in_link = false;
   if (!links_stay_inside(*buffers_, destination_length_ + 1, &ends_in_link)) {
     refuse_link(name);
@@ -419,15 +449,16 @@ bool Extraction::open_directory(const char *name, size_t length) {
   // the directory's place since is not. The destination itself is not
   // checked, and is followed as it always has been.
   const bool follow = ends_in_link || length <= destination_length_;
-  directory_.reset(open(path_, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW)));
-  if (directory_.get() < 0) {
+  directory.reset(open(path_, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW)));
+  if (directory.get() < 0) {
     const int error = errno;
     join(name);
     LOG(warn, "Couldn't create %s, errcode:0x%x\n", path_, error);
     result_ = 1;
     return false;
   }
-  tarn_strlcpy(directory_path_, path_, sizeof(directory_path_));
+  tarn_strlcpy(directory_paths_[directory_], path_, kPathSize);
+  last_used_[directory_] = ++uses_;
   return true;
 }
 
@@ -438,15 +469,16 @@ bool Extraction::open_directory(const char *name, size_t length) {
 // existed loses them at once.
 int Extraction::create_file(const char *name) {
   const char *base = path_ + base_;
-  const int fd = openat(directory_.get(), base, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  const int fd = openat(directory_fd(), base, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  created_new_ = fd >= 0;
   if (fd >= 0 || errno != EEXIST) return fd;
   struct stat st;
-  if (fstatat(directory_.get(), base, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
+  if (fstatat(directory_fd(), base, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
     tarn_strlcpy(buffers_->link, path_, sizeof(buffers_->link));
     refuse_link(name);
     return kRefused;
   }
-  const int existing = openat(directory_.get(), base, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+  const int existing = openat(directory_fd(), base, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
   if (existing >= 0) drop_set_id_bits(existing);
   return existing;
 }
@@ -469,7 +501,8 @@ void Extraction::finish_file(bool apply_mode) {
     return;
   }
   // Through the open descriptor: a path could meanwhile name something else.
-  if (apply_mode) fchmod(out_.fd(), (mode_t)mode_);
+  // A file made new already has the mode that its creation gave it.
+  if (apply_mode && !(created_new_ && (mode_t)mode_ == creation_mode_)) fchmod(out_.fd(), (mode_t)mode_);
   out_.discard();
 }
 
@@ -477,7 +510,7 @@ void Extraction::write_failed() {
   const int error = errno;
   LOG(warn, "Error writing %s -- skipping, errcode:0x%x\n", path_, error);
   out_.discard();
-  unlinkat(directory_.get(), path_ + base_, 0);
+  unlinkat(directory_fd(), path_ + base_, 0);
   result_ = 1;
 }
 

@@ -1,5 +1,7 @@
 #include "replace_file.h"
 
+#include "tarnbase/tarn_process.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -47,23 +49,6 @@ int sync_directory(const std::string &directory) {
   return result;
 }
 
-// The process's umask, read without changing it (umask(2) would, for a
-// moment, for every thread); 022 when /proc cannot tell.
-mode_t current_umask() {
-  mode_t mask = 022;
-  FILE *status = fopen("/proc/self/status", "re");
-  if (status == nullptr) return mask;
-  char line[256];
-  while (fgets(line, sizeof(line), status) != nullptr) {
-    unsigned value = 0;
-    if (sscanf(line, "Umask: %o", &value) == 1) {
-      mask = (mode_t)value & 0777;
-      break;
-    }
-  }
-  fclose(status);
-  return mask;
-}
 
 // Gives the new file the permissions of the regular file that it replaces
 // (a link at path is replaced, not followed: a link's target lends
@@ -71,7 +56,7 @@ mode_t current_umask() {
 int take_over_attributes(int fd, const char *path) {
   struct stat old;
   if (lstat(path, &old) != 0 || !S_ISREG(old.st_mode)) {
-    return fchmod(fd, 0666 & ~current_umask()) == 0 ? 0 : errno;
+    return fchmod(fd, 0666 & ~(mode_t)tarn_process_get_umask()) == 0 ? 0 : errno;
   }
   // chown first: it may clear set-id bits, which fchmod then restores.
   if (old.st_uid != geteuid() || old.st_gid != getegid()) {

@@ -327,6 +327,22 @@ extern "C" {
 
 TARNBASE_API int tarn_process_get_pid(void) { return (int)getpid(); }
 
+TARNBASE_API unsigned int tarn_process_get_umask(void) {
+  unsigned int mask = 022;
+  FILE *status = fopen("/proc/self/status", "re");
+  if (status == nullptr) return mask;
+  char line[256];
+  while (fgets(line, sizeof(line), status) != nullptr) {
+    unsigned value = 0;
+    if (sscanf(line, "Umask: %o", &value) == 1) {
+      mask = value & 0777;
+      break;
+    }
+  }
+  fclose(status);
+  return mask;
+}
+
 TARNBASE_API int tarn_process_is_exist(int pid) {
   if (pid <= 0) return 0;
   if (kill(pid, 0) != 0 && errno != EPERM) return 0;

@@ -77,6 +77,15 @@ class Disposition {
 // ---------------------------------------------------------------------------
 // Waiting
 
+TEST_F(ProcessTest, TheUmaskIsReadWithoutBeingChanged) {
+  const mode_t saved = umask(027);
+  EXPECT_EQ(027u, tarn_process_get_umask());
+  EXPECT_EQ(027u, tarn_process_get_umask());  // still 027: reading left it
+  umask(0);
+  EXPECT_EQ(0u, tarn_process_get_umask());
+  umask(saved);
+}
+
 TEST_F(ProcessTest, WaitingReturnsTheExitStatus) {
   EXPECT_EQ(3, tarn_process_create("/bin/sh -c 'exit 3'", 1));
   EXPECT_EQ(0, tarn_process_create("/bin/true", 1));

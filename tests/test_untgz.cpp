@@ -401,6 +401,24 @@ TEST_F(UntgzTest, FileMemberCreatesItsDirectoriesWithTheMembersOwnMode) {
   EXPECT_EQ(file_mode(in_dest("a/b/c.txt")), 0444);
 }
 
+TEST_F(UntgzTest, EveryFileEndsWithItsMembersModeWhateverTheUmask) {
+  // A new file whose mode is what its creation gave it is not changed
+  // again; every other one is.
+  for (const mode_t mask : {0000, 0022, 0077}) {
+    umask(mask);
+    const std::string dest = dest_ + std::to_string(mask);
+    const std::vector<Member> members = {{"rw.txt", "a", '0', "0000644"}, {"own.txt", "b", '0', "0000600"},
+                                         {"all.txt", "c", '0', "0000666"}, {"run.sh", "d", '0', "0000755"}};
+    EXPECT_EQ(untgz_file(tgz_of(members).c_str(), dest.c_str()), 0) << mask;
+    EXPECT_EQ(file_mode(dest + "/rw.txt"), 0644) << mask;
+    EXPECT_EQ(file_mode(dest + "/own.txt"), 0600) << mask;
+    EXPECT_EQ(file_mode(dest + "/all.txt"), 0666) << mask;
+    EXPECT_EQ(file_mode(dest + "/run.sh"), 0755) << mask;
+  }
+  umask(022);
+  EXPECT_NO_LINES();
+}
+
 TEST_F(UntgzTest, DirectoryMadeForAMemberOfMode0444MakesLaterSiblingsFailCouldntCreate) {
   EXPECT_EQ(untgz_file(tgz_of({{"a/b/c.txt", "first", '0', "0000444"}}, "first").c_str(), dest_.c_str()), 0);
   ASSERT_EQ(file_mode(in_dest("a/b")), 0444);

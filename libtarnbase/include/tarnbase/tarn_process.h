@@ -16,6 +16,11 @@ TARNBASE_BEGIN_DECLS
 /* The calling process's pid. */
 TARNBASE_API int tarn_process_get_pid(void);
 
+/* The calling process's file mode creation mask (umask), read without
+ * changing it: umask(2) would change it for every thread, for a moment, to
+ * read it. 022 when /proc/self/status cannot be read. */
+TARNBASE_API unsigned int tarn_process_get_umask(void);
+
 /* Non-zero when a live process with this pid exists, 0 otherwise (pid 0 or
  * less, no such process, or a zombie that has exited and waits for its
  * parent). A process that belongs to another user counts as existing. */
