@@ -84,14 +84,16 @@ TARNAUX_BEGIN_DECLS
  * A refused member creates nothing; a refused file's data blocks are read
  * and dropped. Extraction then goes on with the next member, and the call
  * returns 1 at the end; a refusal alone logs no "broken archive".
- * When the checks run: a directory member's path is checked just before it
- * is made. A file's directory is checked when it is not one of the eight
- * directories of the files created last; it is then made and opened at
- * once (its last component without following a link, unless the check
- * found one that stays inside), and it stays open until the least recently
- * used of the eight gives way to another. The file is created in that open
- * directory by its name
- * alone (openat), so a component of the directory's path that another
+ * When the checks run: the extractor keeps eight checked directories open.
+ * A directory member whose parent is one of them is made in it by its last
+ * name alone (mkdirat, then given its exact mode) and kept open in its
+ * turn; one whose parent is not, or at whose name something other than a
+ * directory stands, has its path checked just before it is made. A file's
+ * directory is checked when it is not one of the open ones; it is then
+ * made and opened at once (its last component without following a link,
+ * unless the check found one that stays inside), and it stays open until
+ * the least recently used of the eight gives way to another. The file is
+ * created in its open directory by its name alone (openat), so a component of the directory's path that another
  * process swaps for a link while the call runs, between two files or
  * between the check and the file's creation, does not redirect the file:
  * it lands in the directory that was checked (a directory swapped between

@@ -241,7 +241,7 @@ class Extraction {
   void handle_data();
   void finish_file(bool apply_mode);
   void write_failed();
-  bool admit_directory(const char *name);
+  bool make_in_open_parent();
   bool admit_name(const char *name);
   void refuse_link(const char *name);
   // A refused file's data blocks are read and dropped.
@@ -274,11 +274,14 @@ class Extraction {
   uint64_t uses_ = 0;
   int directory_ = 0;  // the current file's
   int directory_fd() const { return directories_[directory_].get(); }
-  bool find_open_directory();
+  int find_open_directory(const char *path, size_t length) const;
+  int least_recently_used() const;
+  void note_use(int slot) { last_used_[slot] = ++uses_; }
   size_t base_ = 0;  // the offset of the current file's name in path_
   bool created_new_ = false;  // the current file did not exist before
+  const mode_t umask_ = (mode_t)tarn_process_get_umask();
   // What open(2) gives a new file made with 0666 under this umask.
-  const mode_t creation_mode_ = 0666 & ~(mode_t)tarn_process_get_umask();
+  const mode_t creation_mode_ = 0666 & ~umask_;
   OutputFile out_{buffers_->write};
   int mode_ = 0;
 };
@@ -359,17 +362,51 @@ void Extraction::refuse_link(const char *name) {
   refused_ = true;
 }
 
-bool Extraction::admit_directory(const char *name) {
+void Extraction::make_directory(const char *name) {
+  if (!admit_name(name) || make_in_open_parent()) return;
   bool ends_in_link = false;
-  if (!admit_name(name)) return false;
-  if (links_stay_inside(*buffers_, destination_length_ + 1, &ends_in_link)) return true;
-  refuse_link(name);
-  return false;
+  if (!links_stay_inside(*buffers_, destination_length_ + 1, &ends_in_link)) {
+    refuse_link(name);
+    return;
+  }
+  tarn_dirutils_mkdir(path_, mode_);
 }
 
-void Extraction::make_directory(const char *name) {
-  if (!admit_directory(name)) return;
-  tarn_dirutils_mkdir(path_, mode_);
+// A directory member whose parent is one of the open directories is made
+// in it by its last name alone: the parent's path was checked when it was
+// opened, and mkdirat makes nothing through a link. The new directory is
+// kept open for the files that follow. Returns false, having changed
+// nothing, when the parent is not open or something other than a
+// directory stands at the name: the checks by path then decide, as for any
+// other member. A directory that cannot be made is not reported, as
+// tarn_dirutils_mkdir's failure is not.
+bool Extraction::make_in_open_parent() {
+  size_t end = strlen(path_);
+  while (end > 0 && path_[end - 1] == '/') --end;
+  size_t parent_end = end;
+  while (parent_end > 0 && path_[parent_end - 1] != '/') --parent_end;
+  const size_t name_start = parent_end;
+  while (parent_end > 0 && path_[parent_end - 1] == '/') --parent_end;
+  if (parent_end == 0 || name_start == end) return false;
+  const int parent_slot = find_open_directory(path_, parent_end);
+  if (parent_slot < 0) return false;
+  const int parent = directories_[parent_slot].get();
+  char (&name)[kPathSize] = buffers_->link;
+  tarn_strlcpy(name, path_ + name_start, end - name_start + 1);
+  if (mkdirat(parent, name, (mode_t)mode_) != 0) {
+    if (errno != EEXIST) return true;
+    struct stat st;
+    return fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+  }
+  TarnFd made(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (made.get() < 0) return true;
+  // mkdir applied the umask; the member's mode is the one wanted.
+  if (((mode_t)mode_ & ~umask_) != (mode_t)mode_) fchmod(made.get(), (mode_t)mode_);
+  const int slot = least_recently_used();
+  directories_[slot].reset(made.release());
+  tarn_strlcpy(directory_paths_[slot], path_, end + 1);
+  note_use(slot);
+  return true;
 }
 
 void Extraction::start_file(const char *name) {
@@ -384,7 +421,11 @@ void Extraction::start_file(const char *name) {
     return;
   }
   const size_t length = strlen(get_basedir(path_));
-  if (!find_open_directory() && !open_directory(name, length)) {
+  const int open_slot = find_open_directory(path_, length);
+  if (open_slot >= 0) {
+    directory_ = open_slot;
+    note_use(open_slot);
+  } else if (!open_directory(name, length)) {
     if (result_ == 0) drop_data(size);  // refused, not failed
     return;
   }
@@ -411,17 +452,24 @@ void Extraction::start_file(const char *name) {
   expect_header_ = false;
 }
 
-// With path_ cut to the directory part of the member name: makes the open
-// directory of that path the current one, if there is one.
-bool Extraction::find_open_directory() {
+// The slot of the open directory whose path is the first length bytes of
+// path, or -1.
+int Extraction::find_open_directory(const char *path, size_t length) const {
   for (int i = 0; i < kOpenDirectories; ++i) {
-    if (directories_[i].get() >= 0 && strcmp(path_, directory_paths_[i]) == 0) {
-      directory_ = i;
-      last_used_[i] = ++uses_;
-      return true;
+    if (directories_[i].get() >= 0 && strncmp(path, directory_paths_[i], length) == 0 &&
+        directory_paths_[i][length] == '\0') {
+      return i;
     }
   }
-  return false;
+  return -1;
+}
+
+int Extraction::least_recently_used() const {
+  int slot = 0;
+  for (int i = 1; i < kOpenDirectories; ++i) {
+    if (last_used_[i] < last_used_[slot]) slot = i;
+  }
+  return slot;
 }
 
 // With path_ cut to the directory part (length bytes) of the member name:
@@ -430,10 +478,7 @@ bool Extraction::find_open_directory() {
 // false when the member is refused (refused_ set) or the directory cannot
 // be opened (logged, result_ set).
 bool Extraction::open_directory(const char *name, size_t length) {
-  directory_ = 0;
-  for (int i = 1; i < kOpenDirectories; ++i) {
-    if (last_used_[i] < last_used_[directory_]) directory_ = i;
-  }
+  directory_ = least_recently_used();
   TarnFd &directory = directories_[directory_];
   directory.reset();
   bool ends_in_link = false;
@@ -458,7 +503,7 @@ bool Extraction::open_directory(const char *name, size_t length) {
     return false;
   }
   tarn_strlcpy(directory_paths_[directory_], path_, kPathSize);
-  last_used_[directory_] = ++uses_;
+  note_use(directory_);
   return true;
 }
 

@@ -797,6 +797,60 @@ TEST_F(UntgzTest, DirectorySwappedForALinkOutsideBetweenTwoOfItsFilesIsNotFollow
   EXPECT_EQ(read_file(in_dest("next.txt")), "next");
 }
 
+TEST_F(UntgzTest, DirectorySwappedForALinkOutsideIsNotFollowedByItsSubdirectoryMember) {
+  const std::string outside = tmp_ + "/outside";
+  ASSERT_TRUE(make_dirs(outside));
+  ASSERT_TRUE(make_dirs(dest_));
+  ASSERT_EQ(chmod(tmp_.c_str(), 0755), 0);
+  ASSERT_EQ(chmod(dest_.c_str(), 0777), 0);
+  Member sub{"d/sub/", "", '5', "0000750"};
+  const std::string tgz = tgz_of({{"d/one.txt", "one"}, sub, {"d/sub/two.txt", "two"}});
+  int swapped = -1;
+  run_before_read(kSecondHeaderRead, [&] {
+    swapped = tarn_test::as_local_user([&] {
+      return rename(in_dest("d").c_str(), in_dest("moved").c_str()) == 0 &&
+                     symlink(outside.c_str(), in_dest("d").c_str()) == 0
+                 ? 0
+                 : 1;
+    });
+  });
+  EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 0);
+  EXPECT_EQ(swapped, 0);
+  EXPECT_NO_LINES();
+  EXPECT_TRUE(list_directory(outside).empty());
+  EXPECT_EQ(file_mode(in_dest("moved/sub")), 0750);
+  EXPECT_EQ(read_file(in_dest("moved/sub/two.txt")), "two");
+}
+
+TEST_F(UntgzTest, DirectoryMembersGetTheirModeWhateverTheUmask) {
+  for (const mode_t mask : {0000, 0022, 0077}) {
+    umask(mask);
+    const std::string dest = dest_ + std::to_string(mask);
+    Member top{"top/", "", '5', "0000755"};
+    Member open{"top/open/", "", '5', "0000777"};
+    Member own{"top/own/", "", '5', "0000700"};
+    EXPECT_EQ(untgz_file(tgz_of({{"top/first.txt", "f"}, top, open, own}).c_str(), dest.c_str()), 0) << mask;
+    EXPECT_EQ(file_mode(dest + "/top/open"), 0777) << mask;
+    EXPECT_EQ(file_mode(dest + "/top/own"), 0700) << mask;
+  }
+  umask(022);
+  EXPECT_NO_LINES();
+}
+
+TEST_F(UntgzTest, LinkAtADirectoryMembersNameInAnOpenDirectoryIsCheckedByItsPath) {
+  const std::string outside = tmp_ + "/outside";
+  ASSERT_TRUE(make_dirs(outside));
+  ASSERT_TRUE(make_dirs(in_dest("d")));
+  ASSERT_EQ(symlink(outside.c_str(), in_dest("d/away").c_str()), 0);
+  Member away{"d/away/", "", '5', "0000755"};
+  EXPECT_EQ(untgz_file(tgz_of({{"d/one.txt", "one"}, away, {"d/two.txt", "two"}}).c_str(), dest_.c_str()), 1);
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{format("member d/away/ goes through symbolic link %s -- skipping\n",
+                                             in_dest("d/away").c_str())}));
+  EXPECT_TRUE(list_directory(outside).empty());
+  EXPECT_EQ(read_file(in_dest("d/two.txt")), "two");
+}
+
 TEST_F(UntgzTest, ExistingFileWithSetIdBitsLosesThemBeforeItsNewDataIsWritten) {
   ASSERT_TRUE(make_dirs(in_dest("bin")));
   ASSERT_TRUE(write_file(in_dest("bin/tool"), "old program", 06755));
