@@ -154,6 +154,9 @@ extern "C" int gzread(gzFile file, voidp buffer, unsigned length) {
 
 namespace {
 
+// The read of the second member's header block.
+constexpr unsigned kSecondHeaderRead = 2;
+
 class UntgzTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -186,6 +189,27 @@ class UntgzTest : public ::testing::Test {
     ASSERT_EQ(mount("untgz-test", path.c_str(), "tmpfs", 0, format("size=%dk", size_kb).c_str()), 0)
         << strerror(errno);
     mounts_.push_back(path);
+  }
+
+  // In a destination that every user may write, another user moves the
+  // directory "d" away to "moved" and puts a link to <tmp>/outside
+  // (returned) in its place, just before the second header is read: after
+  // the first member was written. *swapped gets the user's result.
+  std::string swap_d_for_a_link_after_its_first_file(int *swapped) {
+    const std::string outside = tmp_ + "/outside";
+    EXPECT_TRUE(make_dirs(outside));
+    EXPECT_TRUE(make_dirs(dest_));
+    EXPECT_EQ(chmod(tmp_.c_str(), 0755), 0);
+    EXPECT_EQ(chmod(dest_.c_str(), 0777), 0);
+    run_before_read(kSecondHeaderRead, [this, outside, swapped] {
+      *swapped = tarn_test::as_local_user([&] {
+        return rename(in_dest("d").c_str(), in_dest("moved").c_str()) == 0 &&
+                       symlink(outside.c_str(), in_dest("d").c_str()) == 0
+                   ? 0
+                   : 1;
+      });
+    });
+    return outside;
   }
 
   std::string tmp_;
@@ -768,26 +792,11 @@ TEST_F(UntgzTest, FullDiskFoundWhenTheLastBufferedBytesAreFlushedDeletesTheFile)
 
 // The blocks read before the second member's header: the first member's
 // header and its one data block.
-constexpr unsigned kSecondHeaderRead = 2;
 
 TEST_F(UntgzTest, DirectorySwappedForALinkOutsideBetweenTwoOfItsFilesIsNotFollowed) {
-  const std::string outside = tmp_ + "/outside";
-  ASSERT_TRUE(make_dirs(outside));
-  ASSERT_TRUE(make_dirs(dest_));
-  ASSERT_EQ(chmod(tmp_.c_str(), 0755), 0);
-  ASSERT_EQ(chmod(dest_.c_str(), 0777), 0);
-  const std::string tgz = tgz_of({{"d/one.txt", "one"}, {"d/two.txt", "two"}, {"next.txt", "next"}});
-  // Another user moves the directory away and puts a link to a directory
-  // of its choice in its place, after the first file was written into it.
   int swapped = -1;
-  run_before_read(kSecondHeaderRead, [&] {
-    swapped = tarn_test::as_local_user([&] {
-      return rename(in_dest("d").c_str(), in_dest("moved").c_str()) == 0 &&
-                     symlink(outside.c_str(), in_dest("d").c_str()) == 0
-                 ? 0
-                 : 1;
-    });
-  });
+  const std::string outside = swap_d_for_a_link_after_its_first_file(&swapped);
+  const std::string tgz = tgz_of({{"d/one.txt", "one"}, {"d/two.txt", "two"}, {"next.txt", "next"}});
   EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 0);
   EXPECT_EQ(swapped, 0);
   EXPECT_NO_LINES();
@@ -798,22 +807,10 @@ TEST_F(UntgzTest, DirectorySwappedForALinkOutsideBetweenTwoOfItsFilesIsNotFollow
 }
 
 TEST_F(UntgzTest, DirectorySwappedForALinkOutsideIsNotFollowedByItsSubdirectoryMember) {
-  const std::string outside = tmp_ + "/outside";
-  ASSERT_TRUE(make_dirs(outside));
-  ASSERT_TRUE(make_dirs(dest_));
-  ASSERT_EQ(chmod(tmp_.c_str(), 0755), 0);
-  ASSERT_EQ(chmod(dest_.c_str(), 0777), 0);
+  int swapped = -1;
+  const std::string outside = swap_d_for_a_link_after_its_first_file(&swapped);
   Member sub{"d/sub/", "", '5', "0000750"};
   const std::string tgz = tgz_of({{"d/one.txt", "one"}, sub, {"d/sub/two.txt", "two"}});
-  int swapped = -1;
-  run_before_read(kSecondHeaderRead, [&] {
-    swapped = tarn_test::as_local_user([&] {
-      return rename(in_dest("d").c_str(), in_dest("moved").c_str()) == 0 &&
-                     symlink(outside.c_str(), in_dest("d").c_str()) == 0
-                 ? 0
-                 : 1;
-    });
-  });
   EXPECT_EQ(untgz_file(tgz.c_str(), dest_.c_str()), 0);
   EXPECT_EQ(swapped, 0);
   EXPECT_NO_LINES();
