@@ -10,25 +10,11 @@
 #include <string>
 
 #include "tarnbase/tarn_file.h"
+#include "unique_fd.h"
 
 namespace tarnbase {
 
 namespace {
-
-// Closes a descriptor on every way out.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FileDescriptor(const FileDescriptor &) = delete;
-  FileDescriptor &operator=(const FileDescriptor &) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // The next size of a buffer that the first used bytes of fd filled: the
 // file's size and a byte more (so that its end shows without growing
@@ -142,7 +128,7 @@ bool has_ini_inline_comment(const char *text) {
 }
 
 int parse_ini_file(const char *path, IniHandler handler, void *user) {
-  const FileDescriptor fd(tarn_file_open_regular(path, kIniFileMaxBytes));
+  const tarnbase::UniqueFd fd(tarn_file_open_regular(path, kIniFileMaxBytes));
   if (fd.get() < 0) return -1;
   try {
     std::string text;

@@ -17,20 +17,13 @@
 
 #include "exe_path.h"
 #include "errno_result.h"
+#include "unique_fd.h"
 
 namespace {
 
 using tarnbase::fail;
 
-struct Fd {
-  int fd = -1;
-  explicit Fd(int descriptor) : fd(descriptor) {}
-  ~Fd() {
-    if (fd >= 0) close(fd);
-  }
-  Fd(const Fd &) = delete;
-  Fd &operator=(const Fd &) = delete;
-};
+using Fd = tarnbase::UniqueFd;
 
 // Opens the directory name in parent, creating it with exactly mode when it
 // is missing. The new directory is opened without following a link and
@@ -66,9 +59,9 @@ int make_last(const std::string &path, mode_t mode) {
   const std::string name = path.substr(slash + 1, end - slash);
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   Fd parent_fd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (parent_fd.fd < 0) return errno;
-  Fd made(open_or_make(parent_fd.fd, name.c_str(), mode));
-  return made.fd < 0 ? errno : 0;
+  if (parent_fd.get() < 0) return errno;
+  Fd made(open_or_make(parent_fd.get(), name.c_str(), mode));
+  return made.get() < 0 ? errno : 0;
 }
 
 // Creates path component by component from the root (or the working
@@ -76,7 +69,7 @@ int make_last(const std::string &path, mode_t mode) {
 int make_tree(const std::string &path, mode_t mode) {
   constexpr mode_t kParentMode = 0755;
   Fd current(open(path[0] == '/' ? "/" : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (current.fd < 0) return errno;
+  if (current.get() < 0) return errno;
   size_t start = 0;
   while (start < path.size()) {
     if (path[start] == '/') {
@@ -88,10 +81,9 @@ int make_tree(const std::string &path, mode_t mode) {
     const size_t rest = path.find_first_not_of('/', end);
     const bool last = rest == std::string::npos;
     const std::string name = path.substr(start, end - start);
-    const int next = open_or_make(current.fd, name.c_str(), last ? mode : kParentMode);
+    const int next = open_or_make(current.get(), name.c_str(), last ? mode : kParentMode);
     if (next < 0) return errno;
-    close(current.fd);
-    current.fd = next;
+    current.reset(next);
     start = end;
   }
   return 0;
@@ -148,18 +140,18 @@ int entry_type(int fd, const char *name) {
 // walk or 0, and stores in *error 0 or the reason that nothing was listed.
 int list(const char *dir, void *user, tarn_dirutils_listdir_fn callback, int *error) {
   Fd fd(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (fd.fd < 0) {
+  if (fd.get() < 0) {
     *error = errno;
     return 0;
   }
   std::vector<std::string> names;
-  *error = read_names(fd.fd, &names);
+  *error = read_names(fd.get(), &names);
   if (*error != 0) return 0;
   std::string path(dir);
   if (path.back() != '/') path += '/';
   const size_t prefix = path.size();
   for (const std::string &name : names) {
-    const int type = entry_type(fd.fd, name.c_str());
+    const int type = entry_type(fd.get(), name.c_str());
     if (type < 0) continue;
     path.resize(prefix);
     path += name;
@@ -189,11 +181,11 @@ int remove_contents(int fd) {
     int flags = 0;
     if (S_ISDIR(st.st_mode)) {
       Fd child(openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      if (child.fd < 0) {
+      if (child.get() < 0) {
         note(&first, errno);
         continue;
       }
-      note(&first, remove_contents(child.fd));
+      note(&first, remove_contents(child.get()));
       flags = AT_REMOVEDIR;
     }
     if (unlinkat(fd, name.c_str(), flags) != 0 && errno != ENOENT) note(&first, errno);
@@ -203,8 +195,8 @@ int remove_contents(int fd) {
 
 int remove_tree(const char *path) {
   Fd fd(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (fd.fd < 0) return errno == ELOOP ? ENOTDIR : errno;
-  int first = remove_contents(fd.fd);
+  if (fd.get() < 0) return errno == ELOOP ? ENOTDIR : errno;
+  int first = remove_contents(fd.get());
   if (rmdir(path) != 0) note(&first, errno);
   return first;
 }

@@ -1,0 +1,29 @@
+// A file descriptor closed on every way out of its scope.
+#ifndef TARNBASE_UNIQUE_FD_H
+#define TARNBASE_UNIQUE_FD_H
+
+#include <unistd.h>
+
+namespace tarnbase {
+
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd = -1) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(const UniqueFd &) = delete;
+  UniqueFd &operator=(const UniqueFd &) = delete;
+
+  int get() const { return fd_; }
+  // Closes the descriptor held, if any, and holds fd instead.
+  void reset(int fd = -1) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_;
+};
+
+}  // namespace tarnbase
+
+#endif
