@@ -39,6 +39,7 @@
 
 #include "child_process.h"
 #include "files.h"
+#include "local_user.h"
 #include "fchmod_hook.h"
 #include "without_dac_override.h"
 
@@ -684,9 +685,9 @@ TEST_F(FsTest, FullControlDoesNotFollowALink) {
 // shares it with mode; "error N" when the call fails.
 std::string shared_under(const std::string &config, const std::string &path, unsigned mode) {
   tarn_test::Pipe answer;
+  const tarn_test::BaseConfigFile file(config);
   const pid_t child = tarn_test::fork_child([&] {
-    mkdir("/etc/velmora", 0755);
-    if (!write_file(TARN_LOG_CONFIG_PATH, config)) return 1;
+    if (!file.ok()) return 1;
     const int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
     const int result = tarn_file_share_fd(fd, mode);
     close(fd);
@@ -695,7 +696,6 @@ std::string shared_under(const std::string &config, const std::string &path, uns
   int result = -1;
   const bool got = answer.read_int(&result);
   EXPECT_EQ(0, tarn_test::reap(child));
-  unlink(TARN_LOG_CONFIG_PATH);
   if (!got) return "no answer";
   if (result != 0) return "error " + std::to_string(result);
   struct stat st;
@@ -735,16 +735,12 @@ TEST_F(FsTest, SharingWithAnUnknownAgentGroupOpensToNobodyElse) {
 
 TEST_F(FsTest, ANewLockFileIsTheAgentGroupsOnlyWhenOneIsSet) {
   const std::string lock = at("record.ini.lock");
-  const pid_t child = tarn_test::fork_child([&] {
-    mkdir("/etc/velmora", 0755);
-    if (!write_file(TARN_LOG_CONFIG_PATH, "[security]\nagent_group = nogroup\n")) return 1;
+  EXPECT_EQ(0, tarn_test::with_agent_group("nogroup", [&] {
     tarn_flock_t *handle = nullptr;
     if (tarn_flock_init(lock.c_str(), &handle) != 0) return 2;
     tarn_flock_destroy(handle);
     return 0;
-  });
-  EXPECT_EQ(0, tarn_test::reap(child));
-  unlink(TARN_LOG_CONFIG_PATH);
+  }));
   struct stat st;
   ASSERT_EQ(0, stat(lock.c_str(), &st));
   EXPECT_EQ(0660u, st.st_mode & 07777);

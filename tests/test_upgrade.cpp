@@ -36,6 +36,7 @@
 #include "file_faults.h"
 #include "install_root.h"
 #include "interpose.h"
+#include "local_user.h"
 #include "log_checks.h"
 #include "manifests.h"
 #include "time_limit.h"
@@ -392,12 +393,10 @@ TEST_F(UpgradeTest, AgentIdDirWithAnAgentGroupIsOpenToThatGroupOnly) {
   const std::string outside = data_root() + "/velmora/outside";
   ASSERT_TRUE(write_file(outside, "outside", 0600));
   ASSERT_EQ(symlink(outside.c_str(), (agent_id_dir() + "link").c_str()), 0);
-  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(30, [] {
-    mkdir("/etc/velmora", 0755);
-    if (!write_file(TARN_LOG_CONFIG_PATH, "[security]\nagent_group = nogroup\n")) return 1;
-    return set_tarn_agentid_dir();
-  });
-  unlink(TARN_LOG_CONFIG_PATH);
+  const tarn_test::BaseConfigFile config(tarn_test::agent_group_config("nogroup"));
+  ASSERT_TRUE(config.ok());
+  const tarn_test::ChildOutcome outcome =
+      tarn_test::run_in_child_with_time_limit(30, [] { return set_tarn_agentid_dir(); });
   EXPECT_TRUE(outcome.exited);
   EXPECT_EQ(outcome.exit_status, 0);
   ASSERT_EQ(outcome.lines.size(), 1u);

@@ -226,12 +226,10 @@ TEST_F(FilesAttackTest, ANewAppHomeGivesTheUserOnlyTheFlagsDirectory) {
 // of it is left to others, and its parents are 0755 as before.
 TEST_F(FilesAttackTest, WithAnAgentGroupTheFlagsDirectoryIsTheGroupsOnly) {
   const std::string home = under_root(kHomeA);
-  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(30, [&] {
-    mkdir("/etc/velmora", 0755);
-    if (!write_file(TARN_LOG_CONFIG_PATH, "[security]\nagent_group = nogroup\n")) return 1;
-    return tarn_apphome_create_flag(home.c_str(), "flag_operational") == 0 ? 0 : 2;
-  });
-  unlink(TARN_LOG_CONFIG_PATH);
+  const tarn_test::BaseConfigFile config(tarn_test::agent_group_config("nogroup"));
+  ASSERT_TRUE(config.ok());
+  const tarn_test::ChildOutcome outcome = tarn_test::run_in_child_with_time_limit(
+      30, [&] { return tarn_apphome_create_flag(home.c_str(), "flag_operational") == 0 ? 0 : 2; });
   EXPECT_TRUE(outcome.exited);
   EXPECT_EQ(0, outcome.exit_status);
   EXPECT_TRUE(outcome.lines.empty());

@@ -45,13 +45,10 @@ TEST_F(RecordAttackTest, ALineSmuggledPastANulByteIsNotRead) {
   EXPECT_LOGGED("warn", "tarn_ini_file_load is failed\n");
 }
 
-// The record and its backup after a fresh process, configured with
-// config, updated them: "mode gid" of each.
-std::string record_access_after_update(const std::string &config) {
-  mkdir("/etc/velmora", 0755);
-  if (!write_file(TARN_LOG_CONFIG_PATH, config)) return "no configuration";
-  const int status = tarn_test::reap(tarn_test::fork_child([] { return tarn_apphome_update(kHomeA, nullptr); }));
-  unlink(TARN_LOG_CONFIG_PATH);
+// The record and its backup after a fresh process, with group as the
+// agent group ("": none), updated them: "mode gid" of each.
+std::string record_access_after_update(const std::string &group) {
+  const int status = tarn_test::with_agent_group(group, [] { return tarn_apphome_update(kHomeA, nullptr); });
   if (status != 0) return "update gave " + std::to_string(status);
   std::string access;
   for (const char *path : {kRecordPath, tarn_test::kBackupPath}) {
@@ -77,7 +74,7 @@ TEST_F(RecordAttackTest, WithoutAnAgentGroupTheRecordIsOpenToAllUsers) {
 }
 
 TEST_F(RecordAttackTest, WithAnAgentGroupOnlyRootAndTheGroupReachTheRecord) {
-  EXPECT_EQ("0660 65534;0660 65534;", record_access_after_update("[security]\nagent_group = nogroup\n"));
+  EXPECT_EQ("0660 65534;0660 65534;", record_access_after_update("nogroup"));
   EXPECT_TRUE(readable_by(tarn_test::kLocalUser, tarn_test::kLocalGroup, kRecordPath));
   EXPECT_FALSE(readable_by(kOtherUser, kOtherGroup, kRecordPath));
   EXPECT_FALSE(readable_by(kOtherUser, kOtherGroup, tarn_test::kBackupPath));

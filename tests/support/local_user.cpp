@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "child_process.h"
+#include "files.h"
 
 namespace tarn_test {
 
@@ -26,5 +27,14 @@ int as_user(uid_t uid, gid_t gid, const std::function<int()> &body) {
 }
 
 int as_local_user(const std::function<int()> &body) { return as_user(kLocalUser, kLocalGroup, body); }
+
+std::string agent_group_config(const std::string &group) { return "[security]\nagent_group = " + group + "\n"; }
+
+int with_agent_group(const std::string &group, const std::function<int()> &body) {
+  const BaseConfigFile config(agent_group_config(group));
+  if (!config.ok()) return kCannotBecomeLocalUser;
+  const pid_t pid = fork_child(body);
+  return pid > 0 ? reap(pid) : -1;
+}
 
 }  // namespace tarn_test

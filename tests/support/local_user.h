@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <string>
 
 namespace tarn_test {
 
@@ -27,6 +28,15 @@ pid_t start_as_local_user(const std::function<int()> &body);
 
 // as_local_user for another user: uid and gid, no supplementary group.
 int as_user(uid_t uid, gid_t gid, const std::function<int()> &body);
+
+// The configuration text that names group as the agent group.
+std::string agent_group_config(const std::string &group);
+
+// Forks a child that runs body under a configuration naming group as the
+// agent group (BaseConfigFile, files.h, removed again before this returns);
+// returns reap()'s answer, or kCannotBecomeLocalUser when the file could
+// not be written.
+int with_agent_group(const std::string &group, const std::function<int()> &body);
 
 }  // namespace tarn_test
 

@@ -5,9 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "child_process.h"
-#include "files.h"
-
 namespace tarn_test {
 
 bool plant_object(const std::string &path, const std::string &content, uid_t uid, gid_t gid,
@@ -35,19 +32,6 @@ std::string describe_object(const std::string &path) {
 ino_t inode_of(const std::string &path) {
   struct stat st;
   return lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
-}
-
-int with_agent_group(const std::string &group, const std::function<int()> &body) {
-  const pid_t child = fork_child([&] {
-    if (!make_dirs("/etc/velmora") ||
-        !write_file(kBaseConfigPath, "[security]\nagent_group = " + group + "\n")) {
-      return 120;
-    }
-    return body();
-  });
-  const int result = child > 0 ? reap(child) : -1;
-  unlink(kBaseConfigPath);
-  return result;
 }
 
 }  // namespace tarn_test
