@@ -19,6 +19,8 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -36,6 +38,7 @@
 #include <tarnbase/tarn_glock.h>
 #include <tarnbase/tarn_shm.h>
 
+#include "child_logs.h"
 #include "child_process.h"
 #include "fakes.h"
 #include "files.h"
@@ -335,6 +338,7 @@ class ProcHeartbeatTest : public ::testing::Test {
     proc_heartbeat_deinit(true);
     unlink(tarn_test::kHeartbeatSegmentPath);
     unlink(tarn_test::kHeartbeatLockPath);
+    unlink(tarn_test::kHeartbeatSidePath);
     tarn_test::reset_fakes();
   }
 
@@ -637,6 +641,262 @@ TEST_F(ProcHeartbeatTest, AFailedMappingFailsInitAndRemovesTheSegment) {
   g_shm_map_error = 0;
   EXPECT_EQ(proc_heartbeat_init(1), 0);
   EXPECT_EQ(add_self(1), 0);
+}
+
+// ---------------------------------------------------------------------------
+// A process that only attaches and fails its init leaves the table, the
+// side segment and the lock to the service and the other workers.
+
+// What the others depend on: each shared object's inode, and the table.
+std::string shared_state() {
+  std::string state;
+  for (const char *path : {tarn_test::kHeartbeatSegmentPath, tarn_test::kHeartbeatSidePath,
+                           tarn_test::kHeartbeatLockPath})
+    state += format("%s:%llu ", path, (unsigned long long)tarn_test::inode_of(path));
+  return state + tarn_test::read_file(tarn_test::kHeartbeatSegmentPath);
+}
+
+// Runs init(1) in a child that starts as a fresh process would, after
+// `before` has been done there; returns its outcome (exit status: init's
+// result).
+tarn_test::ChildOutcome attach_in_child(const std::function<void()> &before) {
+  return tarn_test::run_in_child([&] {
+    proc_heartbeat_deinit(false);
+    tarn_test::clear_logs();
+    before();
+    exit(proc_heartbeat_init(1));
+  });
+}
+
+// Lets the calling process open `spare` more descriptors, and no more.
+void allow_descriptors(int spare) {
+  const int lowest_free = dup(0);
+  close(lowest_free);
+  const struct rlimit limit = {(rlim_t)(lowest_free + spare), (rlim_t)(lowest_free + spare)};
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_F(ProcHeartbeatTest, AnAttachingProcessOutOfDescriptorsLeavesTheTableAndItsLockToTheOthers) {
+  ASSERT_NO_FATAL_FAILURE(start_service());
+  const std::string before = shared_state();
+  // Each number of spare descriptors makes a later step of init fail.
+  const std::vector<std::string> expected = {
+      format("share memory init failed, error:%d, mode:1, flag:1\n", EMFILE),
+      format("global lock init failed, error: %d\n", EMFILE),
+      format("share memory init failed, error:%d, mode:1, flag:1\n", EMFILE),
+  };
+  for (int spare = 0; spare < (int)expected.size(); ++spare) {
+    SCOPED_TRACE(format("spare descriptors: %d", spare));
+    const tarn_test::ChildOutcome outcome = attach_in_child([spare] { allow_descriptors(spare); });
+    EXPECT_EQ(outcome.exit_status, EMFILE);
+    ASSERT_EQ(outcome.lines.size(), 1u);
+    EXPECT_EQ(outcome.lines[0].word, "warn");
+    EXPECT_EQ(outcome.lines[0].message, expected[spare]);
+    EXPECT_EQ(shared_state(), before);
+  }
+  EXPECT_EQ(update_proc_beat_tick(), 0) << dump_logs();
+  const tarn_test::ChildOutcome worker = attach_in_child([] {});
+  EXPECT_EQ(worker.exit_status, 0);
+  EXPECT_EQ(tarn_test::messages("warn"), std::vector<std::string>{});
+}
+
+TEST_F(ProcHeartbeatTest, AnAttachingProcessWhoseMappingIsRefusedLeavesTheTableAndItsLockToTheOthers) {
+  ASSERT_NO_FATAL_FAILURE(start_service());
+  const std::string before = shared_state();
+  const tarn_test::ChildOutcome outcome = attach_in_child([] { g_shm_map_error = ENOMEM; });
+  EXPECT_EQ(outcome.exit_status, ENOMEM);
+  ASSERT_EQ(outcome.lines.size(), 1u);
+  EXPECT_EQ(outcome.lines[0].word, "warn");
+  EXPECT_EQ(outcome.lines[0].message, format("share memory map failed, error: %d\n", ENOMEM));
+  EXPECT_EQ(shared_state(), before);
+  EXPECT_EQ(update_proc_beat_tick(), 0) << dump_logs();
+}
+
+// ---------------------------------------------------------------------------
+// A change of the table that a killed holder left half-done.
+
+// The side segment, mapped read-write by the test.
+proc_heartbeat_side_t *map_side() {
+  const int fd = open(tarn_test::kHeartbeatSidePath, O_RDWR | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  void *base = mmap(nullptr, sizeof(proc_heartbeat_side_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  return base == MAP_FAILED ? nullptr : static_cast<proc_heartbeat_side_t *>(base);
+}
+
+TEST_F(ProcHeartbeatTest, TheNextHolderUndoesAChangeThatItsKilledHolderLeftHalfDone) {
+  ASSERT_NO_FATAL_FAILURE(start_service());
+  ASSERT_EQ(add_fake(kFakePid), 1);
+  RawTable table;
+  proc_heartbeat_side_t *side = map_side();
+  ASSERT_TRUE(table.ok());
+  ASSERT_NE(side, nullptr);
+  EXPECT_EQ(side->magic, PROC_HEARTBEAT_SIDE_MAGIC);
+  EXPECT_EQ(side->journal.active, 0u);
+  const proc_heartbeat_segment_t before = table.snapshot();
+
+  // A delete of slot 1 killed after it lowered the count and cleared the pid.
+  side->journal.slot = 1;
+  side->journal.proc_num = table->proc_num;
+  side->journal.entry = table.slot(1);
+  side->journal.active = 1;
+  table->proc_num -= 1;
+  table.slot(1).pid = 0;
+
+  tarn_test::clear_logs();
+  proc_heartbeat_info_t out[PROC_HEARTBEAT_MAX_PROCS];
+  EXPECT_EQ(get_all_proc_heartbeats(out, PROC_HEARTBEAT_MAX_PROCS), 2);
+  EXPECT_EQ(tarn_test::logs().size(), 2u) << dump_logs();
+  EXPECT_LOGGED("warn", "heartbeat slot 1 was left half-changed by a process that died, restored\n");
+  EXPECT_LOGGED("info", "get all processes heartbeats successed, proc_num: 2\n");
+  EXPECT_TRUE(table.equals(before));
+  EXPECT_EQ(side->journal.active, 0u);
+
+  // Repaired once: the next holder finds nothing to do.
+  tarn_test::clear_logs();
+  EXPECT_EQ(get_all_proc_heartbeats(out, PROC_HEARTBEAT_MAX_PROCS), 2);
+  EXPECT_NO_LINES_AT("warn");
+  munmap(side, sizeof(*side));
+}
+
+TEST_F(ProcHeartbeatTest, EveryChangeOfTheTableLeavesTheJournalInactive) {
+  ASSERT_NO_FATAL_FAILURE(start_service());
+  proc_heartbeat_side_t *side = map_side();
+  ASSERT_NE(side, nullptr);
+  ASSERT_EQ(add_fake(kFakePid), 1);
+  ASSERT_EQ(add_wtdog_heartbeat(), 0);
+  EXPECT_EQ(del_proc_heartbeat_by_pid(kFakePid), 0);
+  ASSERT_EQ(add_fake(kFakePid + 1), 1);
+  EXPECT_EQ(del_proc_heartbeat_by_idx(1), 0);
+  // The list mirrors slot 0 (the service) and adds one record.
+  proc_heartbeat_info_t service = make_info(self_pid(), PROC_HEARTBEAT_TYPE_SERVICE, 10);
+  proc_heartbeat_info_t record = make_info(kFakePid + 2, 1, 10);
+  proc_heartbeat_info_t *list[2] = {&service, &record};
+  tarn_test::set_process_exists(kFakePid + 2, false);
+  EXPECT_EQ(sync_proc_heartbeat_infos(list, 2), 0);
+  EXPECT_EQ(update_proc_beat_tick(), 0);
+  EXPECT_EQ(side->journal.active, 0u);
+  RawTable table;
+  ASSERT_TRUE(table.ok());
+  EXPECT_EQ(table->proc_num, table.occupied());
+  munmap(side, sizeof(*side));
+}
+
+// ---------------------------------------------------------------------------
+// A worker's pid that goes to another process before the service sweeps.
+//
+// The scenario runs in a new pid namespace, whose first process (the
+// service here) can choose the next pid through ns_last_pid: a worker
+// registers and dies, and an unrelated process is started at once with
+// the worker's pid. Each process reports what it saw as text through a
+// pipe.
+
+enum class ReuseCheck { kTimeoutScan, kSweep, kImpostorBeats, kImpostorRegisters };
+
+void report(int fd, const std::string &text) {
+  if (write(fd, text.data(), text.size()) != (ssize_t)text.size()) _exit(98);
+}
+
+// What the impostor or the service does once the worker's pid is taken.
+std::string reuse_check(ReuseCheck check, pid_t worker) {
+  std::string seen;
+  tarn_test::clear_logs();
+  switch (check) {
+    case ReuseCheck::kTimeoutScan: {
+      tarn_test::set_tick(kTick + 61000);
+      proc_heartbeat_info_t out[PROC_HEARTBEAT_MAX_PROCS];
+      int32_t total = 0;
+      const int32_t found = get_beat_timeout_procs(out, PROC_HEARTBEAT_MAX_PROCS, 60, &total);
+      seen = format("found:%d total:%d", found, total);
+      for (int32_t i = 0; i < found; ++i) seen += format(" pid:%d", out[i].pid);
+      break;
+    }
+    case ReuseCheck::kSweep: seen = format("beat:%d", update_proc_beat_tick()); break;
+    case ReuseCheck::kImpostorBeats: seen = format("beat:%d", update_proc_beat_tick()); break;
+    case ReuseCheck::kImpostorRegisters: {
+      seen = format("add:%d", add_self(2));
+      proc_heartbeat_info_t entry;
+      if (get_proc_heartbeat_info(worker, &entry) == 0)
+        seen += format(" ptype:%u tick:%" PRIu64, entry.ptype, entry.tick);
+      break;
+    }
+  }
+  seen += "\n";
+  for (const tarn_test::LogLine &line : tarn_test::logs()) seen += line.word + " " + line.message;
+  return seen;
+}
+
+// The namespace's first process: the service.
+int reuse_scenario(ReuseCheck check, int report_fd) {
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("proc", "/proc", "proc", 0, nullptr) != 0)
+    return 90;
+  tarn_test::set_tick(kTick);
+  if (proc_heartbeat_init(0) != 0 || add_self(PROC_HEARTBEAT_TYPE_SERVICE) != 0) return 91;
+  const pid_t worker = fork_child([] { return add_self(1); });
+  if (reap(worker) != 1) return 92;
+  const int last_pid = open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC);
+  const std::string previous = std::to_string(worker - 1);
+  if (last_pid < 0 || write(last_pid, previous.data(), previous.size()) <= 0) return 93;
+  close(last_pid);
+  const bool impostor_acts = check == ReuseCheck::kImpostorBeats || check == ReuseCheck::kImpostorRegisters;
+  tarn_test::Pipe done;
+  const pid_t impostor = fork_child([&] {
+    if (getpid() != worker) return 94;
+    if (impostor_acts) report(report_fd, reuse_check(check, worker));
+    int ignored = 0;
+    return done.read_int(&ignored, 10000) ? 0 : 95;
+  });
+  if (impostor != worker) return 96;
+  if (!impostor_acts) report(report_fd, reuse_check(check, worker));
+  done.write_int(1);
+  return reap(impostor);
+}
+
+// Runs the scenario; returns what was reported, with the worker's pid (2,
+// the namespace's second process) written as W.
+std::string run_reuse_scenario(ReuseCheck check) {
+  tarn_test::Pipe reported;
+  const pid_t outer = fork_child([&] {
+    reported.close_read();
+    if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) return 80;
+    return reap(fork_child([&] { return reuse_scenario(check, reported.write_fd()); }));
+  });
+  reported.close_write();
+  std::string text;
+  char buffer[512];
+  ssize_t length;
+  while ((length = read(reported.read_fd(), buffer, sizeof(buffer))) > 0) text.append(buffer, (size_t)length);
+  const int status = reap(outer);
+  if (status != 0) text += format("\n<scenario ended with %d>", status);
+  return std::regex_replace(text, std::regex("pid:2\\b"), "pid:W");
+}
+
+TEST_F(ProcHeartbeatTest, TheTimeoutScanDoesNotReportAProcessThatWasGivenADeadWorkersPid) {
+  EXPECT_EQ(run_reuse_scenario(ReuseCheck::kTimeoutScan),
+            "found:1 total:2 pid:1\n"
+            "info get heartbeat timeout processes successed, total: 1, max_tmdf:60\n");
+}
+
+TEST_F(ProcHeartbeatTest, TheSweepClearsTheEntryOfAWorkerWhosePidWentToAnotherProcess) {
+  EXPECT_EQ(run_reuse_scenario(ReuseCheck::kSweep),
+            "beat:0\n"
+            "warn the process[pid:W, ptype:1, pidx:1] is not exist, heartbeat will be cleared\n"
+            "debug update process heartbeat [pid:1, idx:0] tick successed\n");
+}
+
+TEST_F(ProcHeartbeatTest, AProcessGivenADeadWorkersPidDoesNotBeatForIt) {
+  EXPECT_EQ(run_reuse_scenario(ReuseCheck::kImpostorBeats),
+            "beat:-5\n"
+            "warn update process heartbeat tick failed, because of pid:W not exist\n");
+}
+
+TEST_F(ProcHeartbeatTest, AProcessGivenADeadWorkersPidRegistersAfreshInsteadOfTakingItsEntry) {
+  EXPECT_EQ(run_reuse_scenario(ReuseCheck::kImpostorRegisters),
+            format("add:1 ptype:2 tick:%" PRIu64 "\n", kTick) +
+                "warn the process[pid:W, ptype:1, pidx:1] is not exist, heartbeat will be cleared\n"
+                "info add process heartbeat [pid:W, idx:1, ptype:2, tick:" +
+                std::to_string(kTick) + " successed\n" + "info get process heartbeat [pid:W, idx:1] info successed\n");
 }
 
 // ---------------------------------------------------------------------------

@@ -412,3 +412,142 @@ TEST_F(RunTest, WithoutSpecialFilesCapMknodIsGoneForGoodAndNoPrivilegeCanBeGaine
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Who a process is
+
+// A child that waits until the pipe is closed, so the test decides when it
+// ends.
+class WaitingChild {
+ public:
+  WaitingChild() {
+    pid_ = fork_child([this] {
+      stop_.close_write();
+      int ignored = 0;
+      stop_.read_int(&ignored, 30000);
+      return 0;
+    });
+    stop_.close_read();
+  }
+  ~WaitingChild() { end(); }
+  pid_t pid() const { return pid_; }
+  // Lets it exit and waits until it has, without reaping it (a zombie).
+  void end_leaving_zombie() {
+    stop_.close_write();
+    siginfo_t info;
+    while (waitid(P_PID, (id_t)pid_, &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+  }
+  void end() {
+    if (pid_ <= 0) return;
+    stop_.close_write();
+    reap(pid_);
+    pid_ = -1;
+  }
+
+ private:
+  tarn_test::Pipe stop_;
+  pid_t pid_ = -1;
+};
+
+TEST(ProcessIdentity, RefusesBadArgumentsWithEinval) {
+  tarn_process_identity_t identity;
+  EXPECT_EQ(tarn_process_get_identity(0, &identity), EINVAL);
+  EXPECT_EQ(tarn_process_get_identity(-1, &identity), EINVAL);
+  EXPECT_EQ(tarn_process_get_identity(getpid(), nullptr), EINVAL);
+  EXPECT_EQ(tarn_process_get_self_identity(nullptr), EINVAL);
+  EXPECT_EQ(tarn_process_identity_same(nullptr, &identity), 0);
+  EXPECT_EQ(tarn_process_identity_same(&identity, nullptr), 0);
+  EXPECT_EQ(tarn_process_open(0), -1);
+  EXPECT_EQ(errno, EINVAL);
+  unsigned char exited[1];
+  EXPECT_EQ(tarn_process_poll_exited(nullptr, 1, exited), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(ProcessIdentity, TheCallersIdentityIsItsOwnAndStaysTheSame) {
+  tarn_process_identity_t self;
+  tarn_process_identity_t read;
+  ASSERT_EQ(tarn_process_get_self_identity(&self), 0);
+  ASSERT_EQ(tarn_process_get_identity(getpid(), &read), 0);
+  EXPECT_EQ(self.pid, getpid());
+  EXPECT_GT(self.start_time, 0u);
+  EXPECT_EQ(self.reserved, 0u);
+  EXPECT_EQ(tarn_process_identity_same(&self, &read), 1);
+  tarn_process_identity_t again;
+  ASSERT_EQ(tarn_process_get_self_identity(&again), 0);
+  EXPECT_EQ(memcmp(&self, &again, sizeof(self)), 0);
+}
+
+TEST(ProcessIdentity, AForkedChildHasAnIdentityOfItsOwn) {
+  tarn_process_identity_t parent;
+  ASSERT_EQ(tarn_process_get_self_identity(&parent), 0);
+  tarn_test::Pipe answer;
+  const pid_t child = fork_child([&] {
+    tarn_process_identity_t self;
+    tarn_process_identity_t read;
+    const bool own = tarn_process_get_self_identity(&self) == 0 && self.pid == getpid() &&
+                     tarn_process_identity_same(&self, &parent) == 0 &&
+                     tarn_process_get_identity(getpid(), &read) == 0 &&
+                     tarn_process_identity_same(&self, &read) == 1;
+    answer.write_int(own ? 1 : 0);
+    return 0;
+  });
+  int own = -1;
+  EXPECT_TRUE(answer.read_int(&own));
+  EXPECT_EQ(own, 1);
+  EXPECT_EQ(reap(child), 0);
+}
+
+TEST(ProcessIdentity, IdentitiesDifferInPidStartTimeBootIdOrPidfsInode) {
+  WaitingChild child;
+  tarn_process_identity_t a;
+  ASSERT_EQ(tarn_process_get_identity(child.pid(), &a), 0);
+  EXPECT_EQ(a.pid, child.pid());
+  tarn_process_identity_t b = a;
+  EXPECT_EQ(tarn_process_identity_same(&a, &b), 1);
+  b.start_time += 1;
+  EXPECT_EQ(tarn_process_identity_same(&a, &b), 0);
+  b = a;
+  b.boot_id[15] ^= 1;
+  EXPECT_EQ(tarn_process_identity_same(&a, &b), 0);
+  b = a;
+  b.pid += 1;
+  EXPECT_EQ(tarn_process_identity_same(&a, &b), 0);
+  b = a;
+  b.pidfs_inode = a.pidfs_inode + 1;
+  EXPECT_EQ(tarn_process_identity_same(&a, &b), a.pidfs_inode == 0 ? 1 : 0);
+  // An inode known on one side only does not decide.
+  b.pidfs_inode = 0;
+  EXPECT_EQ(tarn_process_identity_same(&a, &b), 1);
+}
+
+TEST(ProcessIdentity, AnExitedProcessHasNoneAndItsDescriptorSaysSo) {
+  WaitingChild child;
+  const int fd = tarn_process_open(child.pid());
+  if (fd < 0 && errno == ENOSYS) GTEST_SKIP() << "no pidfd on this system";
+  ASSERT_GE(fd, 0) << strerror(errno);
+  EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+  unsigned char exited[2] = {9, 9};
+  const int fds[2] = {fd, fd};
+  ASSERT_EQ(tarn_process_poll_exited(fds, 2, exited), 0);
+  EXPECT_EQ(exited[0], 0);
+  EXPECT_EQ(exited[1], 0);
+
+  child.end_leaving_zombie();
+  tarn_process_identity_t identity;
+  EXPECT_EQ(tarn_process_get_identity(child.pid(), &identity), ESRCH);
+  EXPECT_EQ(identity.pid, 0);
+  ASSERT_EQ(tarn_process_poll_exited(fds, 2, exited), 0);
+  EXPECT_EQ(exited[0], 1);
+  EXPECT_EQ(exited[1], 1);
+
+  const pid_t pid = child.pid();
+  child.end();
+  EXPECT_EQ(tarn_process_get_identity(pid, &identity), ESRCH);
+  ASSERT_EQ(tarn_process_poll_exited(fds, 1, exited), 0);
+  EXPECT_EQ(exited[0], 1);
+  close(fd);
+  EXPECT_EQ(tarn_process_open(pid), -1);
+  EXPECT_EQ(errno, ESRCH);
+}

@@ -275,6 +275,7 @@ constexpr char kLockPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME ".glock";
 void remove_heartbeat_segments() {
   shm_unlink(kTableName);
   shm_unlink(kLockName);
+  shm_unlink("/" PROC_HEARTBEAT_SIDE_NAME);
 }
 
 class FaultTest : public ::testing::Test {
@@ -1054,14 +1055,19 @@ void expect_init_faults(uint32_t mode, int flag) {
                                                    error, mode, flag)}));
       }
       EXPECT_TRUE(tarn_test::messages("info").empty()) << dump_logs();
-      // Undone: nothing open, nothing mapped, no table left behind but an
-      // empty segment that could not be sized, which the next opener sizes.
+      // Undone: nothing open, nothing mapped. The service leaves no table
+      // behind but an empty segment that could not be sized, which the
+      // next opener sizes; a worker leaves what it made to the others.
       EXPECT_EQ(open_descriptors(), descriptors);
       EXPECT_EQ(heartbeat_mappings(), mappings);
       struct stat table;
-      if (stat(kTablePath, &table) == 0) {
+      if (stat(kTablePath, &table) == 0 && mode == 0) {
         EXPECT_EQ(table.st_size, 0);
         EXPECT_EQ(call, Call::kFtruncate);
+      }
+      if (stat(kTablePath, &table) == 0 && mode != 0) {
+        EXPECT_TRUE(table.st_size == 0 || table.st_size == (off_t)sizeof(proc_heartbeat_segment_t))
+            << table.st_size;
       }
       tarn_test::clear_logs();
       proc_heartbeat_info_t info = {(int32_t)getpid(), 0, 10, 1, 0};
@@ -1077,9 +1083,9 @@ void expect_init_faults(uint32_t mode, int flag) {
       }
     }
   }
-  // Each kind once for the table and once for the lock, the lock's segment
-  // being mapped before the table's.
-  EXPECT_EQ(runs, 6u);
+  // Each kind once for the table, once for the lock and once for the side
+  // segment, the lock's segment being mapped before the table's.
+  EXPECT_EQ(runs, 9u);
 }
 
 TEST_F(FaultTest, ServiceInitUndoesEverythingOnEveryFailedSegmentOrLockCall) {

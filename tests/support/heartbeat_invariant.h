@@ -31,6 +31,7 @@ namespace tarn_test {
 // Where the table's segment and its global lock live.
 constexpr char kHeartbeatSegmentPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME;
 constexpr char kHeartbeatLockPath[] = "/dev/shm/" PROC_HEARTBEAT_SHM_NAME ".glock";
+constexpr char kHeartbeatSidePath[] = "/dev/shm/" PROC_HEARTBEAT_SIDE_NAME;
 
 // How to read the segment.
 enum class TableRead {
