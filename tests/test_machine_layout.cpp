@@ -65,17 +65,23 @@ std::string compiled_layout() {
   const uint16_t probe = 1;
   uint8_t first_byte = 0;
   memcpy(&first_byte, &probe, 1);
-  char line[320];
+  char line[512];
   snprintf(line, sizeof(line),
            "heartbeat segment layout: size %zu magic %zu proc_num %zu entries %zu slots %zu "
-           "slot_size %zu pid %zu idx %zu interval %zu ptype %zu tick %zu byte_order %s",
+           "slot_size %zu pid %zu idx %zu interval %zu ptype %zu tick %zu byte_order %s "
+           "side %zu journal %zu journal_size %zu identities %zu identity_size %zu start_time %zu "
+           "pidfs_inode %zu boot_id %zu",
            sizeof(proc_heartbeat_segment_t), offsetof(proc_heartbeat_segment_t, magic),
            offsetof(proc_heartbeat_segment_t, proc_num), offsetof(proc_heartbeat_segment_t, entries),
            sizeof(proc_heartbeat_segment_t::entries) / sizeof(proc_heartbeat_info_t),
            sizeof(proc_heartbeat_info_t), offsetof(proc_heartbeat_info_t, pid),
            offsetof(proc_heartbeat_info_t, idx), offsetof(proc_heartbeat_info_t, interval),
            offsetof(proc_heartbeat_info_t, ptype), offsetof(proc_heartbeat_info_t, tick),
-           first_byte == 1 ? "little" : "big");
+           first_byte == 1 ? "little" : "big", sizeof(proc_heartbeat_side_t),
+           offsetof(proc_heartbeat_side_t, journal), sizeof(proc_heartbeat_journal_t),
+           offsetof(proc_heartbeat_side_t, identity), sizeof(tarn_process_identity_t),
+           offsetof(tarn_process_identity_t, start_time), offsetof(tarn_process_identity_t, pidfs_inode),
+           offsetof(tarn_process_identity_t, boot_id));
   return line;
 }
 
@@ -84,7 +90,9 @@ TEST(HeartbeatSegment, CompiledLayoutIsTheDocumentedOne) {
   printf("%s\n", layout.c_str());
   EXPECT_EQ(layout,
             "heartbeat segment layout: size 1544 magic 0 proc_num 4 entries 8 slots 64 "
-            "slot_size 24 pid 0 idx 4 interval 8 ptype 12 tick 16 byte_order little");
+            "slot_size 24 pid 0 idx 4 interval 8 ptype 12 tick 16 byte_order little "
+            "side 2608 journal 8 journal_size 40 identities 48 identity_size 40 start_time 8 "
+            "pidfs_inode 16 boot_id 24");
 }
 
 uint64_t little_endian(const std::string &bytes, size_t offset, size_t width) {
