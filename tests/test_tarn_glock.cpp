@@ -229,6 +229,15 @@ std::vector<int> gather(Pipe &from_children, int count) {
   return results;
 }
 
+// Checks that lock, which holder holds, stays busy for wait_ms, and is free
+// once the holder released it.
+void expect_held_until_released(Holder &holder, tarn_glock_t *lock, uint32_t wait_ms) {
+  EXPECT_EQ(tarn_glock_acquire_timeout(lock, wait_ms), ETIMEDOUT);
+  EXPECT_EQ(holder.release(), 0);
+  EXPECT_EQ(tarn_glock_acquire_timeout(lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(lock), 0);
+}
+
 // A lock handle that is destroyed at the end of the scope.
 struct LockHandle {
   tarn_glock_t *lock = nullptr;
@@ -307,10 +316,7 @@ TEST(GlobalLock, ReleaseByAProcessThatDoesNotHoldTheLockIsEpermAndChangesNothing
   ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
   EXPECT_EQ(tarn_glock_release(h.lock), EPERM);
   // The holder still has it.
-  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), ETIMEDOUT);
-  EXPECT_EQ(holder.release(), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
-  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  expect_held_until_released(holder, h.lock, 0);
 }
 
 TEST(GlobalLock, AcquireTimesOutAfterTheTimeoutOnTheMonotonicClock) {
@@ -369,10 +375,7 @@ TEST(GlobalLock, DestroyingAHandleLeavesTheLockAndItsHolder) {
 
   LockHandle second;
   ASSERT_EQ(tarn_glock_init(name.c_str(), &second.lock), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(second.lock, 0), ETIMEDOUT);
-  EXPECT_EQ(holder.release(), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(second.lock, 0), 0);
-  EXPECT_EQ(tarn_glock_release(second.lock), 0);
+  expect_held_until_released(holder, second.lock, 0);
 }
 
 // ---------------------------------------------------------------------------
@@ -657,10 +660,7 @@ TEST(GlobalLock, AHolderInAChildPidNamespaceIsAliveForAWaiterOutsideIt) {
   ASSERT_EQ(holder.acquired(), 0);
   LockHandle h;
   ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 100), ETIMEDOUT);
-  EXPECT_EQ(holder.release(), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
-  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  expect_held_until_released(holder, h.lock, 100);
 }
 
 TEST(GlobalLock, AWaiterWithoutProcWaitsForALiveHolderAndTakesADeadOnesLock) {
