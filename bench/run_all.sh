@@ -181,5 +181,9 @@ echo "| parsing | tarn_ini_file_load, 2,000 keys (139 KB), per second | $(per_se
 echo "| parsing | version_mgr_parser_version per second | $(per_second "$(gb parse.json parse_version)") | | | | | |"
 echo "| parsing | argment_paras_create, 100 options, per second | $(per_second "$(gb parse.json create_arguments)") | | | | | |"
 glock=$(gb glock.json glock_acquire_release) cas=$(gb glock.json atomic_cas_pair) flock=$(gb glock.json flock_pair)
-echo "| global lock | acquire + release, ns | $(fmt "$glock" 0) | CAS pair / flock pair | $(fmt "$cas" 0) / $(fmt "$flock" 0) | $(ratio "$glock" "$cas") / $(ratio "$glock" "$flock") | | |"
+robust=$(gb glock.json robust_mutex_pair) killed=$(gb glock.json glock_after_killed_waiters)
+echo "| global lock | acquire + release, ns | $(fmt "$glock" 0) | CAS pair / robust mutex pair / flock pair | $(fmt "$cas" 0) / $(fmt "$robust" 0) / $(fmt "$flock" 0) | $(ratio "$glock" "$cas") / $(ratio "$glock" "$robust") / $(ratio "$glock" "$flock") | | |"
+echo "| global lock | acquire + release after 1,000 waiters were killed waiting, ns | $(fmt "$killed" 0) | the same before | $(fmt "$glock" 0) | $(ratio "$killed" "$glock") | | |"
+pid=$(gb glock.json process_get_pid) getpid=$(gb glock.json getpid_call)
+echo "| process | tarn_process_get_pid, ns | $(fmt "$pid" 1) | getpid() | $(fmt "$getpid" 1) | $(ratio "$pid" "$getpid") | | |"
 say "raw results in $raw"

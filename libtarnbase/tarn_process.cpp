@@ -30,6 +30,7 @@
 
 #include "command_output.h"
 #include "proc_stat.h"
+#include "self_pid.h"
 
 namespace {
 
@@ -387,7 +388,7 @@ int run(const char *path, char *const argv[], char *const envp[], int input_fd, 
 
 extern "C" {
 
-TARNBASE_API int tarn_process_get_pid(void) { return (int)getpid(); }
+TARNBASE_API int tarn_process_get_pid(void) { return tarnbase::self_pid(); }
 
 TARNBASE_API unsigned int tarn_process_get_umask(void) {
   unsigned int mask = 022;

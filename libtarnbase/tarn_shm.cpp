@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "shm_name.h"
+#include "shm_reopen.h"
 #include "errno_result.h"
 #include "tarnbase/tarn_file.h"
 
@@ -99,6 +100,19 @@ int open_object(const char *name, int flag, size_t size, int *fd) {
 }
 
 }  // namespace
+
+int tarnbase::shm_reopen(const tarn_shm_t *handle, int *fd) {
+  const int opened = shm_open(handle->name, O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0);
+  if (opened < 0) return errno;
+  struct stat ours, again;
+  if (fstat(handle->fd, &ours) != 0 || fstat(opened, &again) != 0 || ours.st_dev != again.st_dev ||
+      ours.st_ino != again.st_ino) {
+    close(opened);
+    return ESTALE;
+  }
+  *fd = opened;
+  return 0;
+}
 
 extern "C" {
 

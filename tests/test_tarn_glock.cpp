@@ -10,17 +10,22 @@
 #include <errno.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -59,6 +64,38 @@ extern "C" __attribute__((visibility("default"))) int shm_unlink(const char *nam
   return result;
 }
 
+// A counter of the futex system calls that libtarnbase.so makes through
+// syscall(), which this definition stands in front of.
+
+namespace {
+
+int g_futex_calls = 0;
+
+bool is_futex(long number) {
+#ifdef SYS_futex_time64
+  if (number == SYS_futex_time64) return true;
+#endif
+#ifdef SYS_futex
+  if (number == SYS_futex) return true;
+#endif
+  return false;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) long syscall(long number, ...) {
+  static const auto real = tarn_test::next_definition<long (*)(long, ...)>("syscall");
+  // Every system call takes at most six word-sized arguments; reading six
+  // is what the C library's own syscall() does.
+  va_list list;
+  va_start(list, number);
+  long args[6];
+  for (long &arg : args) arg = va_arg(list, long);
+  va_end(list);
+  if (is_futex(number)) __atomic_add_fetch(&g_futex_calls, 1, __ATOMIC_SEQ_CST);
+  return real(number, args[0], args[1], args[2], args[3], args[4], args[5]);
+}
+
 namespace {
 
 using tarn_test::Barrier;
@@ -90,25 +127,37 @@ off_t shm_size(const std::string &key) {
   return st.st_size;
 }
 
+// Makes this process's mounts private to a mount namespace of its own, so
+// that what it mounts next is seen by nobody else. False on failure.
+bool enter_private_mount_namespace() {
+  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+// Mounts, in a private mount namespace, the /proc of the pid namespace that
+// the calling process belongs to, as a container has it. False on failure.
+bool mount_own_proc() {
+  return enter_private_mount_namespace() &&
+         mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0;
+}
+
 // A child process that opens the lock name and takes it. It then waits for
 // the parent: release() makes it give the lock back and exit; kill()
-// ends it with SIGKILL while it still holds the lock.
+// ends it with SIGKILL while it still holds the lock. A holder made with
+// kNewPidNamespace is the first process (pid 1) of a pid namespace of its
+// own with its own /proc, below an intermediate child; only release() ends
+// it.
 class Holder {
  public:
-  explicit Holder(const std::string &name) {
+  enum Where { kSamePidNamespace, kNewPidNamespace };
+
+  explicit Holder(const std::string &name, Where where = kSamePidNamespace) {
     pid_ = fork_child([&]() {
       to_parent_.close_read();
       from_parent_.close_write();
-      tarn_glock_t *lock = nullptr;
-      int ret = tarn_glock_init(name.c_str(), &lock);
-      if (ret == 0) ret = tarn_glock_acquire_timeout(lock, 5000);
-      to_parent_.write_int(ret);
-      if (ret != 0) return 1;
-      int command = 0;
-      if (!from_parent_.read_int(&command, 60000)) return 2;
-      to_parent_.write_int(tarn_glock_release(lock));
-      tarn_glock_destroy(lock);
-      return 0;
+      if (where == kSamePidNamespace) return hold(name);
+      if (unshare(CLONE_NEWPID) != 0) return 3;
+      const pid_t inner = fork_child([&]() { return mount_own_proc() ? hold(name) : 5; });
+      return inner > 0 ? reap(inner) : 4;
     });
     to_parent_.close_write();
     from_parent_.close_read();
@@ -149,6 +198,20 @@ class Holder {
   }
 
  private:
+  // The holding child's body.
+  int hold(const std::string &name) {
+    tarn_glock_t *lock = nullptr;
+    int ret = tarn_glock_init(name.c_str(), &lock);
+    if (ret == 0) ret = tarn_glock_acquire_timeout(lock, 5000);
+    to_parent_.write_int(ret);
+    if (ret != 0) return 1;
+    int command = 0;
+    if (!from_parent_.read_int(&command, 60000)) return 2;
+    to_parent_.write_int(tarn_glock_release(lock));
+    tarn_glock_destroy(lock);
+    return 0;
+  }
+
   Pipe to_parent_;
   Pipe from_parent_;
   pid_t pid_ = -1;
@@ -164,6 +227,15 @@ std::vector<int> gather(Pipe &from_children, int count) {
     results.push_back(value);
   }
   return results;
+}
+
+// Checks that lock, which holder holds, stays busy for wait_ms, and is free
+// once the holder released it.
+void expect_held_until_released(Holder &holder, tarn_glock_t *lock, uint32_t wait_ms) {
+  EXPECT_EQ(tarn_glock_acquire_timeout(lock, wait_ms), ETIMEDOUT);
+  EXPECT_EQ(holder.release(), 0);
+  EXPECT_EQ(tarn_glock_acquire_timeout(lock, 0), 0);
+  EXPECT_EQ(tarn_glock_release(lock), 0);
 }
 
 // A lock handle that is destroyed at the end of the scope.
@@ -219,7 +291,7 @@ TEST(GlobalLock, LockStateLivesInTheSegmentNamedAfterTheLock) {
   LockHandle h;
   ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
   EXPECT_TRUE(shm_exists(name + ".glock"));
-  EXPECT_GE(shm_size(name + ".glock"), 64);
+  EXPECT_EQ(shm_size(name + ".glock"), 8256);
 }
 
 TEST(GlobalLock, ReleasingAFreeLockIsEpermAndTheSecondReleaseToo) {
@@ -244,10 +316,7 @@ TEST(GlobalLock, ReleaseByAProcessThatDoesNotHoldTheLockIsEpermAndChangesNothing
   ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
   EXPECT_EQ(tarn_glock_release(h.lock), EPERM);
   // The holder still has it.
-  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), ETIMEDOUT);
-  EXPECT_EQ(holder.release(), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
-  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  expect_held_until_released(holder, h.lock, 0);
 }
 
 TEST(GlobalLock, AcquireTimesOutAfterTheTimeoutOnTheMonotonicClock) {
@@ -306,10 +375,7 @@ TEST(GlobalLock, DestroyingAHandleLeavesTheLockAndItsHolder) {
 
   LockHandle second;
   ASSERT_EQ(tarn_glock_init(name.c_str(), &second.lock), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(second.lock, 0), ETIMEDOUT);
-  EXPECT_EQ(holder.release(), 0);
-  EXPECT_EQ(tarn_glock_acquire_timeout(second.lock, 0), 0);
-  EXPECT_EQ(tarn_glock_release(second.lock), 0);
+  expect_held_until_released(holder, second.lock, 0);
 }
 
 // ---------------------------------------------------------------------------
@@ -464,6 +530,174 @@ TEST(GlobalLock, ExcludesConcurrentProcessesSoSharedCountsAreExact) {
 }
 
 // ---------------------------------------------------------------------------
+// Global lock: waiting costs, killed waiters, and the holder's liveness
+
+// The CPU time this process has used, user and system, in microseconds.
+int64_t cpu_us() {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return (int64_t)(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000000 +
+         usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
+}
+
+// The state letter of /proc/<pid>/stat (R, S, D, Z...), or '?'.
+char process_state(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t end = stat.rfind(") ");
+  return end == std::string::npos || end + 2 >= stat.size() ? '?' : stat[end + 2];
+}
+
+TEST(GlobalLock, ATimedOutWaitOf100MsSleepsAndUsesLessThan2MsOfCpu) {
+  const std::string name = unique_name("cpu");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  // A first, short wait, so that an emulator has translated the code.
+  ASSERT_EQ(tarn_glock_acquire_timeout(h.lock, 10), ETIMEDOUT);
+  const int64_t before = cpu_us();
+  EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 100), ETIMEDOUT);
+  EXPECT_LT(cpu_us() - before, 2000);
+  EXPECT_EQ(holder.release(), 0);
+}
+
+TEST(GlobalLock, AThousandWaitersKilledWhileWaitingLeaveUncontendedUseWithoutFutexCalls) {
+  const std::string name = unique_name("killed_waiters");
+  constexpr int kWaiters = 1000;
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  ASSERT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  // Each waiter uses the handle it inherits; it only ever waits.
+  std::vector<pid_t> waiters;
+  for (int i = 0; i < kWaiters; ++i) {
+    waiters.push_back(fork_child([&]() { return tarn_glock_acquire_timeout(h.lock, 600000) + 10; }));
+    ASSERT_GT(waiters.back(), 0);
+  }
+  // A waiter is asleep only on the lock: nothing else in it blocks.
+  const int64_t give_up = monotonic_ms() + 120000;
+  size_t asleep = 0;
+  while (asleep < waiters.size() && monotonic_ms() < give_up) {
+    const char state = process_state(waiters[asleep]);
+    ASSERT_NE(state, 'Z') << "waiter " << asleep << " ended";
+    if (state == 'S') {
+      ++asleep;
+    } else {
+      sched_yield();
+    }
+  }
+  ASSERT_EQ(asleep, waiters.size()) << "waiters asleep on the lock";
+  for (pid_t pid : waiters) kill(pid, SIGKILL);
+  for (pid_t pid : waiters) EXPECT_EQ(reap(pid), tarn_test::killed_by(SIGKILL));
+
+  g_futex_calls = 0;
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
+  EXPECT_LE(g_futex_calls, 1) << "the release after the waiters died";
+  g_futex_calls = 0;
+  int failures = 0;
+  for (int i = 0; i < 1000; ++i) {
+    failures += tarn_glock_acquire_timeout(h.lock, 0) != 0;
+    failures += tarn_glock_release(h.lock) != 0;
+  }
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(g_futex_calls, 0) << "futex calls in 1000 uncontended acquire/release cycles";
+}
+
+// In a pid namespace of its own with its own /proc, the holder is killed
+// and reaped and its pid given at once to a new process; the waiter must
+// see the lock's holder dead and take the lock. Each trial's result goes
+// to results: 0, the waiter's result, or 100 + a failed step.
+int take_lock_of_dead_holder_whose_pid_was_reused(const std::string &name, Pipe &results, int trials) {
+  if (!mount_own_proc()) return 100;
+  LockHandle h;
+  if (tarn_glock_init(name.c_str(), &h.lock) != 0) return 102;
+  for (int trial = 0; trial < trials; ++trial) {
+    Pipe took;
+    const pid_t holder = fork_child([&]() {
+      took.write_int(tarn_glock_acquire_timeout(h.lock, 1000));
+      for (;;) pause();
+      return 0;
+    });
+    int held = -1;
+    if (holder <= 0 || !took.read_int(&held) || held != 0) return 103;
+    kill_and_reap(holder);
+    std::ofstream last("/proc/sys/kernel/ns_last_pid");
+    last << holder - 1;
+    last.close();
+    const pid_t again = fork_child([]() {
+      for (;;) pause();
+      return 0;
+    });
+    int result = again == holder ? tarn_glock_acquire_timeout(h.lock, 500) : 104;
+    if (result == 0 && tarn_glock_release(h.lock) != 0) result = 105;
+    if (again > 0) kill_and_reap(again);
+    results.write_int(result);
+  }
+  return 0;
+}
+
+TEST(GlobalLock, ADeadHoldersLockIsTakenWhenItsPidWentAtOnceToAnotherProcess) {
+  const std::string name = unique_name("pid_reused");
+  constexpr int kTrials = 50;
+  Pipe results;
+  const pid_t outer = fork_child([&]() {
+    results.close_read();
+    if (unshare(CLONE_NEWPID) != 0) return 1;
+    const pid_t init = fork_child(
+        [&]() { return take_lock_of_dead_holder_whose_pid_was_reused(name, results, kTrials); });
+    return init > 0 ? reap(init) : 2;
+  });
+  ASSERT_GT(outer, 0);
+  results.close_write();
+  EXPECT_EQ(gather(results, kTrials), std::vector<int>(kTrials, 0))
+      << "each trial: the waiter's result, or 100 + a failed step";
+  EXPECT_EQ(reap(outer), 0);
+}
+
+TEST(GlobalLock, AHolderInAChildPidNamespaceIsAliveForAWaiterOutsideIt) {
+  const std::string name = unique_name("pid_namespace");
+  Holder holder(name, Holder::kNewPidNamespace);
+  ASSERT_EQ(holder.acquired(), 0);
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  expect_held_until_released(holder, h.lock, 100);
+}
+
+TEST(GlobalLock, AWaiterWithoutProcWaitsForALiveHolderAndTakesADeadOnesLock) {
+  const std::string name = unique_name("no_proc");
+  Holder holder(name);
+  ASSERT_EQ(holder.acquired(), 0);
+  Pipe answers, go;
+  const pid_t waiter = fork_child([&]() {
+    answers.close_read();
+    go.close_write();
+    if (!enter_private_mount_namespace() || mount("tmpfs", "/proc", "tmpfs", 0, "size=4k") != 0)
+      return 1;
+    if (access("/proc/self/stat", F_OK) == 0) return 2;
+    LockHandle h;
+    if (tarn_glock_init(name.c_str(), &h.lock) != 0) return 3;
+    answers.write_int(tarn_glock_acquire_timeout(h.lock, 100));
+    int command = 0;
+    if (!go.read_int(&command, 30000)) return 4;
+    const int taken = tarn_glock_acquire_timeout(h.lock, 1000);
+    answers.write_int(taken);
+    return taken == 0 ? tarn_glock_release(h.lock) : 0;
+  });
+  ASSERT_GT(waiter, 0);
+  answers.close_write();
+  go.close_read();
+  int result = -1;
+  EXPECT_TRUE(answers.read_int(&result));
+  EXPECT_EQ(result, ETIMEDOUT) << "against the live holder";
+  holder.kill();
+  go.write_int(1);
+  result = -1;
+  EXPECT_TRUE(answers.read_int(&result));
+  EXPECT_EQ(result, 0) << "after the holder was killed";
+  EXPECT_EQ(reap(waiter), 0);
+}
+
+// ---------------------------------------------------------------------------
 // Global lock: only the agent's own lock segment is used
 
 TEST(GlobalLock, InitExRejectsAnUnknownFlagAndOpenNeedsAnExistingLock) {
@@ -476,7 +710,7 @@ TEST(GlobalLock, InitExRejectsAnUnknownFlagAndOpenNeedsAnExistingLock) {
   EXPECT_FALSE(shm_exists(name + ".glock"));
   LockHandle created;
   ASSERT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_OPEN_OR_CREATE, &created.lock), 0);
-  EXPECT_EQ(tarn_test::describe_object(shm_path(name + ".glock")), "regular 0:0 0660 64");
+  EXPECT_EQ(tarn_test::describe_object(shm_path(name + ".glock")), "regular 0:0 0660 8256");
   LockHandle opened;
   EXPECT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_OPEN, &opened.lock), 0);
 }
@@ -484,9 +718,10 @@ TEST(GlobalLock, InitExRejectsAnUnknownFlagAndOpenNeedsAnExistingLock) {
 TEST(GlobalLock, AForeignLockHeldForEverIsRefusedByInitAndReplacedByInitExWithCreate) {
   const std::string name = unique_name("foreign");
   const std::string path = shm_path(name + ".glock");
-  // The owner word names this process's parent: alive, so never recovered.
+  // An owner word that no claim made: held, as far as the planted object
+  // goes.
   std::string state(64, '\0');
-  const uint64_t holder = (uint64_t)getppid();
+  const uint64_t holder = ~(uint64_t)0;
   memcpy(&state[0], &holder, sizeof(holder));
   ASSERT_TRUE(tarn_test::plant_object(path, state, 65534, 65534, 0666));
 
@@ -498,7 +733,7 @@ TEST(GlobalLock, AForeignLockHeldForEverIsRefusedByInitAndReplacedByInitExWithCr
 
   LockHandle h;
   ASSERT_EQ(tarn_glock_init_ex(name.c_str(), TARN_SHM_CREATE, &h.lock), 0);
-  EXPECT_EQ(tarn_test::describe_object(path), "regular 0:0 0660 64");
+  EXPECT_EQ(tarn_test::describe_object(path), "regular 0:0 0660 8256");
   EXPECT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
   EXPECT_EQ(tarn_glock_release(h.lock), 0);
 }
@@ -1095,6 +1330,23 @@ TEST_F(PeersOfBothWidths, LockOfAKilled64BitHolderPassesToA32BitWaiter) {
   p64.kill();
   EXPECT_EQ(p32.ask("lock 100"), "ok 0");
   EXPECT_EQ(p32.ask("unlock"), "ok 0");
+}
+
+TEST_F(PeersOfBothWidths, A32BitPeersTimedOutWaitOf100MsUsesLessThan2MsOfCpu) {
+  Peer p32(TARN_PEER32_PATH);
+  ASSERT_NO_FATAL_FAILURE(expect_answers(p32, TARN_PEER32_PATH));
+  const std::string name = unique_name("cpu32");
+  LockHandle h;
+  ASSERT_EQ(tarn_glock_init(name.c_str(), &h.lock), 0);
+  ASSERT_EQ(tarn_glock_acquire_timeout(h.lock, 0), 0);
+  const std::string answer = p32.ask("trylock " + name + " 100");
+  int result = -1;
+  long cpu = -1;
+  ASSERT_EQ(sscanf(answer.c_str(), "ok %d %ld", &result, &cpu), 2) << answer;
+  EXPECT_EQ(result, ETIMEDOUT);
+  EXPECT_GE(cpu, 0);
+  EXPECT_LT(cpu, 2000) << "microseconds of CPU";
+  EXPECT_EQ(tarn_glock_release(h.lock), 0);
 }
 
 }  // namespace

@@ -924,7 +924,7 @@ TEST_F(ProcHeartbeatTest, InitModeZeroReplacesASegmentAndALockOfAnotherUser) {
   EXPECT_LOGGED("info", "process heartbeat init successed, mode:0, flag:2, memset:1\n");
   EXPECT_EQ(count_lines(), 1u) << dump_logs();
   EXPECT_EQ(describe_object(tarn_test::kHeartbeatSegmentPath), "regular 0:0 0660 1544");
-  EXPECT_EQ(describe_object(tarn_test::kHeartbeatLockPath), "regular 0:0 0660 64");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatLockPath), "regular 0:0 0660 8256");
   proc_heartbeat_info_t entry;
   EXPECT_EQ(get_proc_heartbeat_info(kFakePid, &entry), -5);
   EXPECT_EQ(add_self(PROC_HEARTBEAT_TYPE_SERVICE), 0);
@@ -989,7 +989,7 @@ TEST_F(ProcHeartbeatTest, WithAnAgentGroupTheTableAndItsLockBelongToRootAndThatG
             }),
             0);
   EXPECT_EQ(describe_object(tarn_test::kHeartbeatSegmentPath), "regular 0:65534 0660 1544");
-  EXPECT_EQ(describe_object(tarn_test::kHeartbeatLockPath), "regular 0:65534 0660 64");
+  EXPECT_EQ(describe_object(tarn_test::kHeartbeatLockPath), "regular 0:65534 0660 8256");
   // A member of the group attaches; another user cannot.
   const auto attach = [] {
     const int32_t ret = proc_heartbeat_init(2);

@@ -10,8 +10,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sched.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -76,6 +79,62 @@ class Disposition {
 
 // ---------------------------------------------------------------------------
 // Waiting
+
+// ---------------------------------------------------------------------------
+// The calling process's pid, which the base library caches
+
+// Forks with the clone system call itself: no atfork handler runs in the
+// child, as for any raw fork made without the C library's fork().
+pid_t raw_fork() { return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0)); }
+
+// Whether the system wipes a MADV_WIPEONFORK page in a raw-forked child;
+// an emulator may accept the advice and ignore it.
+bool pages_are_wiped_on_fork() {
+  const size_t size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void *page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (page == MAP_FAILED) return false;
+  bool wiped = false;
+  if (madvise(page, size, MADV_WIPEONFORK) == 0) {
+    *static_cast<volatile int *>(page) = 1;
+    const pid_t child = raw_fork();
+    if (child == 0) _exit(*static_cast<volatile int *>(page) == 0 ? 0 : 1);
+    wiped = child > 0 && reap(child) == 0;
+  }
+  munmap(page, size);
+  return wiped;
+}
+
+TEST(ProcessPid, IsTheCallersPidInTheParentAndInAForkedChild) {
+  EXPECT_EQ(tarn_process_get_pid(), static_cast<int>(getpid()));
+  EXPECT_EQ(tarn_process_get_pid(), static_cast<int>(getpid()));
+  const pid_t child = fork_child([] { return tarn_process_get_pid() == getpid() ? 0 : 1; });
+  ASSERT_GT(child, 0);
+  EXPECT_EQ(reap(child), 0);
+  EXPECT_EQ(tarn_process_get_pid(), static_cast<int>(getpid()));
+}
+
+TEST(ProcessPid, IsTheChildsPidInAChildThatARawForkMadeWithoutAtforkHandlers) {
+  if (!pages_are_wiped_on_fork()) GTEST_SKIP() << "this system does not wipe pages on fork";
+  ASSERT_EQ(tarn_process_get_pid(), static_cast<int>(getpid()));
+  const pid_t child = raw_fork();
+  if (child == 0) _exit(tarn_process_get_pid() == static_cast<int>(syscall(SYS_getpid)) ? 0 : 1);
+  ASSERT_GT(child, 0);
+  EXPECT_EQ(reap(child), 0);
+  EXPECT_EQ(tarn_process_get_pid(), static_cast<int>(getpid()));
+}
+
+TEST(ProcessPid, StaysTheCallersPidAfterItMovesItsChildrenToANewPidNamespace) {
+  const pid_t child = fork_child([] {
+    const int before = tarn_process_get_pid();
+    if (unshare(CLONE_NEWPID) != 0) return 2;
+    if (tarn_process_get_pid() != before || before != getpid()) return 1;
+    // The first child there is the new namespace's pid 1.
+    const pid_t init = fork_child([] { return tarn_process_get_pid() == 1 ? 0 : 1; });
+    return init > 0 && reap(init) == 0 ? 0 : 3;
+  });
+  ASSERT_GT(child, 0);
+  EXPECT_EQ(reap(child), 0);
+}
 
 TEST_F(ProcessTest, TheUmaskIsReadWithoutBeingChanged) {
   const mode_t saved = umask(027);

@@ -18,6 +18,12 @@
 //                                lock (opened on first use); held until unlock
 //   unlock              ok RET   tarn_glock_release (EPERM when the lock was
 //                                never opened)
+//   trylock NAME TIMEOUT_MS
+//                       ok RET CPU_US
+//                                opens the lock NAME and tries to take it,
+//                                waiting at most TIMEOUT_MS; gives it back
+//                                when taken. CPU_US: the CPU time, user and
+//                                system, that the waiting used (getrusage)
 //   layout              ok SIZE OFF_PID OFF_IDX OFF_INTERVAL OFF_PTYPE OFF_TICK BITS
 //                                the record's size and field offsets, and
 //                                the pointer width of this build
@@ -36,6 +42,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <string>
@@ -122,6 +129,28 @@ void do_unlock() {
   answer("ok %d", g_lock == nullptr ? EPERM : tarn_glock_release(g_lock));
 }
 
+int64_t cpu_us() {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return (int64_t)(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000000 +
+         usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
+}
+
+void do_trylock(const char *name, uint32_t timeout_ms) {
+  tarn_glock_t *lock = nullptr;
+  const int opened = tarn_glock_init(name, &lock);
+  if (opened != 0) {
+    answer("ok %d 0", opened);
+    return;
+  }
+  const int64_t before = cpu_us();
+  const int ret = tarn_glock_acquire_timeout(lock, timeout_ms);
+  const int64_t used = cpu_us() - before;
+  if (ret == 0) tarn_glock_release(lock);
+  tarn_glock_destroy(lock);
+  answer("ok %d %" PRId64, ret, used);
+}
+
 // Runs one command line; returns false when the peer is to exit.
 bool run(char *line) {
   // No command takes more than two arguments; a longer line gets "err usage"
@@ -167,6 +196,9 @@ bool run(char *line) {
   } else if (command == "lock") {
     if (nargs != 1 || !parse_u32(words[1], &a)) return usage();
     do_lock(a);
+  } else if (command == "trylock") {
+    if (nargs != 2 || !parse_u32(words[2], &a)) return usage();
+    do_trylock(words[1], a);
   } else if (command == "unlock") {
     if (nargs != 0) return usage();
     do_unlock();

@@ -31,7 +31,7 @@ using tarn_test::format;
 using tarn_test::Pipe;
 
 constexpr char kOurs[] = "regular 0:0 0660 1544";
-constexpr char kOurLock[] = "regular 0:0 0660 64";
+constexpr char kOurLock[] = "regular 0:0 0660 8256";
 constexpr uint64_t kTick = 7000;
 
 void clear_heartbeat() {
@@ -112,7 +112,7 @@ TEST_F(HeartbeatAttackTest, ATableAndLockSquattedBeforeTheServiceAreReplacedWith
   int squatted = -1;
   ASSERT_TRUE(ready.read_int(&squatted));
   ASSERT_EQ("regular 65534:65534 0666 1544", describe_object(tarn_test::kHeartbeatSegmentPath));
-  ASSERT_EQ("regular 65534:65534 0666 64", describe_object(tarn_test::kHeartbeatLockPath));
+  ASSERT_EQ("regular 65534:65534 0666 8256", describe_object(tarn_test::kHeartbeatLockPath));
 
   // A root process that only attaches refuses the user's table.
   EXPECT_EQ(EPERM, proc_heartbeat_init(1));
@@ -202,7 +202,7 @@ TEST_F(HeartbeatAttackTest, WithAnAgentGroupOnlyItsMembersReachTheTable) {
               return proc_heartbeat_deinit(false) == 0 ? 0 : 3;
             }));
   EXPECT_EQ("regular 0:65534 0660 1544", describe_object(tarn_test::kHeartbeatSegmentPath));
-  EXPECT_EQ("regular 0:65534 0660 64", describe_object(tarn_test::kHeartbeatLockPath));
+  EXPECT_EQ("regular 0:65534 0660 8256", describe_object(tarn_test::kHeartbeatLockPath));
 
   const auto attach = [] {
     const int32_t ret = proc_heartbeat_init(2);

@@ -136,12 +136,20 @@ std::string heartbeat_violations(TableRead how) {
 }
 
 pid_t heartbeat_lock_holder() {
-  const ReadOnlyMapping lock(kLockPath, sizeof(uint64_t));
+  // The lock's layout (tarn_glock.h): the owner word at 0, whose low half
+  // holds the holder's slot number + 1 below bit 31, and from offset 64 one
+  // 8-byte record per slot: claim id, then the claimer's pid.
+  constexpr size_t kSlots = 1024, kSlotsOffset = 64, kRecordSize = 8, kPidOffset = 4;
+  const ReadOnlyMapping lock(kLockPath, kSlotsOffset + kSlots * kRecordSize);
   if (lock.base() == nullptr) return -1;
-  // The owner word: the holder's pid in the low half, 0 when free.
-  const uint64_t owner =
-      __atomic_load_n(static_cast<const uint64_t *>(lock.base()), __ATOMIC_SEQ_CST);
-  return (pid_t)(uint32_t)owner;
+  const unsigned char *base = static_cast<const unsigned char *>(lock.base());
+  const uint64_t owner = __atomic_load_n(reinterpret_cast<const uint64_t *>(base), __ATOMIC_SEQ_CST);
+  if (owner == 0) return 0;
+  const uint32_t slot = ((uint32_t)owner & 0x7fffffffu) - 1;
+  if (slot >= kSlots) return -1;
+  return (pid_t)__atomic_load_n(
+      reinterpret_cast<const int32_t *>(base + kSlotsOffset + slot * kRecordSize + kPidOffset),
+      __ATOMIC_SEQ_CST);
 }
 
 }  // namespace tarn_test

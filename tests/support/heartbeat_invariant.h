@@ -53,8 +53,9 @@ std::string heartbeat_violations(TableRead how);
 // The number of occupied slots.
 int heartbeat_occupied(const proc_heartbeat_segment_t &table);
 
-// The pid that holds the table's lock: 0 when the lock is free, -1 when the
-// lock's segment cannot be read.
+// The pid that holds the table's lock, as the holder's liveness slot
+// records it: 0 when the lock is free, -1 when the lock's segment cannot be
+// read.
 pid_t heartbeat_lock_holder();
 
 }  // namespace tarn_test

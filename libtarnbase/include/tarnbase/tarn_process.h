@@ -14,7 +14,11 @@
 
 TARNBASE_BEGIN_DECLS
 
-/* The calling process's pid. */
+/* The calling process's pid. It is cached: no system call after the first
+ * in a process. A child made by fork(), or by a raw fork or clone that runs
+ * no atfork handler, gets its own pid (the cache lives in a page the kernel
+ * wipes on fork; where it cannot, in a child made by fork() only). A vfork
+ * child, which shares its parent's memory, gets its parent's pid. */
 TARNBASE_API int tarn_process_get_pid(void);
 
 /* The calling process's file mode creation mask (umask), read without
