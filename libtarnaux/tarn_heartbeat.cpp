@@ -3,8 +3,10 @@
 
 #include "tarn_heartbeat.h"
 
+#include <errno.h>
 #include <inttypes.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <tarnbase/tarn_atomic.h>
 #include <tarnbase/tarn_glock.h>
@@ -22,8 +24,24 @@ constexpr int kMaxSlots = PROC_HEARTBEAT_MAX_PROCS;
 // Process-local handles; g_table being non-null means "initialised".
 tarn_shm_t *g_shm = nullptr;
 proc_heartbeat_segment_t *g_table = nullptr;
+tarn_shm_t *g_side_shm = nullptr;
+proc_heartbeat_side_t *g_side = nullptr;
 tarn_glock_t *g_lock = nullptr;
 alignas(8) int64_t g_init_count = 0;
+
+// The sweeper's descriptors on the processes it has seen alive (pidfds),
+// slot by slot, with the identity each was opened for: one poll over them
+// tells which have exited, without reading /proc for each.
+struct WatchedProcess {
+  int fd = -1;
+  tarn_process_identity_t identity{};
+};
+WatchedProcess g_watched[PROC_HEARTBEAT_MAX_PROCS];
+
+void forget_watched(WatchedProcess &watched) {
+  if (watched.fd >= 0) close(watched.fd);
+  watched = WatchedProcess();
+}
 
 bool slot_occupied(const proc_heartbeat_info_t &entry) {
   return entry.pid > 0 || entry.ptype == PROC_HEARTBEAT_TYPE_WATCHDOG;
@@ -31,11 +49,89 @@ bool slot_occupied(const proc_heartbeat_info_t &entry) {
 
 void clear_slot(proc_heartbeat_info_t &entry) { memset(&entry, 0, sizeof(entry)); }
 
+// A holder killed in the middle of changing a slot leaves the journal
+// active; the slot and proc_num go back to what they were before that
+// change, so that the table is whole again before anyone reads it.
+void repair_interrupted_change() {
+  proc_heartbeat_journal_t &journal = g_side->journal;
+  if (__atomic_load_n(&journal.active, __ATOMIC_ACQUIRE) == 0) return;
+  const uint32_t slot = journal.slot;
+  if (slot < (uint32_t)kMaxSlots) {
+    g_table->entries[slot] = journal.entry;
+    g_table->proc_num = journal.proc_num;
+  }
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  __atomic_store_n(&journal.active, 0u, __ATOMIC_RELEASE);
+  LOG(warn, "heartbeat slot %u was left half-changed by a process that died, restored\n", slot);
+}
+
+// One journaled change of one slot (and of proc_num): everything written
+// to the table between construction and destruction is undone by the next
+// holder if this process dies in between. Journal and table are written in
+// program order, which is all a killed process can leave behind.
+class SlotChange {
+ public:
+  explicit SlotChange(int slot) {
+    proc_heartbeat_journal_t &journal = g_side->journal;
+    journal.slot = (uint32_t)slot;
+    journal.proc_num = g_table->proc_num;
+    journal.entry = g_table->entries[slot];
+    __atomic_store_n(&journal.active, 1u, __ATOMIC_RELEASE);
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  }
+  ~SlotChange() { __atomic_store_n(&g_side->journal.active, 0u, __ATOMIC_RELEASE); }
+  SlotChange(const SlotChange &) = delete;
+  SlotChange &operator=(const SlotChange &) = delete;
+};
+
+// Who the process of a slot is, when that is known: the identity counts
+// only while it was recorded for the slot's present pid.
+const tarn_process_identity_t *known_identity(int slot) {
+  const tarn_process_identity_t &identity = g_side->identity[slot];
+  const int32_t pid = g_table->entries[slot].pid;
+  return pid > 0 && identity.pid == pid ? &identity : nullptr;
+}
+
+void record_identity(int slot, const tarn_process_identity_t *identity) {
+  if (identity != nullptr) {
+    g_side->identity[slot] = *identity;
+  } else {
+    memset(&g_side->identity[slot], 0, sizeof(g_side->identity[slot]));
+  }
+}
+
+// False when the slot's pid is known to belong now to a process other than
+// the one that holds `who`'s identity.
+bool same_process(int slot, const tarn_process_identity_t *who) {
+  const tarn_process_identity_t *recorded = known_identity(slot);
+  return recorded == nullptr || who == nullptr || tarn_process_identity_same(recorded, who) != 0;
+}
+
+void log_cleared(int slot) {
+  const proc_heartbeat_info_t &entry = g_table->entries[slot];
+  LOG(warn, "the process[pid:%d, ptype:%d, pidx:%d] is not exist, heartbeat will be cleared\n",
+      entry.pid, (int)entry.ptype, slot);
+}
+
+void clear_occupied_slot(int slot) {
+  SlotChange change(slot);
+  clear_slot(g_table->entries[slot]);
+  g_table->proc_num -= 1;
+}
+
+void store_tick(proc_heartbeat_info_t &entry, uint64_t tick) {
+  // One store, also on 32-bit machines: a reader never sees half a tick.
+  __atomic_store_n(&entry.tick, tick, __ATOMIC_RELAXED);
+}
+
 // Holds the global lock for one operation; releases it on every way out.
+// The table is repaired as soon as the lock is had.
 class TableLock {
  public:
   explicit TableLock(uint32_t timeout_ms)
-      : held_(tarn_glock_acquire_timeout(g_lock, timeout_ms) == 0) {}
+      : held_(tarn_glock_acquire_timeout(g_lock, timeout_ms) == 0) {
+    if (held_) repair_interrupted_change();
+  }
   ~TableLock() { release(); }
   TableLock(const TableLock &) = delete;
   TableLock &operator=(const TableLock &) = delete;
@@ -106,37 +202,125 @@ int find_watchdog(const proc_heartbeat_segment_t *table) {
   return -1;
 }
 
+// True when the slot's pid is known to belong now to a process other than
+// the one that registered: such an entry names no hung process, and the
+// service's next sweep clears it.
+bool pid_went_elsewhere(int slot) {
+  const tarn_process_identity_t *recorded = known_identity(slot);
+  if (recorded == nullptr) return false;
+  tarn_process_identity_t now;
+  return tarn_process_get_identity(recorded->pid, &now) == 0 &&
+         tarn_process_identity_same(&now, recorded) == 0;
+}
+
 int64_t age_seconds(uint64_t now, uint64_t tick) { return (int64_t)(now - tick) / 1000; }
 
+// Whether the process of an occupied slot has died, or its pid has gone to
+// another process. A slot whose identity is not known gets the plain
+// existence test. A known one is watched through a pidfd opened once and
+// checked against the recorded identity, and all watched slots are then
+// asked in one poll.
+void find_dead_slots(bool dead[kMaxSlots]) {
+  int fds[kMaxSlots];
+  int polled_slots[kMaxSlots];
+  int polled = 0;
+  for (int slot = 0; slot < kMaxSlots; ++slot) {
+    dead[slot] = false;
+    const proc_heartbeat_info_t &entry = g_table->entries[slot];
+    if (!slot_occupied(entry) || entry.ptype == PROC_HEARTBEAT_TYPE_WATCHDOG) continue;
+    const tarn_process_identity_t *identity = known_identity(slot);
+    if (identity == nullptr) {
+      dead[slot] = tarn_process_is_exist(entry.pid) == 0;
+      continue;
+    }
+    WatchedProcess &watched = g_watched[slot];
+    if (watched.fd < 0 || memcmp(&watched.identity, identity, sizeof(*identity)) != 0) {
+      forget_watched(watched);
+      const int fd = tarn_process_open(entry.pid);
+      const int open_errno = errno;
+      tarn_process_identity_t now;
+      const bool same = tarn_process_get_identity(entry.pid, &now) == 0 &&
+                        tarn_process_identity_same(&now, identity) != 0;
+      if (fd < 0 || !same) {
+        if (fd >= 0) close(fd);
+        dead[slot] = !same || open_errno == ESRCH;
+        continue;
+      }
+      watched.fd = fd;
+      watched.identity = *identity;
+    }
+    fds[polled] = watched.fd;
+    polled_slots[polled++] = slot;
+  }
+  unsigned char exited[kMaxSlots];
+  if (tarn_process_poll_exited(fds, polled, exited) != 0) return;
+  for (int i = 0; i < polled; ++i) dead[polled_slots[i]] = exited[i] != 0;
+}
+
 // The service's beat clears the entries of processes that no longer exist
-// and recounts the table. Runs under the lock. Each cleared entry is taken
-// off proc_num at once, so that a sweeper killed half-way leaves the count
-// true for the slots it has cleared.
+// and recounts the table. Runs under the lock; each clearing is one
+// journaled change.
 void sweep_dead_processes(proc_heartbeat_segment_t *table) {
   if (table->magic != PROC_HEARTBEAT_MAGIC) {
     LOG(warn, "shared memory data may have been modified\n");
   }
+  bool dead[kMaxSlots];
+  find_dead_slots(dead);
   int kept = 0;
   for (int slot = 0; slot < kMaxSlots; ++slot) {
-    proc_heartbeat_info_t &entry = table->entries[slot];
-    if (!slot_occupied(entry)) continue;
-    if (entry.ptype == PROC_HEARTBEAT_TYPE_WATCHDOG || tarn_process_is_exist(entry.pid) != 0) {
+    if (!slot_occupied(table->entries[slot])) continue;
+    if (!dead[slot]) {
       ++kept;
       continue;
     }
-    LOG(warn, "the process[pid:%d, ptype:%d, pidx:%d] is not exist, heartbeat will be cleared\n",
-        entry.pid, (int)entry.ptype, slot);
-    clear_slot(entry);
-    table->proc_num -= 1;
+    log_cleared(slot);
+    clear_occupied_slot(slot);
   }
   table->proc_num = kept;
 }
 
 void reset_handles() {
+  for (WatchedProcess &watched : g_watched) forget_watched(watched);
   g_table = nullptr;
+  g_side = nullptr;
   g_lock = nullptr;
   g_shm = nullptr;
+  g_side_shm = nullptr;
   g_init_count = 0;
+}
+
+// The side segment, opened as the lock is and mapped; 0 or the base
+// library's error, logged with the step's message.
+int open_side_segment(int flag, uint32_t mode) {
+  void *base = nullptr;
+  int ret = tarn_shm_init(PROC_HEARTBEAT_SIDE_NAME, flag, sizeof(proc_heartbeat_side_t), &g_side_shm);
+  if (ret != 0) {
+    LOG(warn, "share memory init failed, error:%d, mode:%d, flag:%d\n", ret, (int)mode, flag);
+    return ret;
+  }
+  if ((ret = tarn_shm_map(g_side_shm, 0, &base)) != 0) {
+    LOG(warn, "share memory map failed, error: %d\n", ret);
+    return ret;
+  }
+  g_side = static_cast<proc_heartbeat_side_t *>(base);
+  return 0;
+}
+
+// Undoes a failed init. The service removes what it made; a process that
+// only attaches leaves the table, the side segment and the lock to the
+// others, who are using them.
+void undo_init(uint32_t mode, void *table_base) {
+  if (table_base != nullptr) tarn_shm_unmap(g_shm, table_base);
+  if (g_side != nullptr) tarn_shm_unmap(g_side_shm, g_side);
+  if (mode == 0) {
+    tarn_shm_destroy(g_shm);
+    tarn_shm_destroy(g_side_shm);
+  } else {
+    tarn_shm_close(g_shm);
+    tarn_shm_close(g_side_shm);
+  }
+  tarn_glock_destroy(g_lock);
+  reset_handles();
 }
 
 }  // namespace
@@ -160,11 +344,11 @@ TARNAUX_API int32_t proc_heartbeat_init(uint32_t mode) {
     LOG(warn, "global lock init failed, error: %d\n", ret);
   } else if ((ret = tarn_shm_map(g_shm, 0, &base)) != 0) {
     LOG(warn, "share memory map failed, error: %d\n", ret);
+  } else {
+    ret = open_side_segment(lock_flag, mode);
   }
   if (ret != 0) {
-    tarn_shm_destroy(g_shm);
-    tarn_glock_destroy(g_lock);
-    reset_handles();
+    undo_init(mode, base);
     return ret;
   }
   g_table = static_cast<proc_heartbeat_segment_t *>(base);
@@ -175,6 +359,8 @@ TARNAUX_API int32_t proc_heartbeat_init(uint32_t mode) {
     if (lock.held()) {
       memset(g_table, 0, sizeof(*g_table));
       g_table->magic = PROC_HEARTBEAT_MAGIC;
+      memset(g_side, 0, sizeof(*g_side));
+      g_side->magic = PROC_HEARTBEAT_SIDE_MAGIC;
       memset_done = 1;
     }
   }
@@ -186,11 +372,13 @@ TARNAUX_API int32_t proc_heartbeat_init(uint32_t mode) {
 TARNAUX_API int32_t proc_heartbeat_deinit(bool destroy) {
   if (g_table == nullptr) return PROC_HEARTBEAT_OK;
   const int32_t lock_ret = tarn_glock_destroy(g_lock);
-  const int32_t unmap_ret = tarn_shm_unmap(g_shm, g_table);
+  const int32_t unmap_ret = tarn_shm_unmap(g_shm, g_table) | tarn_shm_unmap(g_side_shm, g_side);
   if (destroy) {
     tarn_shm_destroy(g_shm);
+    tarn_shm_destroy(g_side_shm);
   } else {
     tarn_shm_close(g_shm);
+    tarn_shm_close(g_side_shm);
   }
   reset_handles();
   const int32_t ret = lock_ret | unmap_ret;
@@ -239,6 +427,11 @@ TARNAUX_API int32_t add_proc_heartbeat(const proc_heartbeat_info_t *info) {
     LOG(warn, "add process heartbeat failed, because of process: %d is not exit\n", info->pid);
     return PROC_HEARTBEAT_E_NOT_FOUND;
   }
+  tarn_process_identity_t who;
+  const bool who_known = (info->pid == tarn_process_get_pid()
+                              ? tarn_process_get_self_identity(&who)
+                              : tarn_process_get_identity(info->pid, &who)) == 0;
+  const tarn_process_identity_t *identity = who_known ? &who : nullptr;
   const uint64_t tick = tarn_time_get_tick_cout();
   TableLock lock(PROC_HEARTBEAT_LOCK_TIMEOUT_MS);
   if (!lock.held()) {
@@ -247,19 +440,28 @@ TARNAUX_API int32_t add_proc_heartbeat(const proc_heartbeat_info_t *info) {
   }
 
   const bool is_service = info->ptype == PROC_HEARTBEAT_TYPE_SERVICE;
-  const SlotScan scan =
+  SlotScan scan =
       is_service ? scan_slots(g_table,
                               [](const proc_heartbeat_info_t &entry) {
                                 return entry.pid > 0 && entry.ptype == PROC_HEARTBEAT_TYPE_SERVICE;
                               })
                  : find_pid(g_table, info->pid);
 
+  if (scan.match >= 0 && !is_service && !same_process(scan.match, identity)) {
+    // The entry is a dead process's whose pid has gone to the caller: it
+    // goes as the sweep would clear it, and the caller registers afresh.
+    log_cleared(scan.match);
+    clear_occupied_slot(scan.match);
+    scan = find_pid(g_table, info->pid);
+  }
   if (scan.match >= 0 && !is_service) return scan.match;  // the existing registration stands
 
   if (scan.match >= 0) {
     proc_heartbeat_info_t &entry = g_table->entries[scan.match];
     LOG(info, "service heartbeat info update, old_pid:%d, new_pid:%d, tick:%" PRIu64 "\n",
         entry.pid, info->pid, tick);
+    record_identity(scan.match, identity);
+    SlotChange change(scan.match);
     entry.pid = info->pid;
     entry.idx = info->idx;
     entry.interval = info->interval;
@@ -273,13 +475,17 @@ TARNAUX_API int32_t add_proc_heartbeat(const proc_heartbeat_info_t *info) {
     LOG(warn, "add process heartbeat failed, because of the process number over max\n");
     return PROC_HEARTBEAT_E_FULL;
   }
-  g_table->proc_num += 1;
-  proc_heartbeat_info_t &entry = g_table->entries[slot];
-  entry.pid = info->pid;
-  entry.interval = info->interval;
-  entry.ptype = info->ptype;
-  entry.tick = tick;
-  entry.idx = (uint32_t)slot;
+  record_identity(slot, identity);
+  {
+    SlotChange change(slot);
+    proc_heartbeat_info_t &entry = g_table->entries[slot];
+    entry.pid = info->pid;
+    entry.interval = info->interval;
+    entry.ptype = info->ptype;
+    entry.tick = tick;
+    entry.idx = (uint32_t)slot;
+    g_table->proc_num += 1;
+  }
   LOG(info, "add process heartbeat [pid:%d, idx:%d, ptype:%d, tick:%" PRIu64 " successed\n",
       info->pid, slot, (int)info->ptype, tick);
   return slot;
@@ -302,8 +508,7 @@ TARNAUX_API int32_t del_proc_heartbeat_by_pid(int32_t pid) {
   const SlotScan scan = find_pid(g_table, pid);
   int idx;
   if (scan.match >= 0) {
-    g_table->proc_num -= 1;
-    clear_slot(g_table->entries[scan.match]);
+    clear_occupied_slot(scan.match);
     idx = scan.match;
   } else {
     idx = scan.first_free >= 0 ? scan.first_free : scan.end;
@@ -329,10 +534,7 @@ TARNAUX_API int32_t del_proc_heartbeat_by_idx(uint32_t idx) {
   }
   proc_heartbeat_info_t &entry = g_table->entries[idx];
   const proc_heartbeat_info_t former = entry;
-  if (entry.pid > 0) {
-    g_table->proc_num -= 1;
-    clear_slot(entry);
-  }
+  if (entry.pid > 0) clear_occupied_slot((int)idx);
   lock.release();
   LOG(info, "delete process heartbeat [pid:%d, idx:%d] successed\n", former.pid, (int)former.idx);
   return PROC_HEARTBEAT_OK;
@@ -344,19 +546,24 @@ TARNAUX_API int32_t update_proc_beat_tick(void) {
     return PROC_HEARTBEAT_E_UNINITIALIZED;
   }
   const int32_t pid = tarn_process_get_pid();
+  tarn_process_identity_t self;
+  const bool self_known = tarn_process_get_self_identity(&self) == 0;
   const uint64_t tick = tarn_time_get_tick_cout();
   TableLock lock(PROC_HEARTBEAT_LOCK_TIMEOUT_MS);
   if (!lock.held()) {
     LOG(warn, "update process heartbeat tick failed, because of acquire glock timeout\n");
     return PROC_HEARTBEAT_E_TIMEOUT;
   }
-  const int slot = find_pid(g_table, pid).match;
+  // An entry left by a dead process whose pid the caller now has is not
+  // the caller's.
+  int slot = find_pid(g_table, pid).match;
+  if (slot >= 0 && !same_process(slot, self_known ? &self : nullptr)) slot = -1;
   if (slot < 0) {
     LOG(warn, "update process heartbeat tick failed, because of pid:%d not exist\n", pid);
     return PROC_HEARTBEAT_E_NOT_FOUND;
   }
   if (g_table->entries[slot].ptype == PROC_HEARTBEAT_TYPE_SERVICE) sweep_dead_processes(g_table);
-  g_table->entries[slot].tick = tick;
+  store_tick(g_table->entries[slot], tick);
   LOG(debug, "update process heartbeat [pid:%d, idx:%d] tick successed\n", pid, slot);
   return PROC_HEARTBEAT_OK;
 }
@@ -384,7 +591,7 @@ TARNAUX_API int32_t get_beat_timeout_procs(proc_heartbeat_info_t *out, uint64_t 
     const proc_heartbeat_info_t &entry = g_table->entries[slot];
     if (entry.pid <= 0 || entry.ptype == PROC_HEARTBEAT_TYPE_WATCHDOG) continue;
     ++counted;
-    if (age_seconds(now, entry.tick) >= max_tmdf) out[written++] = entry;
+    if (age_seconds(now, entry.tick) >= max_tmdf && !pid_went_elsewhere(slot)) out[written++] = entry;
   }
   lock.release();
   LOG(info, "get heartbeat timeout processes successed, total: %d, max_tmdf:%d\n", written,
@@ -425,8 +632,13 @@ TARNAUX_API int32_t sync_proc_heartbeat_infos(proc_heartbeat_info_t **list, uint
     record->idx = (uint32_t)slot;
     ++added;
     record->tick = tarn_time_get_tick_cout();
-    g_table->entries[slot] = *record;
-    g_table->proc_num += 1;
+    tarn_process_identity_t identity;
+    record_identity(slot, tarn_process_get_identity(record->pid, &identity) == 0 ? &identity : nullptr);
+    {
+      SlotChange change(slot);
+      g_table->entries[slot] = *record;
+      g_table->proc_num += 1;
+    }
     LOG(info, "sync_add process heartbeat [pid:%d, idx:%d, ptype:%d, tick:%" PRIu64 "] successed\n",
         record->pid, slot, (int)record->ptype, record->tick);
   }
@@ -442,10 +654,7 @@ TARNAUX_API int32_t sync_proc_heartbeat_infos(proc_heartbeat_info_t **list, uint
     if (mirror != nullptr && mirror->pid > 0 && mirror->pid == entry.pid) continue;
     ++deleted;
     LOG(info, "sync_del process heartbeat [pid:%d, idx:%d] successed\n", entry.pid, slot);
-    // Counted off only once cleared: a process killed in between leaves the
-    // count true.
-    clear_slot(entry);
-    g_table->proc_num -= 1;
+    clear_occupied_slot(slot);
   }
   const int32_t proc_num = g_table->proc_num;
   lock.release();
@@ -523,13 +732,17 @@ int32_t add_wtdog_heartbeat(void) {
     LOG(warn, "add wtdog heartbeat failed, because of the process number over max\n");
     return PROC_HEARTBEAT_OK;
   }
-  g_table->proc_num += 1;
+  record_identity(slot, nullptr);
   proc_heartbeat_info_t &entry = g_table->entries[slot];
-  entry.idx = (uint32_t)slot;
-  entry.pid = -1;
-  entry.interval = WTDOG_BEAT_INTERVAL;
-  entry.ptype = PROC_HEARTBEAT_TYPE_WATCHDOG;
-  entry.tick = tarn_time_get_tick_cout();
+  {
+    SlotChange change(slot);
+    entry.idx = (uint32_t)slot;
+    entry.pid = -1;
+    entry.interval = WTDOG_BEAT_INTERVAL;
+    entry.ptype = PROC_HEARTBEAT_TYPE_WATCHDOG;
+    entry.tick = tarn_time_get_tick_cout();
+    g_table->proc_num += 1;
+  }
   LOG(info, "add wtdog heartbeat [tick:%" PRIu64 "] successed\n", entry.tick);
   return PROC_HEARTBEAT_OK;
 }
@@ -550,7 +763,7 @@ int32_t update_wtdog_beat_tick(void) {
     LOG(warn, "update wtdog heartbeat tick failed, because of watchdog not exist\n");
     return PROC_HEARTBEAT_E_NOT_FOUND;
   }
-  g_table->entries[slot].tick = tick;
+  store_tick(g_table->entries[slot], tick);
   LOG(debug, "update wtdog heartbeat [tick:%" PRIu64 "] successed\n", tick);
   return PROC_HEARTBEAT_OK;
 }

@@ -8,7 +8,11 @@
 #include <stdio.h>
 #include <stddef.h>
 #include <string.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,6 +32,64 @@
 #include "proc_stat.h"
 
 namespace {
+
+// The kernel's pidfs (Linux 6.9 and later) gives every process an inode
+// number of its own; before it, pidfds shared one anonymous inode.
+constexpr unsigned long kPidfsMagic = 0x50494446;
+
+int open_pidfd(int pid) {
+#ifdef SYS_pidfd_open
+  return (int)syscall(SYS_pidfd_open, pid, 0);
+#else
+  (void)pid;
+  errno = ENOSYS;
+  return -1;
+#endif
+}
+
+bool pidfd_exited(int fd) {
+  struct pollfd entry = {fd, POLLIN, 0};
+  return poll(&entry, 1, 0) == 1 && (entry.revents & (POLLIN | POLLHUP)) != 0;
+}
+
+uint64_t pidfs_inode_of(int fd) {
+  struct statfs fs;
+  struct stat st;
+  if (fstatfs(fd, &fs) != 0 || (unsigned long)fs.f_type != kPidfsMagic || fstat(fd, &st) != 0)
+    return 0;
+  return (uint64_t)st.st_ino;
+}
+
+int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// This boot's id, read once: it cannot change while the process runs.
+bool read_boot_id(uint8_t id[16]) {
+  static uint8_t cached[16];
+  static int state = 0;  // 0 unread, 1 read, -1 unreadable
+  if (__atomic_load_n(&state, __ATOMIC_ACQUIRE) == 0) {
+    uint8_t value[16] = {};
+    char text[64] = {};
+    const int fd = open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
+    const ssize_t length = fd < 0 ? -1 : read(fd, text, sizeof(text) - 1);
+    if (fd >= 0) close(fd);
+    int digits = 0;
+    for (ssize_t i = 0; i < length && digits < 32; ++i) {
+      const int nibble = hex_value(text[i]);
+      if (nibble < 0) continue;
+      value[digits / 2] = (uint8_t)(value[digits / 2] << 4 | nibble);
+      ++digits;
+    }
+    if (digits == 32) memcpy(cached, value, sizeof(cached));
+    __atomic_store_n(&state, digits == 32 ? 1 : -1, __ATOMIC_RELEASE);
+  }
+  if (__atomic_load_n(&state, __ATOMIC_ACQUIRE) != 1) return false;
+  memcpy(id, cached, sizeof(cached));
+  return true;
+}
 
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 
@@ -407,6 +469,112 @@ TARNBASE_API int tarn_process_run(const char *path, char *const argv[], char *co
     errno = ENOMEM;
     return -1;
   }
+}
+
+TARNBASE_API int tarn_process_get_identity(int pid, tarn_process_identity_t *out) {
+  if (out != nullptr) memset(out, 0, sizeof(*out));
+  if (pid <= 0 || out == nullptr) {
+    errno = EINVAL;
+    return EINVAL;
+  }
+  // The pidfd pins the process: while it has not exited, pid is still its
+  // pid, so the stat line read in between is its own.
+  const int fd = open_pidfd(pid);
+  if (fd < 0 && errno == ESRCH) return ESRCH;
+  tarnbase::ProcStat stat{};
+  const bool have_stat = tarnbase::read_proc_stat(pid, &stat);
+  const int stat_errno = errno;
+  int result = 0;
+  if (fd >= 0 && pidfd_exited(fd)) {
+    result = ESRCH;
+  } else if (!have_stat) {
+    result = stat_errno == ENOENT && access("/proc/self", F_OK) == 0 ? ESRCH : stat_errno;
+  } else if (stat.exited()) {
+    result = ESRCH;
+  } else {
+    out->pid = pid;
+    out->start_time = stat.start_time;
+    out->pidfs_inode = fd >= 0 ? pidfs_inode_of(fd) : 0;
+    read_boot_id(out->boot_id);
+  }
+  if (fd >= 0) close(fd);
+  if (result != 0) {
+    memset(out, 0, sizeof(*out));
+    errno = result;
+  }
+  return result;
+}
+
+TARNBASE_API int tarn_process_get_self_identity(tarn_process_identity_t *out) {
+  // Read without a lock once known: `self_pid` is published after the rest
+  // and cleared before it is rewritten, so a reader that sees the caller's
+  // pid before and after its copy has copied a whole identity. A forked
+  // child finds its parent's pid there and reads its own.
+  static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  static tarn_process_identity_t self;
+  static int self_pid = 0;
+  if (out == nullptr) {
+    errno = EINVAL;
+    return EINVAL;
+  }
+  const int pid = tarn_process_get_pid();
+  if (__atomic_load_n(&self_pid, __ATOMIC_ACQUIRE) == pid) {
+    *out = self;
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    if (__atomic_load_n(&self_pid, __ATOMIC_RELAXED) == pid) return 0;
+  }
+  pthread_mutex_lock(&mutex);
+  int result = 0;
+  if (__atomic_load_n(&self_pid, __ATOMIC_RELAXED) != pid) {
+    __atomic_store_n(&self_pid, 0, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    result = tarn_process_get_identity(pid, &self);
+    if (result == 0) __atomic_store_n(&self_pid, pid, __ATOMIC_RELEASE);
+  }
+  *out = self;
+  pthread_mutex_unlock(&mutex);
+  if (result != 0) {
+    memset(out, 0, sizeof(*out));
+    errno = result;
+  }
+  return result;
+}
+
+TARNBASE_API int tarn_process_identity_same(const tarn_process_identity_t *a,
+                                            const tarn_process_identity_t *b) {
+  if (a == nullptr || b == nullptr) return 0;
+  if (a->pid != b->pid || a->start_time != b->start_time ||
+      memcmp(a->boot_id, b->boot_id, sizeof(a->boot_id)) != 0)
+    return 0;
+  if (a->pidfs_inode != 0 && b->pidfs_inode != 0 && a->pidfs_inode != b->pidfs_inode) return 0;
+  return 1;
+}
+
+TARNBASE_API int tarn_process_open(int pid) {
+  if (pid <= 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  return open_pidfd(pid);
+}
+
+TARNBASE_API int tarn_process_poll_exited(const int *fds, int count, unsigned char *exited) {
+  if (fds == nullptr || exited == nullptr || count < 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  struct pollfd entries[256];
+  for (int first = 0; first < count; first += 256) {
+    const int batch = count - first < 256 ? count - first : 256;
+    for (int i = 0; i < batch; ++i) entries[i] = {fds[first + i], POLLIN, 0};
+    int ready;
+    while ((ready = poll(entries, (nfds_t)batch, 0)) < 0 && errno == EINTR) {
+    }
+    if (ready < 0) return -1;
+    for (int i = 0; i < batch; ++i)
+      exited[first + i] = (entries[i].revents & (POLLIN | POLLHUP)) != 0 ? 1 : 0;
+  }
+  return 0;
 }
 
 }  // extern "C"

@@ -8,6 +8,7 @@
 #define TARN_PROCESS_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "tarn_base_api.h"
 
@@ -25,6 +26,53 @@ TARNBASE_API unsigned int tarn_process_get_umask(void);
  * less, no such process, or a zombie that has exited and waits for its
  * parent). A process that belongs to another user counts as existing. */
 TARNBASE_API int tarn_process_is_exist(int pid);
+
+/* Who a process is, beyond its pid. A pid is given to another process as
+ * soon as the first has died and been reaped, at times within the same
+ * clock tick, so a pid alone cannot tell a process from its successor.
+ * Fixed-width fields at fixed offsets, the same for 32-bit and 64-bit
+ * processes, so that an identity can be kept in shared memory. */
+typedef struct tarn_process_identity {
+  int32_t pid;
+  uint32_t reserved;     /* 0 */
+  uint64_t start_time;   /* clock ticks after boot at which it started */
+  uint64_t pidfs_inode;  /* its inode number in the kernel's pidfs, never
+                          * reused while the system runs (Linux 6.9 and
+                          * later); 0 when the kernel has none */
+  uint8_t boot_id[16];   /* this boot's id (/proc/sys/kernel/random/boot_id) */
+} tarn_process_identity_t;
+
+/* Reads the identity of the live process pid into *out (cleared first).
+ * The pidfs inode and the start time are read so that both are known to
+ * belong to the same process. Returns 0; EINVAL when pid is 0 or less or
+ * out is null; ESRCH when there is no such process or it has exited (a
+ * zombie); or the errno of reading /proc (ENOENT without /proc). */
+TARNBASE_API int tarn_process_get_identity(int pid, tarn_process_identity_t *out);
+
+/* The calling process's identity, read once per process and kept (a forked
+ * child reads its own on its first call). Returns 0, or as
+ * tarn_process_get_identity. */
+TARNBASE_API int tarn_process_get_self_identity(tarn_process_identity_t *out);
+
+/* 1 when a and b name one process: the same pid, boot id and start time,
+ * and the same pidfs inode when both know one; 0 otherwise, and when
+ * either is null. */
+TARNBASE_API int tarn_process_identity_same(const tarn_process_identity_t *a,
+                                            const tarn_process_identity_t *b);
+
+/* Opens a descriptor that stays with process pid for as long as it is open
+ * (a pidfd), even after its pid has gone to another process. The caller
+ * closes it. Returns the descriptor, close-on-exec, or -1 with errno:
+ * EINVAL for pid 0 or less, ESRCH when there is no such process, ENOSYS
+ * where the kernel or an emulator offers none (Linux before 5.3), EMFILE. */
+TARNBASE_API int tarn_process_open(int pid);
+
+/* Asks, in one system call, which of count descriptors from
+ * tarn_process_open name a process that has exited (a zombie included):
+ * exited[i] becomes 1 for those, 0 for the others. Returns 0, or -1 with
+ * errno: EINVAL for null arrays or a negative count, or the errno of
+ * poll(2). */
+TARNBASE_API int tarn_process_poll_exited(const int *fds, int count, unsigned char *exited);
 
 /* Writes the absolute path of the executable of process pid into buf (len
  * bytes, always terminated, cut when it does not fit). Returns the length
