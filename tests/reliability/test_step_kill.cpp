@@ -44,6 +44,7 @@ namespace {
 
 using tarn_test::end_child;
 using tarn_test::format;
+using tarn_test::make_info;
 using tarn_test::SteppedRun;
 using tarn_test::TableRead;
 
@@ -57,15 +58,6 @@ constexpr int kHelpers = 6;
 // The helpers' places: A, B, C, D stay in the table; E and F are
 // registered and deleted again to make the gaps, and sync adds them.
 enum Helper { kA, kB, kC, kD, kE, kF };
-
-proc_heartbeat_info_t make_info(int32_t pid, uint32_t ptype) {
-  proc_heartbeat_info_t info;
-  memset(&info, 0, sizeof(info));
-  info.pid = pid;
-  info.interval = 10;
-  info.ptype = ptype;
-  return info;
-}
 
 bool add(int32_t pid, uint32_t ptype, int expected_slot) {
   const proc_heartbeat_info_t info = make_info(pid, ptype);
