@@ -208,6 +208,7 @@ using tarn_test::heartbeat_lock_holder;
 using tarn_test::heartbeat_occupied;
 using tarn_test::heartbeat_violations;
 using tarn_test::killed_by;
+using tarn_test::make_info;
 using tarn_test::Pipe;
 using tarn_test::reap;
 using tarn_test::TableRead;
@@ -222,15 +223,6 @@ int64_t monotonic_us() {
 }
 
 int32_t self_pid() { return (int32_t)getpid(); }
-
-proc_heartbeat_info_t make_info(int32_t pid, uint32_t ptype) {
-  proc_heartbeat_info_t info;
-  memset(&info, 0, sizeof(info));
-  info.pid = pid;
-  info.interval = 10;
-  info.ptype = ptype;
-  return info;
-}
 
 proc_heartbeat_segment_t table_as_it_is() {
   proc_heartbeat_segment_t table;

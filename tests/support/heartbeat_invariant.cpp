@@ -135,6 +135,15 @@ std::string heartbeat_violations(TableRead how) {
   return error.empty() ? heartbeat_violations(table) : error + "\n";
 }
 
+proc_heartbeat_info_t make_info(int32_t pid, uint32_t ptype) {
+  proc_heartbeat_info_t info;
+  memset(&info, 0, sizeof(info));
+  info.pid = pid;
+  info.interval = 10;
+  info.ptype = ptype;
+  return info;
+}
+
 pid_t heartbeat_lock_holder() {
   // The lock's layout (tarn_glock.h): the owner word at 0, whose low half
   // holds the holder's slot number + 1 below bit 31, and from offset 64 one

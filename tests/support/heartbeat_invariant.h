@@ -53,6 +53,10 @@ std::string heartbeat_violations(TableRead how);
 // The number of occupied slots.
 int heartbeat_occupied(const proc_heartbeat_segment_t &table);
 
+// A registration record for pid with type ptype and an interval of 10
+// seconds; its idx and tick are 0.
+proc_heartbeat_info_t make_info(int32_t pid, uint32_t ptype);
+
 // The pid that holds the table's lock, as the holder's liveness slot
 // records it: 0 when the lock is free, -1 when the lock's segment cannot be
 // read.
