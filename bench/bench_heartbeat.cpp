@@ -137,6 +137,25 @@ void sd_notify_watchdog(benchmark::State &state) {
   if (failures != 0) state.SkipWithError("sd_notify failed");
 }
 
+// A shared page for one benchmark's lock and tick, unmapped at its end.
+class SharedPage {
+ public:
+  SharedPage() : page_(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {}
+  ~SharedPage() {
+    if (ok()) munmap(page_, 4096);
+  }
+  SharedPage(const SharedPage &) = delete;
+  SharedPage &operator=(const SharedPage &) = delete;
+  bool ok() const { return page_ != MAP_FAILED; }
+  template <typename T>
+  T *as() const {
+    return static_cast<T *>(page_);
+  }
+
+ private:
+  void *page_;
+};
+
 // The lock word and the tick of one entry, in a shared page.
 struct FloorEntry {
   uint64_t lock;
@@ -144,12 +163,12 @@ struct FloorEntry {
 };
 
 void lock_word_floor(benchmark::State &state) {
-  void *page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (page == MAP_FAILED) {
+  SharedPage page;
+  if (!page.ok()) {
     state.SkipWithError("mmap failed");
     return;
   }
-  FloorEntry *entry = static_cast<FloorEntry *>(page);
+  FloorEntry *entry = page.as<FloorEntry>();
   const uint64_t owner = (uint64_t)getpid();
   for (auto _ : state) {
     uint64_t expected = 0;
@@ -159,7 +178,6 @@ void lock_word_floor(benchmark::State &state) {
     entry->tick = monotonic_ms();
     __atomic_store_n(&entry->lock, 0, __ATOMIC_RELEASE);
   }
-  munmap(page, 4096);
 }
 
 // The same with a process-shared robust mutex, which also survives a killed
@@ -170,12 +188,12 @@ struct RobustEntry {
 };
 
 void robust_mutex_floor(benchmark::State &state) {
-  void *page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (page == MAP_FAILED) {
+  SharedPage page;
+  if (!page.ok()) {
     state.SkipWithError("mmap failed");
     return;
   }
-  RobustEntry *entry = static_cast<RobustEntry *>(page);
+  RobustEntry *entry = page.as<RobustEntry>();
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
   pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
@@ -192,7 +210,6 @@ void robust_mutex_floor(benchmark::State &state) {
     }
     pthread_mutex_destroy(&entry->lock);
   }
-  munmap(page, 4096);
 }
 
 }  // namespace
