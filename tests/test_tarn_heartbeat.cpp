@@ -656,16 +656,30 @@ std::string shared_state() {
   return state + tarn_test::read_file(tarn_test::kHeartbeatSegmentPath);
 }
 
-// Runs init(1) in a child that starts as a fresh process would, after
-// `before` has been done there; returns its outcome (exit status: init's
-// result).
-tarn_test::ChildOutcome attach_in_child(const std::function<void()> &before) {
-  return tarn_test::run_in_child([&] {
+// What init(1) did in a child that started as a fresh process would.
+struct AttachOutcome {
+  int32_t result = INT32_MIN;  // init's result; INT32_MIN when none came back
+  std::vector<tarn_test::LogLine> lines;
+};
+
+// Runs init(1) in a child after `before` has been done there.
+AttachOutcome attach_in_child(const std::function<void()> &before) {
+  tarn_test::Pipe answer;
+  AttachOutcome outcome;
+  outcome.lines = tarn_test::run_in_child([&] {
     proc_heartbeat_deinit(false);
     tarn_test::clear_logs();
+    // What before() limits is given back for the way out.
+    struct rlimit descriptors;
+    getrlimit(RLIMIT_NOFILE, &descriptors);
     before();
-    exit(proc_heartbeat_init(1));
-  });
+    const int32_t result = proc_heartbeat_init(1);
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+    answer.write_int(result);
+  }).lines;
+  int result = 0;
+  if (answer.read_int(&result, 1000)) outcome.result = result;
+  return outcome;
 }
 
 // Lets the calling process open `spare` more descriptors, and no more.
@@ -689,24 +703,24 @@ TEST_F(ProcHeartbeatTest, AnAttachingProcessOutOfDescriptorsLeavesTheTableAndIts
   };
   for (int spare = 0; spare < (int)expected.size(); ++spare) {
     SCOPED_TRACE(format("spare descriptors: %d", spare));
-    const tarn_test::ChildOutcome outcome = attach_in_child([spare] { allow_descriptors(spare); });
-    EXPECT_EQ(outcome.exit_status, EMFILE);
+    const AttachOutcome outcome = attach_in_child([spare] { allow_descriptors(spare); });
+    EXPECT_EQ(outcome.result, EMFILE);
     ASSERT_EQ(outcome.lines.size(), 1u);
     EXPECT_EQ(outcome.lines[0].word, "warn");
     EXPECT_EQ(outcome.lines[0].message, expected[spare]);
     EXPECT_EQ(shared_state(), before);
   }
   EXPECT_EQ(update_proc_beat_tick(), 0) << dump_logs();
-  const tarn_test::ChildOutcome worker = attach_in_child([] {});
-  EXPECT_EQ(worker.exit_status, 0);
+  const AttachOutcome worker = attach_in_child([] {});
+  EXPECT_EQ(worker.result, 0);
   EXPECT_EQ(tarn_test::messages("warn"), std::vector<std::string>{});
 }
 
 TEST_F(ProcHeartbeatTest, AnAttachingProcessWhoseMappingIsRefusedLeavesTheTableAndItsLockToTheOthers) {
   ASSERT_NO_FATAL_FAILURE(start_service());
   const std::string before = shared_state();
-  const tarn_test::ChildOutcome outcome = attach_in_child([] { g_shm_map_error = ENOMEM; });
-  EXPECT_EQ(outcome.exit_status, ENOMEM);
+  const AttachOutcome outcome = attach_in_child([] { g_shm_map_error = ENOMEM; });
+  EXPECT_EQ(outcome.result, ENOMEM);
   ASSERT_EQ(outcome.lines.size(), 1u);
   EXPECT_EQ(outcome.lines[0].word, "warn");
   EXPECT_EQ(outcome.lines[0].message, format("share memory map failed, error: %d\n", ENOMEM));
