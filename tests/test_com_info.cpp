@@ -2129,6 +2129,16 @@ TEST_F(PackageVerifyTest, RootNamesUpperCaseDigestsAndEveryManifestAreTaken) {
                 summary_line(3, 1)}));
 }
 
+TEST_F(PackageVerifyTest, ADigestMustEqualTheFilesInFull) {
+  put("a", "a");
+  const std::string digest = sha256_hex("a");
+  std::string last_changed = digest;
+  last_changed.back() = last_changed.back() == '0' ? '1' : '0';
+  seal({{"a", digest + "0"}, {"a", last_changed}, {"a", digest.substr(0, 63)}, {"a", ""}, {"a", digest}});
+  EXPECT_EQ(verify(), 4);
+  EXPECT_STREQ(report_, "differs a\ndiffers a\ndiffers a\ndiffers a\n");
+}
+
 TEST_F(PackageVerifyTest, AReportTooSmallIsCutAndTerminated) {
   lay_out_good_package();
   ASSERT_EQ(unlink((dir_ + "/bin/app").c_str()), 0);
