@@ -429,38 +429,67 @@ bool escapes_package(const char *name) {
   return false;
 }
 
-// Opens the file name (relative, components separated by '/') below the
-// directory dir_fd for reading, one component at a time, never following a
-// link: a link at any component fails with ELOOP (or ENOTDIR). Empty
-// components are skipped; a name without any opens the directory itself.
-// Returns the descriptor, or -1 with errno.
-int open_below(int dir_fd, const char *name) {
-  char path[TARN_PATH_BUFFER_SIZE];
-  if (tarn_strlcpy(path, name, sizeof(path)) >= sizeof(path)) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
-  TarnFd parent;
-  int at = dir_fd;
-  char *rest = path;
-  for (;;) {
-    while (*rest == '/') ++rest;
-    char *end = strchr(rest, '/');
-    while (end != nullptr && end[1] == '/') ++end;
-    if (end == nullptr || end[1] == '\0') {
-      if (end != nullptr) *end = '\0';
-      // O_NONBLOCK: a fifo in a file's place must not hold the check up.
-      return openat(at, *rest == '\0' ? "." : rest,
-                    O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+// Opens listed files for reading below the package directory, one
+// component at a time and never following a link: a link at any component
+// fails with ELOOP (or ENOTDIR). The directory of the last file opened is
+// kept open, so that the files of one directory, which manifests list
+// together, cost one open each and not one per component.
+class PackageFiles {
+ public:
+  explicit PackageFiles(int root) : root_(root) {}
+  PackageFiles(const PackageFiles &) = delete;
+  PackageFiles &operator=(const PackageFiles &) = delete;
+
+  // The descriptor of the file name (relative, components separated by
+  // '/'; empty components are skipped, and a name ending in '/' opens that
+  // directory itself), or -1 with errno.
+  int open(const char *name) {
+    if (strlen(name) >= sizeof(parent_name_)) {
+      errno = ENAMETOOLONG;
+      return -1;
     }
-    *end = '\0';
-    const int next = openat(at, rest, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (next < 0) return -1;
-    parent.reset(next);
-    at = next;
-    rest = end + 1;
+    const char *slash = strrchr(name, '/');
+    const int at = slash == nullptr ? root_ : enter(name, (size_t)(slash - name));
+    if (at < 0) return -1;
+    const char *leaf = slash == nullptr ? name : slash + 1;
+    // O_NONBLOCK: a fifo in a file's place must not hold the check up.
+    return openat(at, leaf[0] == '\0' ? "." : leaf,
+                  O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   }
-}
+
+ private:
+  // The directory made of the first length characters of name, opened
+  // below the root or kept from the file before; -1 with errno.
+  int enter(const char *name, size_t length) {
+    if (parent_.get() >= 0 && strlen(parent_name_) == length &&
+        memcmp(parent_name_, name, length) == 0) {
+      return parent_.get();
+    }
+    parent_.reset();
+    char path[TARN_PATH_BUFFER_SIZE];
+    memcpy(path, name, length);
+    path[length] = '\0';
+    TarnFd walked;
+    int at = root_;
+    char *save = nullptr;
+    for (char *part = strtok_r(path, "/", &save); part != nullptr;
+         part = strtok_r(nullptr, "/", &save)) {
+      const int next = openat(at, part, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (next < 0) return -1;
+      walked.reset(next);
+      at = next;
+    }
+    if (walked.get() < 0) return root_;
+    memcpy(parent_name_, name, length);
+    parent_name_[length] = '\0';
+    parent_.reset(walked.release());
+    return parent_.get();
+  }
+
+  int root_;
+  TarnFd parent_;
+  char parent_name_[TARN_PATH_BUFFER_SIZE] = {};
+};
 
 // How one listed file compares with its manifest.
 enum class FileCheck { kMatch, kMissing, kDiffers, kNotRegular, kUnreadable };
@@ -486,9 +515,9 @@ FileCheck compare_digest(int fd, unsigned char *buffer, const char *expected) {
   return strcasecmp(hex, expected) == 0 ? FileCheck::kMatch : FileCheck::kDiffers;
 }
 
-FileCheck check_listed_file(int dir_fd, const char *name, const char *expected,
+FileCheck check_listed_file(PackageFiles *files, const char *name, const char *expected,
                             unsigned char *buffer) {
-  const TarnFd file(open_below(dir_fd, name));
+  const TarnFd file(files->open(name));
   if (file.get() < 0) {
     if (errno == ENOENT) return FileCheck::kMissing;
     return errno == ELOOP || errno == ENOTDIR ? FileCheck::kNotRegular : FileCheck::kUnreadable;
@@ -512,7 +541,7 @@ const char *problem_kind(FileCheck check) {
 // leaves an empty slot and moves the later ones past the count, so the walk
 // goes on until it has met file_count stored entries. Returns how many were
 // checked.
-uint32_t verify_record(int dir_fd, const com_info_var &info, unsigned char *buffer,
+uint32_t verify_record(PackageFiles *files, const com_info_var &info, unsigned char *buffer,
                        VerifyReport *report) {
   uint32_t met = 0;
   for (uint32_t i = 0; info.files != nullptr && met < info.file_count; ++i) {
@@ -524,7 +553,7 @@ uint32_t verify_record(int dir_fd, const com_info_var &info, unsigned char *buff
       report->add("escapes", file.name);
       continue;
     }
-    const FileCheck check = check_listed_file(dir_fd, name, file.sha256, buffer);
+    const FileCheck check = check_listed_file(files, name, file.sha256, buffer);
     if (check != FileCheck::kMatch) report->add(problem_kind(check), file.name);
   }
   return met;
@@ -812,9 +841,10 @@ TARNAUX_API int tarn_package_verify(const char *package_dir, char *report, size_
   const std::unique_ptr<unsigned char, BufferFree> buffer(static_cast<unsigned char *>(
       zero_slots(1, TARN_PACKAGE_VERIFY_BUFFER_SIZE, OUT_OF_MEMORY_HERE)));
   VerifyReport problems(package_dir, report, report_len);
+  PackageFiles files(dir.get());
   uint32_t checked = 0;
   for (uint32_t i = 0; i < found.count; ++i) {
-    checked += verify_record(dir.get(), records[i], buffer.get(), &problems);
+    checked += verify_record(&files, records[i], buffer.get(), &problems);
   }
   LOG(info, "%s%s: %u files checked, %u problems\n", kVerifyPrefix, package_dir,
       (unsigned)checked, (unsigned)problems.problems());

@@ -2129,6 +2129,20 @@ TEST_F(PackageVerifyTest, RootNamesUpperCaseDigestsAndEveryManifestAreTaken) {
                 summary_line(3, 1)}));
 }
 
+TEST_F(PackageVerifyTest, FilesOfAlternatingAndNestedDirectoriesAreEachFoundInTheirOwn) {
+  // The same leaf names in directories whose names begin alike: a file
+  // looked for in the directory of the file before would differ.
+  const std::vector<std::string> names = {"d/x", "dd/x", "d/y", "d/sub/x", "d//x", "x", "dd/x", "d/x"};
+  std::vector<std::pair<std::string, std::string>> listed;
+  for (const std::string &name : names) {
+    put(name == "d//x" ? "d/x" : name, "contents of " + (name == "d//x" ? std::string("d/x") : name));
+    listed.emplace_back(name, sha256_hex("contents of " + (name == "d//x" ? std::string("d/x") : name)));
+  }
+  seal(listed);
+  EXPECT_EQ(verify(), 0) << report_;
+  EXPECT_STREQ(report_, "");
+}
+
 TEST_F(PackageVerifyTest, ADigestMustEqualTheFilesInFull) {
   put("a", "a");
   const std::string digest = sha256_hex("a");
