@@ -9,7 +9,7 @@
 # BENCH_DISK_ROUNDS (into the disk folder, default 3), BENCH_REPS
 # (Google Benchmark repetitions, default 7), BENCH_LOAD_SECONDS (default
 # 10), BENCH_ARCHIVE_MB (default 100; the memory check also uses 4 times
-# it). The raw results are kept in BUILD_DIR/bench/raw.
+# it, and the package check unpacks one of that size). The raw results are kept in BUILD_DIR/bench/raw.
 set -euo pipefail
 build=$1
 bin=$build/bench
@@ -104,6 +104,18 @@ gb() {
     .[$k] * ({"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[.time_unit])' "$raw/$1"
 }
 
+# Package verification: tarn_package_verify (Google Benchmark) and
+# sha256sum -c over the same files (hyperfine), both reading from the page
+# cache: the benchmark's own first iterations and a warm-up run fill it.
+pkg=$build/bench/verify_package
+rm -rf "$pkg" "$pkg.sha256"
+gbench bench_package_verify package_verify.json --package="$pkg" --package_mb="$archive_mb"
+say "sha256sum -c over the same files"
+hyperfine -N --warmup 1 --runs "$reps" --style none --export-json "$raw/sha256sum.json" \
+  "sha256sum -c --quiet $pkg.sha256" >/dev/null
+pkg_mb=$(du -sm --apparent-size "$pkg" | cut -f1) pkg_files=$(wc -l <"$pkg.sha256")
+rm -rf "$pkg" "$pkg.sha256"
+
 # Load runs, WORKERS:PACE_MS: 63 workers with the service and the supervisor
 # flat out, then calling every 100 ms; then one worker, so that the
 # processes do not outnumber the CPUs.
@@ -180,6 +192,12 @@ echo "| parsing | tarn_ini_file_load, the app home record (3 keys), per second |
 echo "| parsing | tarn_ini_file_load, 2,000 keys (139 KB), per second | $(per_second "$(gb parse.json load_ini/2000)") | | | | | |"
 echo "| parsing | version_mgr_parser_version per second | $(per_second "$(gb parse.json parse_version)") | | | | | |"
 echo "| parsing | argment_paras_create, 100 options, per second | $(per_second "$(gb parse.json create_arguments)") | | | | | |"
+verify_ns=$(gb package_verify.json package_verify/real_time) verify_cpu=$(gb package_verify.json package_verify/real_time cpu)
+sum_s=$(jq -r '.results[0].median' "$raw/sha256sum.json")
+sum_cpu=$(jq -r '.results[0] | (.user + .system)' "$raw/sha256sum.json")
+verify_s=$(awk -v n="$verify_ns" 'BEGIN { print n / 1e9 }') verify_cpu_s=$(awk -v n="$verify_cpu" 'BEGIN { print n / 1e9 }')
+echo "| package check | tarn_package_verify, ${pkg_mb} MB, ${pkg_files} files, wall s | $(fmt "$verify_s") | sha256sum -c | $(fmt "$sum_s") | $(ratio "$sum_s" "$verify_s") x its speed | >= 0.8 x | $(ge "$(ratio "$sum_s" "$verify_s")" 0.8) |"
+echo "| package check | tarn_package_verify, cpu s | $(fmt "$verify_cpu_s") | sha256sum -c user + system | $(fmt "$sum_cpu") | $(ratio "$sum_cpu" "$verify_cpu_s") x its speed | | |"
 glock=$(gb glock.json glock_acquire_release) cas=$(gb glock.json atomic_cas_pair) flock=$(gb glock.json flock_pair)
 robust=$(gb glock.json robust_mutex_pair) killed=$(gb glock.json glock_after_killed_waiters)
 echo "| global lock | acquire + release, ns | $(fmt "$glock" 0) | CAS pair / robust mutex pair / flock pair | $(fmt "$cas" 0) / $(fmt "$robust" 0) / $(fmt "$flock" 0) | $(ratio "$glock" "$cas") / $(ratio "$glock" "$robust") / $(ratio "$glock" "$flock") | | |"

@@ -45,6 +45,8 @@
 #ifndef COM_INFO_H
 #define COM_INFO_H
 
+#include <errno.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include "kep_result.h"
@@ -265,6 +267,77 @@ TARNAUX_API uint32_t unpack_com(const char *archive, const char *dest, com_info_
  * at the files after it; 1 without logging when dir or info is null or dir
  * is not a directory. */
 TARNAUX_API int32_t check_file(const char *dir, const com_info_var *info);
+
+/* Results of tarn_package_verify other than 0 and a count of problems. */
+#define TARN_PACKAGE_VERIFY_BAD_ARGUMENT (-EINVAL) /* null or empty argument */
+#define TARN_PACKAGE_VERIFY_NO_MANIFEST (-ENOENT)  /* no directory, or no manifest */
+#define TARN_PACKAGE_VERIFY_BAD_MANIFEST (-EBADMSG) /* a manifest does not load */
+
+/* The size of the one buffer through which tarn_package_verify reads every
+ * file, whatever its size. */
+#define TARN_PACKAGE_VERIFY_BUFFER_SIZE 65536
+
+/* Checks the contents of the unpacked package directory package_dir
+ * against its manifests: every ".ejs" file of
+ * "<package_dir>/config/component_info" (the files load_local_pack takes,
+ * at most COM_INFO_MAX_LOCAL_MANIFESTS, in the order of their names) is
+ * loaded with load_com_info, so that a manifest is trusted exactly as far
+ * as that loader authenticates it, and then every file that a manifest
+ * lists with a "name" and a "sha256" (entries lacking either are not in the
+ * record and not checked) is read and its SHA-256 digest compared, without
+ * regard to case, with the manifest's. A name that begins with "__ROOT" is
+ * looked for without its first 7 characters, as check_file does.
+ *
+ * Trust. The listed name is opened below package_dir one component at a
+ * time with openat and O_NOFOLLOW: a symbolic link anywhere below
+ * package_dir is never followed (package_dir itself is opened as given).
+ * A name that is absolute or has a ".." component is never opened. Each
+ * file is read through one buffer of TARN_PACKAGE_VERIFY_BUFFER_SIZE bytes
+ * and hashed as it is read: memory does not grow with the files' sizes.
+ *
+ * report, which holds report_len bytes, receives one line per problem, in
+ * the order of the manifests and of their "files", each "<kind> <name>\n"
+ * with the name as the manifest writes it:
+ *   "missing <name>"             nothing at the path (ENOENT)
+ *   "differs <name>"             the digest is another
+ *   "not a regular file <name>"  a link, a directory, a device, a fifo, or
+ *                                a link or file in place of a directory
+ *   "escapes <name>"             absolute, or a ".." component
+ *   "unreadable <name>"          any other failure to open or read it
+ * The report is always terminated and is cut silently (possibly inside a
+ * line) when it is full; the result still counts every problem. A file
+ * listed by two manifests is checked, and reported, twice.
+ *
+ * Returns:
+ *   0                                  every listed file matches; report ""
+ *   a positive number                  the number of problems (report lines)
+ *   TARN_PACKAGE_VERIFY_BAD_ARGUMENT   (-EINVAL) package_dir null or "",
+ *                                      report null or report_len 0
+ *   TARN_PACKAGE_VERIFY_NO_MANIFEST    (-ENOENT) package_dir cannot be
+ *                                      opened as a directory, or holds no
+ *                                      manifest
+ *   TARN_PACKAGE_VERIFY_BAD_MANIFEST   (-EBADMSG) a manifest does not load
+ *                                      (tampered, sealed with another key,
+ *                                      not a component manifest): no file
+ *                                      is checked
+ * For a negative result the report is "" when there is one.
+ *
+ * Logs (a line end ends each):
+ *   warn "package verify: no package directory given" (null or "")
+ *   warn "package verify: no report buffer given" (null or length 0)
+ *   warn "package verify: cannot open package directory %s: %s" (path,
+ *        strerror)
+ *   info "%s is not ejs" for each entry of the manifest directory that is
+ *        not a manifest, as load_local_pack logs it
+ *   warn "package verify: no manifest in %s" (the manifest directory)
+ *   load_com_info's lines for a manifest that does not load, then warn
+ *        "package verify: manifest %s does not load, package not verified"
+ *   warn "package verify: %s: %s %s" (package_dir, kind, name) per problem
+ *   info "package verify: %s: %u files checked, %u problems" (package_dir)
+ *        at the end of a check
+ * When memory runs out it logs fatal "Out of memory" and ends the process
+ * with status 0. Thread-safe; the caller owns report. */
+TARNAUX_API int tarn_package_verify(const char *package_dir, char *report, size_t report_len);
 
 /* A new random identifier in its 36-character text form
  * ("3f2504e0-4f89-41d3-9a0c-0305e82c3301", tarn_uuid.h), newly allocated:

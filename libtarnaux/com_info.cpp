@@ -2,19 +2,26 @@
 // records and lists, logging a component's architectures, looking up one
 // file's digest; packages: listing the manifests under an install
 // directory, unpacking a package and loading its manifest, checking that a
-// component's files are there, fresh identifiers; and joining a relative
-// path to a base directory or, by default, to the app home.
+// component's files are there, checking their contents against the
+// manifests' digests, fresh identifiers; and joining a relative path to a
+// base directory or, by default, to the app home.
 
 #include "com_info.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <memory>
 #include <mutex>
 
 #include <qiv_ejs/qiv_ejs.h>
+#include <sodium.h>
 #include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_mem.h>
 #include <tarnbase/tarn_path.h>
@@ -373,6 +380,209 @@ const char *below_package_root(const char *name) {
   return name[length] == '\0' ? name + length : name + length + 1;
 }
 
+// Gathers the manifests of the directory at path into *found. A directory
+// that cannot be listed holds no manifest.
+void list_manifests(const char *path, ManifestPaths *found) {
+  (void)tarn_dirutils_listdir(path, found, collect_manifest);
+}
+
+// ---- Verifying a package ----
+
+constexpr char kVerifyPrefix[] = "package verify: ";
+
+// The problems found in a package, as report lines in the caller's buffer
+// (always terminated, cut silently when full) and as log lines.
+class VerifyReport {
+ public:
+  VerifyReport(const char *package_dir, char *buf, size_t len)
+      : package_dir_(package_dir), buf_(buf), len_(len) {
+    buf_[0] = '\0';
+  }
+  void add(const char *kind, const char *name) {
+    ++problems_;
+    LOG(warn, "%s%s: %s %s\n", kVerifyPrefix, package_dir_, kind, name);
+    const size_t room = len_ - used_;
+    if (room <= 1) return;
+    const int length = snprintf(buf_ + used_, room, "%s %s\n", kind, name);
+    if (length > 0) used_ += (size_t)length < room ? (size_t)length : room - 1;
+  }
+  uint32_t problems() const { return problems_; }
+
+ private:
+  const char *package_dir_;
+  char *buf_;
+  size_t len_;
+  size_t used_ = 0;
+  uint32_t problems_ = 0;
+};
+
+// Whether a listed name (below the package root) would leave the package
+// directory: an absolute name, or one with a ".." component.
+bool escapes_package(const char *name) {
+  if (name[0] == '/') return true;
+  for (const char *part = name; *part != '\0';) {
+    const size_t length = strcspn(part, "/");
+    if (length == 2 && part[0] == '.' && part[1] == '.') return true;
+    part += length;
+    if (*part == '/') ++part;
+  }
+  return false;
+}
+
+// Opens listed files for reading below the package directory, one
+// component at a time and never following a link: a link at any component
+// fails with ELOOP (or ENOTDIR). The directory of the last file opened is
+// kept open, so that the files of one directory, which manifests list
+// together, cost one open each and not one per component.
+class PackageFiles {
+ public:
+  explicit PackageFiles(int root) : root_(root) {}
+  PackageFiles(const PackageFiles &) = delete;
+  PackageFiles &operator=(const PackageFiles &) = delete;
+
+  // The descriptor of the file name (relative, components separated by
+  // '/'; empty components are skipped, and a name ending in '/' opens that
+  // directory itself), or -1 with errno.
+  int open(const char *name) {
+    if (strlen(name) >= sizeof(parent_name_)) {
+      errno = ENAMETOOLONG;
+      return -1;
+    }
+    const char *slash = strrchr(name, '/');
+    const int at = slash == nullptr ? root_ : enter(name, (size_t)(slash - name));
+    if (at < 0) return -1;
+    const char *leaf = slash == nullptr ? name : slash + 1;
+    // O_NONBLOCK: a fifo in a file's place must not hold the check up.
+    return openat(at, leaf[0] == '\0' ? "." : leaf,
+                  O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  }
+
+ private:
+  // The directory made of the first length characters of name, opened
+  // below the root or kept from the file before; -1 with errno.
+  int enter(const char *name, size_t length) {
+    if (parent_.get() >= 0 && strlen(parent_name_) == length &&
+        memcmp(parent_name_, name, length) == 0) {
+      return parent_.get();
+    }
+    parent_.reset();
+    char path[TARN_PATH_BUFFER_SIZE];
+    memcpy(path, name, length);
+    path[length] = '\0';
+    TarnFd walked;
+    int at = root_;
+    char *save = nullptr;
+    for (char *part = strtok_r(path, "/", &save); part != nullptr;
+         part = strtok_r(nullptr, "/", &save)) {
+      const int next = openat(at, part, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (next < 0) return -1;
+      walked.reset(next);
+      at = next;
+    }
+    if (walked.get() < 0) return root_;
+    memcpy(parent_name_, name, length);
+    parent_name_[length] = '\0';
+    parent_.reset(walked.release());
+    return parent_.get();
+  }
+
+  int root_;
+  TarnFd parent_;
+  char parent_name_[TARN_PATH_BUFFER_SIZE] = {};
+};
+
+// How one listed file compares with its manifest.
+enum class FileCheck { kMatch, kMissing, kDiffers, kNotRegular, kUnreadable };
+
+// Reads the open file fd through buffer (TARN_PACKAGE_VERIFY_BUFFER_SIZE
+// bytes) and compares its SHA-256 digest with the text expected.
+FileCheck compare_digest(int fd, unsigned char *buffer, const char *expected) {
+  crypto_hash_sha256_state state;
+  crypto_hash_sha256_init(&state);
+  for (;;) {
+    const ssize_t got = read(fd, buffer, TARN_PACKAGE_VERIFY_BUFFER_SIZE);
+    if (got == 0) break;
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return FileCheck::kUnreadable;
+    }
+    crypto_hash_sha256_update(&state, buffer, (unsigned long long)got);
+  }
+  unsigned char digest[crypto_hash_sha256_BYTES];
+  crypto_hash_sha256_final(&state, digest);
+  char hex[crypto_hash_sha256_BYTES * 2 + 1];
+  sodium_bin2hex(hex, sizeof(hex), digest, sizeof(digest));
+  return strcasecmp(hex, expected) == 0 ? FileCheck::kMatch : FileCheck::kDiffers;
+}
+
+FileCheck check_listed_file(PackageFiles *files, const char *name, const char *expected,
+                            unsigned char *buffer) {
+  const TarnFd file(files->open(name));
+  if (file.get() < 0) {
+    if (errno == ENOENT) return FileCheck::kMissing;
+    return errno == ELOOP || errno == ENOTDIR ? FileCheck::kNotRegular : FileCheck::kUnreadable;
+  }
+  struct stat st;
+  if (fstat(file.get(), &st) != 0) return FileCheck::kUnreadable;
+  if (!S_ISREG(st.st_mode)) return FileCheck::kNotRegular;
+  return compare_digest(file.get(), buffer, expected);
+}
+
+const char *problem_kind(FileCheck check) {
+  switch (check) {
+    case FileCheck::kMissing: return "missing";
+    case FileCheck::kDiffers: return "differs";
+    case FileCheck::kNotRegular: return "not a regular file";
+    default: return "unreadable";
+  }
+}
+
+// Checks the stored files of one loaded record. A skipped manifest entry
+// leaves an empty slot and moves the later ones past the count, so the walk
+// goes on until it has met file_count stored entries. Returns how many were
+// checked.
+uint32_t verify_record(PackageFiles *files, const com_info_var &info, unsigned char *buffer,
+                       VerifyReport *report) {
+  uint32_t met = 0;
+  for (uint32_t i = 0; info.files != nullptr && met < info.file_count; ++i) {
+    const com_file &file = info.files[i];
+    if (file.name == nullptr || file.sha256 == nullptr) continue;
+    ++met;
+    const char *name = below_package_root(file.name);
+    if (escapes_package(name)) {
+      report->add("escapes", file.name);
+      continue;
+    }
+    const FileCheck check = check_listed_file(files, name, file.sha256, buffer);
+    if (check != FileCheck::kMatch) report->add(problem_kind(check), file.name);
+  }
+  return met;
+}
+
+// The records of a package's manifests, freed with their owner.
+class LoadedRecords {
+ public:
+  explicit LoadedRecords(uint32_t count)
+      : items_(static_cast<com_info_var *>(
+            zero_slots(count, sizeof(com_info_var), OUT_OF_MEMORY_HERE))),
+        count_(count) {}
+  ~LoadedRecords() {
+    for (uint32_t i = 0; i < count_; ++i) free_com_info_var(&items_[i]);
+    tarn_free_(items_);
+  }
+  LoadedRecords(const LoadedRecords &) = delete;
+  LoadedRecords &operator=(const LoadedRecords &) = delete;
+  com_info_var &operator[](uint32_t i) { return items_[i]; }
+
+ private:
+  com_info_var *items_;
+  uint32_t count_;
+};
+
+struct BufferFree {
+  void operator()(unsigned char *buffer) const { tarn_free_(buffer); }
+};
+
 }  // namespace
 
 const char *archive_package_name(const char *archive, char *buf, size_t len) {
@@ -539,9 +749,8 @@ TARNAUX_API uint32_t load_local_pack(const char *dir, com_list_var *list) {
   tarn_str_strncat(path, kManifestDir, sizeof(path));
   LOG(info, "current dir: %s\n", path);
 
-  // A directory that cannot be listed holds no manifest.
   ManifestPaths found;
-  (void)tarn_dirutils_listdir(path, &found, collect_manifest);
+  list_manifests(path, &found);
   if (found.count == 0) return 1;
 
   auto *items =
@@ -591,6 +800,55 @@ TARNAUX_API int32_t check_file(const char *dir, const com_info_var *info) {
     if (ret != 0) return ret;
   }
   return 0;
+}
+
+TARNAUX_API int tarn_package_verify(const char *package_dir, char *report, size_t report_len) {
+  if (package_dir == nullptr || package_dir[0] == '\0') {
+    LOG(warn, "%sno package directory given\n", kVerifyPrefix);
+    if (report != nullptr && report_len > 0) report[0] = '\0';
+    return TARN_PACKAGE_VERIFY_BAD_ARGUMENT;
+  }
+  if (report == nullptr || report_len == 0) {
+    LOG(warn, "%sno report buffer given\n", kVerifyPrefix);
+    return TARN_PACKAGE_VERIFY_BAD_ARGUMENT;
+  }
+  report[0] = '\0';
+  const TarnFd dir(open(package_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir.get() < 0) {
+    LOG(warn, "%scannot open package directory %s: %s\n", kVerifyPrefix, package_dir,
+        strerror(errno));
+    return TARN_PACKAGE_VERIFY_NO_MANIFEST;
+  }
+  char manifest_dir[TARN_PATH_BUFFER_SIZE];
+  memset(manifest_dir, 0, sizeof(manifest_dir));
+  tarn_str_snprintf(manifest_dir, sizeof(manifest_dir), "%s/%s", package_dir, kManifestDir);
+  ManifestPaths found;
+  list_manifests(manifest_dir, &found);
+  if (found.count == 0) {
+    LOG(warn, "%sno manifest in %s\n", kVerifyPrefix, manifest_dir);
+    return TARN_PACKAGE_VERIFY_NO_MANIFEST;
+  }
+  // Every manifest loads before any file is read: a package with one
+  // manifest that cannot be trusted is not verified at all.
+  LoadedRecords records(found.count);
+  for (uint32_t i = 0; i < found.count; ++i) {
+    if (load_com_info(found.paths[i], &records[i]) == 0) continue;
+    LOG(warn, "%smanifest %s does not load, package not verified\n", kVerifyPrefix,
+        found.paths[i]);
+    return TARN_PACKAGE_VERIFY_BAD_MANIFEST;
+  }
+  // One buffer for every file, whatever its size.
+  const std::unique_ptr<unsigned char, BufferFree> buffer(static_cast<unsigned char *>(
+      zero_slots(1, TARN_PACKAGE_VERIFY_BUFFER_SIZE, OUT_OF_MEMORY_HERE)));
+  VerifyReport problems(package_dir, report, report_len);
+  PackageFiles files(dir.get());
+  uint32_t checked = 0;
+  for (uint32_t i = 0; i < found.count; ++i) {
+    checked += verify_record(&files, records[i], buffer.get(), &problems);
+  }
+  LOG(info, "%s%s: %u files checked, %u problems\n", kVerifyPrefix, package_dir,
+      (unsigned)checked, (unsigned)problems.problems());
+  return (int)problems.problems();
 }
 
 TARNAUX_API char *generate_new_name(const char *previous) {

@@ -10,7 +10,9 @@
 // identifiers with their creation controlled by the test.
 
 #include <gtest/gtest.h>
+#include <sodium.h>
 
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -43,6 +45,7 @@
 #include "split_faults.h"
 #include "tarn_utils.h"
 #include "untgz.h"
+#include "without_dac_override.h"
 
 // The blocks that the library's objects linked into this program (and the
 // test) hand to tarn_free_ while g_watch_frees is set, to see what freeing a
@@ -1953,6 +1956,307 @@ TEST_F(PackageTest, NewNameEndsTheProcessWhenItsCopyRunsOutOfMemory) {
     expect_out_of_memory_exit(outcome, fallback ? "fallback copy" : "copy");
     EXPECT_EQ(outcome.lines.size(), 1u);
   }
+}
+
+// ---- tarn_package_verify ----
+
+// The SHA-256 digest of text, in lower-case hexadecimal.
+std::string sha256_hex(const std::string &text) {
+  unsigned char digest[crypto_hash_sha256_BYTES];
+  crypto_hash_sha256(digest, reinterpret_cast<const unsigned char *>(text.data()), text.size());
+  char hex[sizeof(digest) * 2 + 1];
+  sodium_bin2hex(hex, sizeof(hex), digest, sizeof(digest));
+  return hex;
+}
+
+// A package directory in the scratch area: files written with their
+// contents remembered, and manifests sealed from (name, digest) entries.
+class PackageVerifyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tarn_test::reset_fakes();
+    ASSERT_FALSE(scratch_.path().empty());
+    ASSERT_TRUE(make_dirs(dir_ + "/config/component_info"));
+  }
+  void TearDown() override { tarn_test::reset_fakes(); }
+
+  // Writes the file name below the package with text.
+  void put(const std::string &name, const std::string &text) {
+    const std::string path = dir_ + "/" + name;
+    ASSERT_TRUE(make_dirs(path.substr(0, path.rfind('/'))));
+    ASSERT_TRUE(tarn_test::write_file(path, text)) << path;
+  }
+  // Seals the manifest <manifest>.ejs listing each (name, digest).
+  void seal(const std::vector<std::pair<std::string, std::string>> &files,
+            const std::string &manifest = "pkg") {
+    std::string json = R"({"package":")" + manifest + R"(","version":"1.0.0","files":[)";
+    for (size_t i = 0; i < files.size(); ++i) {
+      json += format(R"(%s{"name":"%s","sha256":"%s"})", i == 0 ? "" : ",", files[i].first.c_str(),
+                     files[i].second.c_str());
+    }
+    json += "]}";
+    ASSERT_TRUE(tarn_test::seal_manifest(manifest_path(manifest), json));
+  }
+  std::string manifest_path(const std::string &manifest = "pkg") const {
+    return dir_ + "/config/component_info/" + manifest + ".ejs";
+  }
+  // Five good files, listed by one manifest.
+  void lay_out_good_package() {
+    std::vector<std::pair<std::string, std::string>> listed;
+    for (const char *name : {"bin/app", "lib/libx.so", "share/data", "etc/conf", "doc/readme"}) {
+      const std::string text = std::string("contents of ") + name;
+      put(name, text);
+      listed.emplace_back(name, sha256_hex(text));
+    }
+    seal(listed);
+  }
+  int verify(size_t report_len = sizeof(report_)) {
+    return tarn_package_verify(dir_.c_str(), report_, report_len);
+  }
+  std::string problem_line(const std::string &kind, const std::string &name) const {
+    return format("package verify: %s: %s %s\n", dir_.c_str(), kind.c_str(), name.c_str());
+  }
+  std::string summary_line(unsigned checked, unsigned problems) const {
+    return format("package verify: %s: %u files checked, %u problems\n", dir_.c_str(), checked,
+                  problems);
+  }
+
+  ScratchDirectory scratch_{"tarn_verify"};
+  const std::string dir_ = scratch_ / "pkg";
+  char report_[4096];
+};
+
+TEST_F(PackageVerifyTest, ResultCodesHaveTheirValues) {
+  EXPECT_EQ(TARN_PACKAGE_VERIFY_BAD_ARGUMENT, -EINVAL);
+  EXPECT_EQ(TARN_PACKAGE_VERIFY_NO_MANIFEST, -ENOENT);
+  EXPECT_EQ(TARN_PACKAGE_VERIFY_BAD_MANIFEST, -EBADMSG);
+}
+
+TEST_F(PackageVerifyTest, AnIntactPackageIsZeroWithAnEmptyReport) {
+  lay_out_good_package();
+  memset(report_, 'Z', sizeof(report_));
+  EXPECT_EQ(verify(), 0);
+  EXPECT_STREQ(report_, "");
+  const std::vector<tarn_test::LogLine> lines = tarn_test::logs();
+  ASSERT_EQ(lines.size(), 1u) << dump_logs();
+  EXPECT_EQ(lines[0].word, "info");
+  EXPECT_EQ(lines[0].message, summary_line(5, 0));
+}
+
+TEST_F(PackageVerifyTest, EveryKindOfProblemIsReportedInManifestOrder) {
+  lay_out_good_package();
+  // A file outside the package with the digest the manifest gives, which
+  // would match if it were opened.
+  ASSERT_TRUE(tarn_test::write_file(scratch_ / "outside", "outside"));
+  std::vector<std::pair<std::string, std::string>> listed;
+  for (const char *name : {"bin/app", "lib/libx.so", "share/data", "etc/conf", "doc/readme"}) {
+    listed.emplace_back(name, sha256_hex(std::string("contents of ") + name));
+  }
+  listed.emplace_back("../outside", sha256_hex("outside"));
+  listed.emplace_back("/etc/hostname", sha256_hex("x"));
+  listed.emplace_back("bin/../../outside", sha256_hex("outside"));
+  listed.emplace_back("fifo", sha256_hex(""));
+  listed.emplace_back("linked/file", sha256_hex("linked"));
+  seal(listed);
+
+  ASSERT_EQ(unlink((dir_ + "/bin/app").c_str()), 0);                        // missing
+  put("lib/libx.so", "contents of lib/libx.sO");                            // one changed byte
+  put("share/data", "contents of share/dat");                               // truncated
+  ASSERT_EQ(unlink((dir_ + "/etc/conf").c_str()), 0);                       // a link to the
+  put("real_conf", "contents of etc/conf");                                 // right contents
+  ASSERT_EQ(symlink((dir_ + "/real_conf").c_str(), (dir_ + "/etc/conf").c_str()), 0);
+  ASSERT_EQ(unlink((dir_ + "/doc/readme").c_str()), 0);                     // a directory
+  ASSERT_TRUE(make_dirs(dir_ + "/doc/readme"));
+  ASSERT_EQ(mkfifo((dir_ + "/fifo").c_str(), 0600), 0);                      // never blocks
+  put("real_dir/file", "linked");                                           // a link in place
+  ASSERT_EQ(symlink((dir_ + "/real_dir").c_str(), (dir_ + "/linked").c_str()), 0);  // of a dir
+
+  EXPECT_EQ(verify(), 10);
+  EXPECT_STREQ(report_,
+               "missing bin/app\n"
+               "differs lib/libx.so\n"
+               "differs share/data\n"
+               "not a regular file etc/conf\n"
+               "not a regular file doc/readme\n"
+               "escapes ../outside\n"
+               "escapes /etc/hostname\n"
+               "escapes bin/../../outside\n"
+               "not a regular file fifo\n"
+               "not a regular file linked/file\n");
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{
+                problem_line("missing", "bin/app"), problem_line("differs", "lib/libx.so"),
+                problem_line("differs", "share/data"), problem_line("not a regular file", "etc/conf"),
+                problem_line("not a regular file", "doc/readme"), problem_line("escapes", "../outside"),
+                problem_line("escapes", "/etc/hostname"), problem_line("escapes", "bin/../../outside"),
+                problem_line("not a regular file", "fifo"),
+                problem_line("not a regular file", "linked/file")}));
+  EXPECT_EQ(tarn_test::messages("info"), (std::vector<std::string>{summary_line(10, 10)}));
+  EXPECT_EQ(tarn_test::logs().size(), 11u) << dump_logs();
+}
+
+TEST_F(PackageVerifyTest, AFileThatCannotBeReadIsUnreadable) {
+  lay_out_good_package();
+  ASSERT_EQ(chmod((dir_ + "/etc/conf").c_str(), 0), 0);
+  const tarn_test::WithoutDacOverride unprivileged;
+  ASSERT_TRUE(unprivileged.ok());
+  EXPECT_EQ(verify(), 1);
+  EXPECT_STREQ(report_, "unreadable etc/conf\n");
+  EXPECT_EQ(tarn_test::messages("warn"), (std::vector<std::string>{problem_line("unreadable", "etc/conf")}));
+}
+
+TEST_F(PackageVerifyTest, RootNamesUpperCaseDigestsAndEveryManifestAreTaken) {
+  put("bin/app", "app");
+  put("lib/lib.so", "lib");
+  put("other/file", "other");
+  // "__ROOT/bin/app" is looked for at bin/app; the second entry lacks its
+  // digest, so the third stands past the record's count and is still
+  // checked.
+  ASSERT_TRUE(tarn_test::seal_manifest(
+      manifest_path("a"),
+      format(R"({"package":"a","version":"1.0.0","files":[{"name":"__ROOT/bin/app","sha256":"%s"},)"
+             R"({"name":"nodigest"},{"name":"lib/lib.so","sha256":"%s"}]})",
+             sha256_hex("app").c_str(), sha256_hex("LIB").c_str())));
+  std::string upper = sha256_hex("other");
+  for (char &c : upper) c = (char)toupper((unsigned char)c);
+  seal({{"other/file", upper}}, "b");
+  ASSERT_TRUE(tarn_test::write_file(dir_ + "/config/component_info/notes.txt", "x"));
+  EXPECT_EQ(verify(), 1);
+  EXPECT_STREQ(report_, "differs lib/lib.so\n");
+  EXPECT_EQ(tarn_test::messages("info"),
+            (std::vector<std::string>{
+                format("%s/config/component_info/notes.txt is not ejs\n", dir_.c_str()),
+                summary_line(3, 1)}));
+}
+
+TEST_F(PackageVerifyTest, FilesOfAlternatingAndNestedDirectoriesAreEachFoundInTheirOwn) {
+  // The same leaf names in directories whose names begin alike: a file
+  // looked for in the directory of the file before would differ.
+  const std::vector<std::string> names = {"d/x", "dd/x", "d/y", "d/sub/x", "d//x", "x", "dd/x", "d/x"};
+  std::vector<std::pair<std::string, std::string>> listed;
+  for (const std::string &name : names) {
+    put(name == "d//x" ? "d/x" : name, "contents of " + (name == "d//x" ? std::string("d/x") : name));
+    listed.emplace_back(name, sha256_hex("contents of " + (name == "d//x" ? std::string("d/x") : name)));
+  }
+  seal(listed);
+  EXPECT_EQ(verify(), 0) << report_;
+  EXPECT_STREQ(report_, "");
+}
+
+TEST_F(PackageVerifyTest, ADigestMustEqualTheFilesInFull) {
+  put("a", "a");
+  const std::string digest = sha256_hex("a");
+  std::string last_changed = digest;
+  last_changed.back() = last_changed.back() == '0' ? '1' : '0';
+  seal({{"a", digest + "0"}, {"a", last_changed}, {"a", digest.substr(0, 63)}, {"a", ""}, {"a", digest}});
+  EXPECT_EQ(verify(), 4);
+  EXPECT_STREQ(report_, "differs a\ndiffers a\ndiffers a\ndiffers a\n");
+}
+
+TEST_F(PackageVerifyTest, AReportTooSmallIsCutAndTerminated) {
+  lay_out_good_package();
+  ASSERT_EQ(unlink((dir_ + "/bin/app").c_str()), 0);
+  ASSERT_EQ(unlink((dir_ + "/etc/conf").c_str()), 0);
+  memset(report_, 'Z', sizeof(report_));
+  EXPECT_EQ(verify(10), 2);
+  EXPECT_STREQ(report_, "missing b");
+  EXPECT_EQ(report_[10], 'Z');
+  EXPECT_EQ(verify(17), 2);
+  EXPECT_STREQ(report_, "missing bin/app\n");
+  EXPECT_EQ(report_[17], 'Z');
+  memset(report_, 'Z', sizeof(report_));
+  EXPECT_EQ(verify(1), 2);
+  EXPECT_STREQ(report_, "");
+  EXPECT_EQ(report_[1], 'Z');
+}
+
+TEST_F(PackageVerifyTest, NullOrEmptyArgumentsAreRefusedWithALine) {
+  lay_out_good_package();
+  memset(report_, 'Z', sizeof(report_));
+  EXPECT_EQ(tarn_package_verify(nullptr, report_, sizeof(report_)), TARN_PACKAGE_VERIFY_BAD_ARGUMENT);
+  EXPECT_STREQ(report_, "");
+  report_[0] = 'Z';
+  EXPECT_EQ(tarn_package_verify("", report_, sizeof(report_)), TARN_PACKAGE_VERIFY_BAD_ARGUMENT);
+  EXPECT_STREQ(report_, "");
+  EXPECT_EQ(tarn_package_verify(dir_.c_str(), nullptr, 10), TARN_PACKAGE_VERIFY_BAD_ARGUMENT);
+  report_[0] = 'Z';
+  EXPECT_EQ(tarn_package_verify(dir_.c_str(), report_, 0), TARN_PACKAGE_VERIFY_BAD_ARGUMENT);
+  EXPECT_EQ(report_[0], 'Z');
+  const std::vector<tarn_test::LogLine> lines = tarn_test::logs();
+  ASSERT_EQ(lines.size(), 4u) << dump_logs();
+  for (size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lines[i].word, "warn");
+    EXPECT_EQ(lines[i].message, i < 2 ? "package verify: no package directory given\n"
+                                      : "package verify: no report buffer given\n");
+  }
+}
+
+TEST_F(PackageVerifyTest, NoDirectoryOrNoManifestIsNoManifest) {
+  const std::string none = scratch_ / "none";
+  EXPECT_EQ(tarn_package_verify(none.c_str(), report_, sizeof(report_)),
+            TARN_PACKAGE_VERIFY_NO_MANIFEST);
+  ASSERT_TRUE(tarn_test::write_file(scratch_ / "file", "x"));
+  EXPECT_EQ(tarn_package_verify((scratch_ / "file").c_str(), report_, sizeof(report_)),
+            TARN_PACKAGE_VERIFY_NO_MANIFEST);
+  // The manifest directory holds no ".ejs" file.
+  put("bin/app", "app");
+  ASSERT_TRUE(tarn_test::write_file(dir_ + "/config/component_info/pkg.EJS", "x"));
+  EXPECT_EQ(verify(), TARN_PACKAGE_VERIFY_NO_MANIFEST);
+  EXPECT_STREQ(report_, "");
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{
+                format("package verify: cannot open package directory %s: No such file or directory\n",
+                       none.c_str()),
+                format("package verify: cannot open package directory %s: Not a directory\n",
+                       (scratch_ / "file").c_str()),
+                format("package verify: no manifest in %s/config/component_info\n", dir_.c_str())}));
+  EXPECT_EQ(tarn_test::messages("info"),
+            (std::vector<std::string>{
+                format("%s/config/component_info/pkg.EJS is not ejs\n", dir_.c_str())}));
+  EXPECT_EQ(tarn_test::logs().size(), 4u) << dump_logs();
+}
+
+TEST_F(PackageVerifyTest, AManifestThatDoesNotLoadStopsTheCheckBeforeAnyFile) {
+  lay_out_good_package();
+  ASSERT_EQ(unlink((dir_ + "/bin/app").c_str()), 0);
+  seal({{"bin/app", sha256_hex("x")}}, "z_other");
+  ASSERT_TRUE(tarn_test::tamper_file(manifest_path("z_other")));
+  report_[0] = 'Z';
+  EXPECT_EQ(verify(), TARN_PACKAGE_VERIFY_BAD_MANIFEST);
+  EXPECT_STREQ(report_, "");
+  EXPECT_EQ(tarn_test::messages("warn"),
+            (std::vector<std::string>{
+                format("load plugin config: %s failed\n", manifest_path("z_other").c_str()),
+                format("package verify: manifest %s does not load, package not verified\n",
+                       manifest_path("z_other").c_str())}));
+  EXPECT_EQ(tarn_test::logs().size(), 2u) << dump_logs();
+}
+
+// Several buffers' worth of file: every byte is read and hashed, and the
+// memory the check takes does not grow with the file.
+TEST_F(PackageVerifyTest, ALargeFileIsStreamedThroughOneBuffer) {
+  std::string big(8 * 1024 * 1024 + 123, '\0');
+  std::mt19937 random(7);
+  for (char &c : big) c = (char)random();
+  ASSERT_GT(big.size(), 100u * TARN_PACKAGE_VERIFY_BUFFER_SIZE);
+  put("big", big);
+  seal({{"big", sha256_hex(big)}});
+  tarn_test::reset_fakes();
+  EXPECT_EQ(verify(), 0) << report_;
+  const unsigned big_allocations = tarn_test::allocation_calls();
+
+  // The last byte changed, far past the first buffer.
+  big.back() = (char)(big.back() ^ 1);
+  put("big", big);
+  EXPECT_EQ(verify(), 1);
+  EXPECT_STREQ(report_, "differs big\n");
+
+  // The same manifest over a file of one byte allocates as often.
+  put("big", "x");
+  seal({{"big", sha256_hex("x")}});
+  tarn_test::reset_fakes();
+  EXPECT_EQ(verify(), 0) << report_;
+  EXPECT_EQ(tarn_test::allocation_calls(), big_allocations);
 }
 
 }  // namespace

@@ -126,15 +126,15 @@ const std::vector<Command> &commands() {
        "manifest (tampered, sealed with another key, no package, version or\n"
        "files).\n",
        run_pkg_show},
-      {"pkg verify", "DIR MANIFEST.ejs", {}, 2, 2, "check a package's files against its manifest",
-       "Checks that every file that MANIFEST.ejs lists is present below the\n"
-       "unpacked package directory DIR (a name beginning \"__ROOT/\" is looked\n"
-       "for without that prefix) and that its SHA-256 digest equals the\n"
-       "manifest's. Prints \"ok NAME\" for each good file and \"verified: N\n"
-       "files, M missing, U unreadable, K mismatching\"; every missing,\n"
-       "unreadable or mismatching file gets an error line of its own, and the\n"
-       "exit code is then 1. Exit 3 when DIR or the manifest is missing, 5 when the\n"
-       "manifest is not valid.\n",
+      {"pkg verify", "DIR", {}, 1, 1, "check a package's files against its manifests",
+       "Checks every file that the manifests in DIR/config/component_info list\n"
+       "below the unpacked package directory DIR against its SHA-256 digest\n"
+       "(tarn_package_verify; links are not followed, names that leave DIR\n"
+       "are not opened). Prints \"verified: every file that the manifests list\n"
+       "matches its digest\"; otherwise one error line per problem (\"missing\n"
+       "NAME\", \"differs NAME\", \"not a regular file NAME\", \"escapes NAME\",\n"
+       "\"unreadable NAME\"), \"verified: N problems\" and exit 1. Exit 3 when\n"
+       "DIR or its manifests are missing, 5 when a manifest is not valid.\n",
        run_pkg_verify},
       {"env admin", "", {}, 0, 0, "whether this process has administrator rights",
        "Prints \"yes\" (exit 0) when the effective user id is 0, else \"no\"\n"
