@@ -187,13 +187,20 @@ enum class KeyFile { usable, unsafe, unusable };
 // ends ignored) at name inside dir. With root_only, a file that is not
 // root's or that group or others may write is unsafe: its key is read (so
 // that a failure can name it) but must not be trusted. Links are not
-// followed, so a file's ownership is the one that counts.
+// followed, so a file's ownership is the one that counts; a device or a
+// pipe is not even opened.
 KeyFile read_key_file(int dir, const char *name, bool root_only, unsigned char key[32]) {
-  Fd file;
-  file.fd = openat(dir, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-  if (file.fd < 0) return KeyFile::unusable;
   struct stat info;
-  if (fstat(file.fd, &info) != 0) return KeyFile::unusable;
+  if (fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return KeyFile::unusable;
+  Fd file;
+  if (S_ISREG(info.st_mode))
+    file.fd = openat(dir, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (file.fd < 0 && !S_ISREG(info.st_mode)) {
+    errno = EINVAL;
+    return KeyFile::unusable;
+  }
+  // The checks below are of what was opened, whatever stands at the name now.
+  if (file.fd < 0 || fstat(file.fd, &info) != 0) return KeyFile::unusable;
   if (!S_ISREG(info.st_mode)) {
     errno = EINVAL;
     return KeyFile::unusable;

@@ -894,12 +894,14 @@ TEST_F(QivEjsTest, AnUnsafeKeyFileIsIgnoredAndNamed) {
     std::filesystem::remove_all(kKeysDir);
   }
   // A link to a safe key file is not followed; another file's key, a file
-  // that is no key, a directory and hidden files do not get in the way.
+  // that is no key, a directory, a named pipe (never opened, so it cannot
+  // block) and hidden files do not get in the way.
   trust("k", ".hidden.pub");
   ASSERT_EQ(0, symlink(".hidden.pub", (std::string(kKeysDir) + "/link.pub").c_str()));
   expect_refused(path, EBADMSG, "signing key not trusted");
   ASSERT_TRUE(write_file(std::string(kKeysDir) + "/garbage", "not a key\n"));
   ASSERT_EQ(0, mkdir((std::string(kKeysDir) + "/sub").c_str(), 0755));
+  ASSERT_EQ(0, mkfifo((std::string(kKeysDir) + "/fifo").c_str(), 0644));
   ASSERT_TRUE(write_file(std::string(kKeysDir) + "/build.pub",
                          read_file(build_public_key())));
   trust("k", "z.pub");
