@@ -405,6 +405,20 @@ int write_key_file(const char *path, const unsigned char key[32], mode_t mode) {
   return result;
 }
 
+// Whether a call that writes may go on: its arguments are good (else
+// EINVAL) and libsodium is ready (else ENOSYS).
+bool ready_to_write(bool arguments_good) {
+  if (!arguments_good) {
+    errno = EINVAL;
+    return false;
+  }
+  if (sodium_init() < 0) {
+    errno = ENOSYS;
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -441,14 +455,7 @@ QIV_EJS_API int qiv_ejs_open_sealed_file(const char *path, char **text, size_t *
 QIV_EJS_API void qiv_ejs_free(char *text) { free(text); }
 
 QIV_EJS_API int qiv_ejs_keygen(const char *secret_key_file, const char *public_key_file, char *key_id) {
-  if (secret_key_file == nullptr || public_key_file == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
-  if (sodium_init() < 0) {
-    errno = ENOSYS;
-    return -1;
-  }
+  if (!ready_to_write(secret_key_file != nullptr && public_key_file != nullptr)) return -1;
   unsigned char public_key[kPublicKeySize];
   unsigned char secret_key[crypto_sign_SECRETKEYBYTES];
   crypto_sign_keypair(public_key, secret_key);
@@ -472,18 +479,12 @@ QIV_EJS_API int qiv_ejs_keygen(const char *secret_key_file, const char *public_k
 
 QIV_EJS_API int qiv_ejs_sign_file(const char *path, const void *text, size_t length,
                                   const char *secret_key_file) try {
-  if (path == nullptr || (text == nullptr && length != 0) || secret_key_file == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
   if (length > QIV_EJS_MAX_FILE_SIZE - kSignedOverhead) {
     errno = EFBIG;
     return -1;
   }
-  if (sodium_init() < 0) {
-    errno = ENOSYS;
+  if (!ready_to_write(path != nullptr && (text != nullptr || length == 0) && secret_key_file != nullptr))
     return -1;
-  }
   unsigned char seed[crypto_sign_SEEDBYTES];
   if (read_key_file(AT_FDCWD, secret_key_file, false, seed) != KeyFile::usable) return -1;
   unsigned char public_key[kPublicKeySize];
