@@ -73,11 +73,11 @@ std::string candidate_name(long i) {
   return name;
 }
 
-bool seal_manifest(const std::string &home, const char *component, const char *version) {
+bool sign_manifest(const std::string &home, const char *component, const char *version) {
   const std::string json = std::string("{\"package\":\"") + component + "\",\"version\":\"" + version +
                            "\",\"files\":[{\"name\":\"bin/x\",\"sha256\":\"00\"}]}";
   const std::string path = home + "/config/component_info/" + component + ".ejs";
-  return qiv_ejs_seal_file(path.c_str(), json.data(), json.size()) == 0;
+  return qiv_ejs_sign_file(path.c_str(), json.data(), json.size(), QIV_EJS_BUILD_SECRET_KEY) == 0;
 }
 
 // An install root of count operational candidate directories whose base
@@ -93,9 +93,9 @@ bool make_candidates(long count) {
     if (!tarn_bench::write_text(home + "/config/flags/flag_operational", "") ||
         !tarn_bench::write_text(home + "/config/flags/flag_operational_backup", "") ||
         !tarn_bench::write_text(home + "/config/component_info/.keep", "") ||
-        !seal_manifest(home, "tarn_base", last ? kVersion : "3.1.4.158"))
+        !sign_manifest(home, "tarn_base", last ? kVersion : "3.1.4.158"))
       return false;
-    if (last && (!seal_manifest(home, "tarn_sys", kVersion) || !seal_manifest(home, "tarn_service", kVersion)))
+    if (last && (!sign_manifest(home, "tarn_sys", kVersion) || !sign_manifest(home, "tarn_service", kVersion)))
       return false;
   }
   return true;

@@ -22,5 +22,5 @@ for name in $exported; do
     status=1
   fi
 done
-[ $status -eq 0 ] && echo "libtarnaux exports exactly its $(echo "$exported" | wc -l) public names"
+[ $status -eq 0 ] && echo "${library##*/} exports exactly its $(echo "$exported" | wc -l) public names"
 exit $status

@@ -1,11 +1,13 @@
-// The protected-JSON loader through libqiv_ejs.so: sealing and loading back,
+// The protected-JSON loader through libqiv_ejs.so: signing and loading back,
 // the accessors against jansson's own calls, the loader's flags and error
-// record, every way a file can fail to open, and crash-safe sealing.
+// record, every way a file can fail to open, the trusted keys of
+// /etc/velmora/keys.d with their rotation and revocation, and crash-safe
+// signing. Files are signed with the build's secret key, whose public key
+// the library trusts.
 //
 // Two variants of the loader are loaded beside the library with dlopen
-// (built by qiv_ejs_variant in libqiv_ejs/CMakeLists.txt): one with another
-// key, for files sealed under the wrong key, and one built to load plain
-// JSON as well.
+// (built by qiv_ejs_variant in libqiv_ejs/CMakeLists.txt): one built to load
+// plain JSON as well, one to load files of the earlier sealed form.
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -17,6 +19,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,6 +27,7 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <qiv_ejs/qiv_ejs.h>
+#include <sodium.h>
 
 #include "child_process.h"
 #include "files.h"
@@ -38,10 +42,13 @@ using tarn_test::reap;
 using tarn_test::write_file;
 
 constexpr size_t kHeaderSize = 8;
-constexpr size_t kNonceSize = 24;
-constexpr size_t kTagSize = 16;
-constexpr size_t kOverhead = kHeaderSize + kNonceSize + kTagSize;
-const std::string kHeader("QIVEJS\0\1", 8);
+constexpr size_t kKeyIdSize = 8;
+constexpr size_t kHead = kHeaderSize + kKeyIdSize;
+constexpr size_t kSignatureSize = 64;
+constexpr size_t kOverhead = kHead + kSignatureSize;
+const std::string kHeader("QIVEJS\0\2", 8);
+const char kBuildKey[] = QIV_EJS_BUILD_SECRET_KEY;
+const char kKeysDir[] = "/etc/velmora/keys.d";
 
 const char kManifest[] =
     "{\n  \"package\": \"tarn_base\",\n  \"version\": \"1.2.3\",\n"
@@ -53,11 +60,9 @@ class Variant {
  public:
   explicit Variant(const char *path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
     if (handle_ == nullptr) return;
-    seal_file = symbol<decltype(seal_file)>("qiv_ejs_seal_file");
     open_file = symbol<decltype(open_file)>("qiv_ejs_open_file");
     free_text = symbol<decltype(free_text)>("qiv_ejs_free");
     load_ex = symbol<decltype(load_ex)>("qiv_json_load_file_ejs_ex");
-    dump_file = symbol<decltype(dump_file)>("qiv_json_dump_file_ejs");
   }
   ~Variant() {
     if (handle_ != nullptr) dlclose(handle_);
@@ -66,15 +71,12 @@ class Variant {
   Variant &operator=(const Variant &) = delete;
 
   bool ok() const {
-    return seal_file != nullptr && open_file != nullptr && free_text != nullptr && load_ex != nullptr &&
-           dump_file != nullptr;
+    return open_file != nullptr && free_text != nullptr && load_ex != nullptr;
   }
 
-  decltype(&qiv_ejs_seal_file) seal_file = nullptr;
   decltype(&qiv_ejs_open_file) open_file = nullptr;
   decltype(&qiv_ejs_free) free_text = nullptr;
   decltype(&qiv_json_load_file_ejs_ex) load_ex = nullptr;
-  decltype(&qiv_json_dump_file_ejs) dump_file = nullptr;
 
  private:
   template <typename Fn>
@@ -135,6 +137,51 @@ std::string string_member(const json_t *object, const char *key) {
   return value != nullptr ? value : "<none>";
 }
 
+// The bytes of a hexadecimal text (blanks and line ends ignored).
+std::string from_hex(const std::string &hex) {
+  std::string bytes(hex.size() / 2, '\0');
+  size_t length = 0;
+  if (sodium_hex2bin(reinterpret_cast<unsigned char *>(&bytes[0]), bytes.size(), hex.data(), hex.size(),
+                     " \n", &length, nullptr) != 0)
+    return "";
+  bytes.resize(length);
+  return bytes;
+}
+
+// The identifier of the public key in the key file path, as the library
+// writes it: 16 hexadecimal digits.
+std::string key_id_of_file(const std::string &path) {
+  const std::string key = from_hex(read_file(path));
+  unsigned char digest[32];
+  crypto_generichash(digest, sizeof(digest), reinterpret_cast<const unsigned char *>(key.data()), key.size(),
+                     nullptr, 0);
+  char hex[17];
+  sodium_bin2hex(hex, sizeof(hex), digest, 8);
+  return hex;
+}
+
+// The build's public key file, beside its secret key (qiv_ejs_build.pub).
+std::string build_public_key() {
+  const std::string secret = kBuildKey;
+  return secret.substr(0, secret.size() - strlen("key")) + "pub";
+}
+
+// A file of the earlier sealed form with text, sealed under the build's key
+// of that form as the library sealed it: header (format 1), nonce, text
+// encrypted with XChaCha20-Poly1305 with the header as associated data.
+std::string sealed_form(const std::string &text) {
+  const std::string key = from_hex(QIV_EJS_SEALING_KEY);
+  const std::string header("QIVEJS\0\1", 8);
+  std::string nonce(24, '\0');
+  randombytes_buf(&nonce[0], nonce.size());
+  std::string sealed(text.size() + 16, '\0');
+  crypto_aead_xchacha20poly1305_ietf_encrypt(
+      reinterpret_cast<unsigned char *>(&sealed[0]), nullptr, reinterpret_cast<const unsigned char *>(text.data()),
+      text.size(), reinterpret_cast<const unsigned char *>(header.data()), header.size(), nullptr,
+      reinterpret_cast<const unsigned char *>(nonce.data()), reinterpret_cast<const unsigned char *>(key.data()));
+  return header + nonce + sealed;
+}
+
 mode_t mode_of(const std::string &path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : (mode_t)-1;
@@ -143,16 +190,44 @@ mode_t mode_of(const std::string &path) {
 class QivEjsTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_EQ(0, sodium_init() < 0 ? -1 : 0);
     dir_ = make_temp_directory("qiv_ejs");
     ASSERT_FALSE(dir_.empty());
   }
+  // The keys directory is the sandbox's, shared by the program's tests.
+  void TearDown() override { std::filesystem::remove_all(kKeysDir); }
   std::string at(const std::string &name) const { return dir_ + "/" + name; }
 
-  // Seals text into the file name and returns its path.
-  std::string sealed(const std::string &name, const std::string &text) {
+  // Signs text with the secret key file (the build's by default) into the
+  // file name and returns its path.
+  std::string signed_file(const std::string &name, const std::string &text, const char *key = kBuildKey) {
     const std::string path = at(name);
-    EXPECT_EQ(0, qiv_ejs_seal_file(path.c_str(), text.data(), text.size()));
+    EXPECT_EQ(0, qiv_ejs_sign_file(path.c_str(), text.data(), text.size(), key));
     return path;
+  }
+
+  // Makes the key pair name.key and name.pub in the test's directory and
+  // returns the secret key file.
+  std::string key_pair(const std::string &name) {
+    const std::string secret = at(name + ".key");
+    EXPECT_EQ(0, qiv_ejs_keygen(secret.c_str(), at(name + ".pub").c_str(), nullptr));
+    return secret;
+  }
+
+  // Puts the public key of the pair name into the keys directory as
+  // file, with mode.
+  std::string trust(const std::string &name, const std::string &file, mode_t mode = 0644) {
+    std::filesystem::create_directories(kKeysDir);
+    const std::string path = std::string(kKeysDir) + "/" + file;
+    EXPECT_TRUE(write_file(path, read_file(at(name + ".pub"))));
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    return path;
+  }
+
+  // Revokes the key whose identifier is id.
+  void revoke(const std::string &id) {
+    std::filesystem::create_directories(std::string(kKeysDir) + "/revoked");
+    EXPECT_TRUE(write_file(std::string(kKeysDir) + "/revoked/" + id, ""));
   }
 
   // Loads path through the library.
@@ -191,8 +266,8 @@ class QivEjsTest : public ::testing::Test {
 // ---------------------------------------------------------------------------
 // Sealing and loading back
 
-TEST_F(QivEjsTest, ASealedFileLoadsAsTheTree) {
-  const std::string path = sealed("m.ejs", kManifest);
+TEST_F(QivEjsTest, ASignedFileLoadsAsTheTree) {
+  const std::string path = signed_file("m.ejs", kManifest);
   json_t *tree = qiv_json_load_file_ejs(path.c_str());
   ASSERT_NE(nullptr, tree);
   EXPECT_EQ("tarn_base", string_member(tree, "package"));
@@ -204,11 +279,11 @@ TEST_F(QivEjsTest, ASealedFileLoadsAsTheTree) {
   qiv_json_decref_ejs(tree);
 }
 
-TEST_F(QivEjsTest, OpenFileGivesTheSealedTextExactly) {
+TEST_F(QivEjsTest, OpenFileGivesTheSignedTextExactly) {
   const std::string texts[] = {kManifest, "[1,2 ,3]", "{ \"z\":1,\"a\" :2 }\r\n\n",
                                "{\"name\": \"caf\xc3\xa9\"}", std::string("a\0b", 3), ""};
   for (const std::string &text : texts) {
-    const std::string path = sealed("t.ejs", text);
+    const std::string path = signed_file("t.ejs", text);
     const Opened opened = open_text(path);
     EXPECT_EQ(0, opened.result);
     EXPECT_EQ(text, opened.text);
@@ -217,7 +292,7 @@ TEST_F(QivEjsTest, OpenFileGivesTheSealedTextExactly) {
 
 TEST_F(QivEjsTest, AnEmptyTextMayBeGivenAsNull) {
   const std::string path = at("empty.ejs");
-  ASSERT_EQ(0, qiv_ejs_seal_file(path.c_str(), nullptr, 0));
+  ASSERT_EQ(0, qiv_ejs_sign_file(path.c_str(), nullptr, 0, kBuildKey));
   EXPECT_EQ(kOverhead, read_file(path).size());
   const Opened opened = open_text(path);
   EXPECT_EQ(0, opened.result);
@@ -229,13 +304,13 @@ TEST_F(QivEjsTest, AnEmptyTextMayBeGivenAsNull) {
   EXPECT_EQ(EINVAL, loaded.error);
 }
 
-TEST_F(QivEjsTest, DumpFileSealsJanssonsEncodingAndLoadsBackEqual) {
+TEST_F(QivEjsTest, SignFileSignsJanssonsEncodingAndLoadsBackEqual) {
   json_t *tree = json_pack("{s:s, s:s, s:[s,s], s:i}", "version", "2.0.1", "package", "tarn_sys",
                            "files", "x", "y", "size", 42);
   ASSERT_NE(nullptr, tree);
   const std::string path = at("dump.ejs");
   const size_t flags = JSON_INDENT(2) | JSON_SORT_KEYS;
-  ASSERT_EQ(0, qiv_json_dump_file_ejs(tree, path.c_str(), flags));
+  ASSERT_EQ(0, qiv_json_sign_file_ejs(tree, path.c_str(), flags, kBuildKey));
   char *expected = json_dumps(tree, flags);
   ASSERT_NE(nullptr, expected);
   EXPECT_EQ(std::string(expected), open_text(path).text);
@@ -247,101 +322,133 @@ TEST_F(QivEjsTest, DumpFileSealsJanssonsEncodingAndLoadsBackEqual) {
   json_decref(tree);
 }
 
-TEST_F(QivEjsTest, DumpFileRefusesWhatJanssonCannotEncodeAndNullArguments) {
+TEST_F(QivEjsTest, SignFileRefusesWhatJanssonCannotEncodeAndNullArguments) {
   json_t *bare = json_string("bare");
   const std::string path = at("dump.ejs");
   errno = 0;
-  EXPECT_EQ(-1, qiv_json_dump_file_ejs(bare, path.c_str(), 0));
+  EXPECT_EQ(-1, qiv_json_sign_file_ejs(bare, path.c_str(), 0, kBuildKey));
   EXPECT_EQ(EINVAL, errno);
   EXPECT_FALSE(tarn_test::exists(path));
-  // With JSON_ENCODE_ANY it is sealed, and loads with JSON_DECODE_ANY.
-  ASSERT_EQ(0, qiv_json_dump_file_ejs(bare, path.c_str(), JSON_ENCODE_ANY));
+  // With JSON_ENCODE_ANY it is signed, and loads with JSON_DECODE_ANY.
+  ASSERT_EQ(0, qiv_json_sign_file_ejs(bare, path.c_str(), JSON_ENCODE_ANY, kBuildKey));
   Loaded loaded;
   load(&loaded, path, JSON_DECODE_ANY);
   EXPECT_STREQ("bare", qiv_json_string_value_ejs(loaded.tree));
   errno = 0;
-  EXPECT_EQ(-1, qiv_json_dump_file_ejs(nullptr, path.c_str(), 0));
+  EXPECT_EQ(-1, qiv_json_sign_file_ejs(nullptr, path.c_str(), 0, kBuildKey));
   EXPECT_EQ(EINVAL, errno);
   errno = 0;
-  EXPECT_EQ(-1, qiv_json_dump_file_ejs(bare, nullptr, 0));
+  EXPECT_EQ(-1, qiv_json_sign_file_ejs(bare, nullptr, 0, kBuildKey));
+  EXPECT_EQ(EINVAL, errno);
+  errno = 0;
+  EXPECT_EQ(-1, qiv_json_sign_file_ejs(bare, at("other.ejs").c_str(), JSON_ENCODE_ANY, nullptr));
   EXPECT_EQ(EINVAL, errno);
   json_decref(bare);
 }
 
-TEST_F(QivEjsTest, TheFileIsHeaderNonceCiphertextAndTag) {
-  const std::string path = sealed("m.ejs", kManifest);
+TEST_F(QivEjsTest, TheFileIsHeaderKeyIdTextAndSignature) {
+  const std::string path = signed_file("m.ejs", kManifest);
   const std::string bytes = read_file(path);
   ASSERT_EQ(kOverhead + strlen(kManifest), bytes.size());
   EXPECT_EQ(kHeader, bytes.substr(0, kHeaderSize));
-  EXPECT_EQ(std::string::npos, bytes.find("tarn_base")) << "the text is encrypted";
-  // A fresh random nonce each time: the same text seals differently.
-  const std::string again = read_file(sealed("m2.ejs", kManifest));
-  EXPECT_NE(bytes.substr(kHeaderSize, kNonceSize), again.substr(kHeaderSize, kNonceSize));
-  EXPECT_NE(bytes.substr(kHeaderSize + kNonceSize), again.substr(kHeaderSize + kNonceSize));
+  // The key identifier: the first 8 bytes of the public key's BLAKE2b-256.
+  const std::string seed = from_hex(read_file(kBuildKey));
+  ASSERT_EQ(32u, seed.size());
+  unsigned char public_key[32], secret_key[64];
+  crypto_sign_seed_keypair(public_key, secret_key, reinterpret_cast<const unsigned char *>(seed.data()));
+  unsigned char digest[32];
+  crypto_generichash(digest, sizeof(digest), public_key, sizeof(public_key), nullptr, 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(digest), kKeyIdSize), bytes.substr(kHeaderSize, kKeyIdSize));
+  EXPECT_EQ(kManifest, bytes.substr(kHead, strlen(kManifest))) << "the text is kept as it stands";
+  // The signature covers every byte before it.
+  const size_t covered = bytes.size() - kSignatureSize;
+  EXPECT_EQ(0, crypto_sign_verify_detached(reinterpret_cast<const unsigned char *>(bytes.data()) + covered,
+                                           reinterpret_cast<const unsigned char *>(bytes.data()), covered,
+                                           public_key));
+  // Ed25519 signatures are deterministic: the same text signs the same.
+  EXPECT_EQ(bytes, read_file(signed_file("m2.ejs", kManifest)));
 }
 
-TEST_F(QivEjsTest, TheSealedFileIsReadableByAllWhateverTheUmask) {
+TEST_F(QivEjsTest, TheSignedFileIsReadableByAllWhateverTheUmask) {
   const mode_t saved = umask(077);
-  const std::string path = sealed("m.ejs", kManifest);
+  const std::string path = signed_file("m.ejs", kManifest);
   umask(saved);
   EXPECT_EQ(0644u, mode_of(path));
   // Also when it replaces a file of another mode.
   ASSERT_EQ(0, chmod(path.c_str(), 0600));
-  sealed("m.ejs", "[]");
+  signed_file("m.ejs", "[]");
   EXPECT_EQ(0644u, mode_of(path));
 }
 
-TEST_F(QivEjsTest, SealingReplacesTheFileWholeAndLeavesNothingBeside) {
+TEST_F(QivEjsTest, SigningReplacesTheFileWholeAndLeavesNothingBeside) {
   ASSERT_TRUE(write_file(at("m.ejs"), std::string(5000, 'x')));
-  const std::string path = sealed("m.ejs", "[1]");
+  const std::string path = signed_file("m.ejs", "[1]");
   EXPECT_EQ(kOverhead + 3, read_file(path).size());
   EXPECT_EQ("[1]", open_text(path).text);
   EXPECT_EQ(std::set<std::string>{"m.ejs"}, list_directory(dir_));
 }
 
-TEST_F(QivEjsTest, AFailedSealLeavesTheOldFileAndNoTemporary) {
+TEST_F(QivEjsTest, AFailedSignLeavesTheOldFileAndNoTemporary) {
   // A directory that only root may write: the caller (nobody) cannot put
-  // the new file beside the old one.
-  const std::string path = sealed("m.ejs", kManifest);
+  // the new file beside the old one, although it may read the key.
+  const std::string path = signed_file("m.ejs", kManifest);
   const std::string before = read_file(path);
+  const std::string keys = make_temp_directory("qiv_ejs_key");
+  const std::string key = keys + "/readable.key";
+  ASSERT_TRUE(write_file(key, read_file(kBuildKey)));
+  ASSERT_EQ(0, chmod(keys.c_str(), 0755));
+  ASSERT_EQ(0, chmod(key.c_str(), 0644));
   ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
   const pid_t pid = fork_child([&] {
     if (setgid(65534) != 0 || setuid(65534) != 0) return 10;
     errno = 0;
-    if (qiv_ejs_seal_file(path.c_str(), "[2]", 3) != -1) return 11;
+    if (qiv_ejs_sign_file(path.c_str(), "[2]", 3, key.c_str()) != -1) return 11;
     return errno == EACCES ? 0 : 12;
   });
   EXPECT_EQ(0, reap(pid));
   EXPECT_EQ(before, read_file(path));
   EXPECT_EQ(kManifest, open_text(path).text);
   EXPECT_EQ(std::set<std::string>{"m.ejs"}, list_directory(dir_));
+  std::filesystem::remove_all(keys);
 }
 
-TEST_F(QivEjsTest, SealRefusesBadArgumentsAndTooLongATextWithoutWriting) {
+TEST_F(QivEjsTest, SignRefusesBadArgumentsKeysAndTooLongATextWithoutWriting) {
   const std::string path = at("m.ejs");
+  const std::string keys = make_temp_directory("qiv_ejs_key");
+  const std::string short_key = keys + "/short.key", not_hex = keys + "/text.key";
+  ASSERT_TRUE(write_file(short_key, read_file(kBuildKey).substr(0, 62) + "\n"));
+  ASSERT_TRUE(write_file(not_hex, "this is no key, it only has the length of one: 64 bytes of text.\n"));
   struct Case {
     const char *path;
     const void *text;
     size_t length;
+    const char *key;
     int error;
-  } cases[] = {{nullptr, "[]", 2, EINVAL},
-               {path.c_str(), nullptr, 2, EINVAL},
-               {path.c_str(), "[]", QIV_EJS_MAX_FILE_SIZE - kOverhead + 1, EFBIG},
-               {path.c_str(), "[]", SIZE_MAX, EFBIG}};
+  } cases[] = {{nullptr, "[]", 2, kBuildKey, EINVAL},
+               {path.c_str(), nullptr, 2, kBuildKey, EINVAL},
+               {path.c_str(), "[]", 2, nullptr, EINVAL},
+               {path.c_str(), "[]", 2, short_key.c_str(), EINVAL},
+               {path.c_str(), "[]", 2, not_hex.c_str(), EINVAL},
+               {path.c_str(), "[]", 2, keys.c_str(), EINVAL},
+               {path.c_str(), "[]", 2, "/no/such.key", ENOENT},
+               {path.c_str(), "[]", QIV_EJS_MAX_FILE_SIZE - kOverhead + 1, kBuildKey, EFBIG},
+               {path.c_str(), "[]", SIZE_MAX, kBuildKey, EFBIG}};
   for (const Case &c : cases) {
+    SCOPED_TRACE(c.key != nullptr ? c.key : "no key");
     errno = 0;
-    EXPECT_EQ(-1, qiv_ejs_seal_file(c.path, c.text, c.length));
+    EXPECT_EQ(-1, qiv_ejs_sign_file(c.path, c.text, c.length, c.key));
     EXPECT_EQ(c.error, errno);
   }
   errno = 0;
-  EXPECT_EQ(-1, qiv_ejs_seal_file(at("missing/m.ejs").c_str(), "[]", 2));
+  EXPECT_EQ(-1, qiv_ejs_sign_file(at("missing/m.ejs").c_str(), "[]", 2, kBuildKey));
   EXPECT_EQ(ENOENT, errno);
   EXPECT_TRUE(list_directory(dir_).empty());
+  std::filesystem::remove_all(keys);
 }
 
-TEST_F(QivEjsTest, TheLargestTextThatFitsIsSealedAndLoads) {
+TEST_F(QivEjsTest, TheLargestTextThatFitsIsSignedAndLoads) {
   std::string text = "[\"" + std::string(QIV_EJS_MAX_FILE_SIZE - kOverhead - 4, 'a') + "\"]";
-  const std::string path = sealed("big.ejs", text);
+  const std::string path = signed_file("big.ejs", text);
   EXPECT_EQ(QIV_EJS_MAX_FILE_SIZE, read_file(path).size());
   Loaded loaded;
   load(&loaded, path);
@@ -425,7 +532,7 @@ TEST(QivEjsAccessors, DecrefDropsOneReferenceAndDeleteFreesAtOnce) {
 // Flags and the error record
 
 TEST_F(QivEjsTest, DecodeAnyAcceptsABareValueThatFlagsZeroRefuse) {
-  const std::string path = sealed("bare.ejs", "\"just text\"");
+  const std::string path = signed_file("bare.ejs", "\"just text\"");
   Loaded any;
   load(&any, path, JSON_DECODE_ANY);
   ASSERT_NE(nullptr, any.tree);
@@ -453,7 +560,7 @@ TEST_F(QivEjsTest, DecodeAnyAcceptsABareValueThatFlagsZeroRefuse) {
 
 TEST_F(QivEjsTest, AParseErrorGivesJanssonsLineAndColumn) {
   const char text[] = "{\n  \"a\": 1,\n  \"b\": ]\n}\n";
-  const std::string path = sealed("bad.ejs", text);
+  const std::string path = signed_file("bad.ejs", text);
   Loaded loaded;
   load(&loaded, path);
   EXPECT_EQ(nullptr, loaded.tree);
@@ -468,7 +575,7 @@ TEST_F(QivEjsTest, AParseErrorGivesJanssonsLineAndColumn) {
 }
 
 TEST_F(QivEjsTest, OtherFlagsReachTheParser) {
-  const std::string path = sealed("dup.ejs", "{\"a\": 1, \"a\": 2}");
+  const std::string path = signed_file("dup.ejs", "{\"a\": 1, \"a\": 2}");
   Loaded lenient;
   load(&lenient, path, 0);
   ASSERT_NE(nullptr, lenient.tree);
@@ -479,7 +586,7 @@ TEST_F(QivEjsTest, OtherFlagsReachTheParser) {
 }
 
 TEST_F(QivEjsTest, ASuccessfulLoadLeavesAnEmptyRecord) {
-  const std::string path = sealed("m.ejs", kManifest);
+  const std::string path = signed_file("m.ejs", kManifest);
   Loaded loaded;
   load(&loaded, path);
   ASSERT_NE(nullptr, loaded.tree);
@@ -491,7 +598,7 @@ TEST_F(QivEjsTest, ASuccessfulLoadLeavesAnEmptyRecord) {
 }
 
 TEST_F(QivEjsTest, TheRecordIsOptional) {
-  const std::string good = sealed("m.ejs", kManifest);
+  const std::string good = signed_file("m.ejs", kManifest);
   json_t *tree = qiv_json_load_file_ejs_ex(good.c_str(), 0, nullptr);
   EXPECT_NE(nullptr, tree);
   qiv_json_decref_ejs(tree);
@@ -503,23 +610,23 @@ TEST_F(QivEjsTest, TheRecordIsOptional) {
 // ---------------------------------------------------------------------------
 // Files that do not open
 
-TEST_F(QivEjsTest, AFlippedByteAnywhereIsRefused) {
-  const std::string path = sealed("m.ejs", kManifest);
+TEST_F(QivEjsTest, AFlippedByteInAnyRegionIsRefused) {
+  const std::string path = signed_file("m.ejs", kManifest);
   const std::string good = read_file(path);
   const size_t size = good.size();
   struct Case {
     const char *part;
     size_t offset;
     const char *reason;
-  } cases[] = {{"header", 0, "not a protected file"},
-               {"header", 6, "not a protected file"},
-               {"header", 7, "not a protected file"},
-               {"nonce", kHeaderSize, "protected file failed authentication"},
-               {"nonce", kHeaderSize + kNonceSize - 1, "protected file failed authentication"},
-               {"ciphertext", kHeaderSize + kNonceSize, "protected file failed authentication"},
-               {"ciphertext", size / 2, "protected file failed authentication"},
-               {"tag", size - kTagSize, "protected file failed authentication"},
-               {"tag", size - 1, "protected file failed authentication"}};
+  } cases[] = {{"header", 0, "not a signed file"},
+               {"header", 6, "not a signed file"},
+               {"header", 7, "not a signed file"},
+               {"key id", kHeaderSize, "signing key not trusted"},
+               {"key id", kHead - 1, "signing key not trusted"},
+               {"text", kHead, "bad signature"},
+               {"text", size / 2, "bad signature"},
+               {"signature", size - kSignatureSize, "bad signature"},
+               {"signature", size - 1, "bad signature"}};
   for (const Case &c : cases) {
     SCOPED_TRACE(std::string(c.part) + " byte " + std::to_string(c.offset));
     std::string bytes = good;
@@ -532,21 +639,20 @@ TEST_F(QivEjsTest, AFlippedByteAnywhereIsRefused) {
 }
 
 TEST_F(QivEjsTest, ACutFileIsRefused) {
-  const std::string path = sealed("m.ejs", kManifest);
+  const std::string path = signed_file("m.ejs", kManifest);
   const std::string good = read_file(path);
   struct Case {
     size_t length;
     const char *reason;
-  } cases[] = {{0, "not a protected file"},
-               {3, "not a protected file"},
-               {kHeaderSize - 1, "not a protected file"},
-               {kHeaderSize, "protected file is cut short"},
-               {kHeaderSize + 10, "protected file is cut short"},
-               {kHeaderSize + kNonceSize, "protected file is cut short"},
-               {kOverhead - 1, "protected file is cut short"},
-               {kOverhead, "protected file failed authentication"},
-               {good.size() - kTagSize, "protected file failed authentication"},
-               {good.size() - 1, "protected file failed authentication"}};
+  } cases[] = {{0, "not a signed file"},
+               {3, "not a signed file"},
+               {kHeaderSize - 1, "not a signed file"},
+               {kHeaderSize, "signed file is cut short"},
+               {kHead, "signed file is cut short"},
+               {kOverhead - 1, "signed file is cut short"},
+               {kOverhead, "bad signature"},
+               {good.size() - kSignatureSize, "bad signature"},
+               {good.size() - 1, "bad signature"}};
   for (const Case &c : cases) {
     SCOPED_TRACE("cut at " + std::to_string(c.length));
     ASSERT_TRUE(write_file(path, good.substr(0, c.length)));
@@ -555,18 +661,27 @@ TEST_F(QivEjsTest, ACutFileIsRefused) {
 }
 
 TEST_F(QivEjsTest, AnAppendedByteIsRefused) {
-  const std::string path = sealed("m.ejs", kManifest);
+  const std::string path = signed_file("m.ejs", kManifest);
   for (const std::string &tail : {std::string(1, '\0'), std::string("\n"), std::string(100, 'x')}) {
-    ASSERT_TRUE(write_file(path, read_file(sealed("m.ejs", kManifest)) + tail));
-    expect_refused(path, EBADMSG, "protected file failed authentication");
+    ASSERT_TRUE(write_file(path, read_file(signed_file("m.ejs", kManifest)) + tail));
+    expect_refused(path, EBADMSG, "bad signature");
   }
 }
 
-TEST_F(QivEjsTest, AnEmptyOrPlainJsonFileIsNotAProtectedFile) {
-  ASSERT_TRUE(write_file(at("empty.ejs"), ""));
-  expect_refused(at("empty.ejs"), EBADMSG, "not a protected file");
-  ASSERT_TRUE(write_file(at("plain.ejs"), kManifest));
-  expect_refused(at("plain.ejs"), EBADMSG, "not a protected file");
+TEST_F(QivEjsTest, AnUnsignedFileIsRefused) {
+  struct Case {
+    const char *name;
+    std::string bytes;
+    const char *reason;
+  } cases[] = {{"empty", "", "not a signed file"},
+               {"plain JSON", kManifest, "not a signed file"},
+               {"sealed form", sealed_form(kManifest), "sealed file is not signed"},
+               {"sealed form cut short", sealed_form("").substr(0, 20), "sealed file is not signed"}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(write_file(at("u.ejs"), c.bytes));
+    expect_refused(at("u.ejs"), EBADMSG, c.reason);
+  }
 }
 
 TEST_F(QivEjsTest, ADirectoryAndAMissingFileAreRefused) {
@@ -610,24 +725,24 @@ TEST_F(QivEjsTest, AWrongArgumentAndASuccessfulLoadSetTheRecordsCode) {
   EXPECT_EQ(nullptr, qiv_json_load_file_ejs_ex(nullptr, 0, &record));
   EXPECT_EQ(json_error_invalid_argument, json_error_code(&record));
   memset(&record, 0x7f, sizeof(record));
-  json_t *tree = qiv_json_load_file_ejs_ex(sealed("m.ejs", kManifest).c_str(), 0, &record);
+  json_t *tree = qiv_json_load_file_ejs_ex(signed_file("m.ejs", kManifest).c_str(), 0, &record);
   EXPECT_NE(nullptr, tree);
   EXPECT_EQ(json_error_unknown, json_error_code(&record));
   qiv_json_decref_ejs(tree);
 }
 
 TEST_F(QivEjsTest, AFileLargerThanTheLimitIsRefusedUnread) {
-  const std::string path = sealed("big.ejs", kManifest);
-  // A sealed head, then a hole up to one byte past the limit.
+  const std::string path = signed_file("big.ejs", kManifest);
+  // A signed head, then a hole up to one byte past the limit.
   ASSERT_EQ(0, truncate(path.c_str(), (off_t)QIV_EJS_MAX_FILE_SIZE + 1));
   expect_refused(path, EFBIG, "file too large");
   // At the limit itself the size is no reason: it fails authentication.
   ASSERT_EQ(0, truncate(path.c_str(), (off_t)QIV_EJS_MAX_FILE_SIZE));
-  expect_refused(path, EBADMSG, "protected file failed authentication");
+  expect_refused(path, EBADMSG, "bad signature");
 }
 
 TEST_F(QivEjsTest, AFileThatCannotBeReadIsRefusedWithTheErrnoOfOpening) {
-  const std::string path = sealed("m.ejs", kManifest);
+  const std::string path = signed_file("m.ejs", kManifest);
   ASSERT_EQ(0, chmod(path.c_str(), 0600));
   ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
   const pid_t pid = fork_child([&] {
@@ -654,7 +769,7 @@ TEST_F(QivEjsTest, NullArgumentsAreEinval) {
   EXPECT_EQ(nullptr, qiv_json_load_file_ejs(nullptr));
   EXPECT_EQ(EINVAL, errno);
 
-  const std::string path = sealed("m.ejs", kManifest);
+  const std::string path = signed_file("m.ejs", kManifest);
   char *text = nullptr;
   size_t length = 0;
   errno = 0;
@@ -676,40 +791,164 @@ TEST_F(QivEjsTest, AFailedOpenLeavesTheCallersTextAndLengthAlone) {
 }
 
 // ---------------------------------------------------------------------------
-// Another key
+// Keys: the build's, those of /etc/velmora/keys.d, revocations
 
-TEST_F(QivEjsTest, AFileSealedWithAnotherKeyIsRefusedBothWays) {
-  Variant other(QIV_EJS_OTHER_KEY_PATH);
-  ASSERT_TRUE(other.ok()) << dlerror();
-  // Sealed by the variant: it opens it, the library refuses it.
-  const std::string theirs = at("theirs.ejs");
-  ASSERT_EQ(0, other.seal_file(theirs.c_str(), kManifest, strlen(kManifest)));
-  EXPECT_EQ(kManifest, open_with(other.open_file, other.free_text, theirs).text);
-  expect_refused(theirs, EBADMSG, "protected file failed authentication");
-  // Sealed by the library: the variant refuses it.
-  const std::string ours = sealed("ours.ejs", kManifest);
-  Loaded loaded;
-  load_into(&loaded, other.load_ex, ours, 0);
-  EXPECT_EQ(nullptr, loaded.tree);
-  EXPECT_EQ(EBADMSG, loaded.error);
-  EXPECT_EQ(std::string("protected file failed authentication: ") + strerror(EBADMSG), loaded.record.text);
-  const Opened opened = open_with(other.open_file, other.free_text, ours);
-  EXPECT_EQ(-1, opened.result);
-  EXPECT_EQ(EBADMSG, opened.error);
+TEST_F(QivEjsTest, AFileSignedByAnUnknownKeyIsRefused) {
+  const std::string forged = signed_file("forged.ejs", kManifest, key_pair("stranger").c_str());
+  expect_refused(forged, EBADMSG, "signing key not trusted");
+  // Even with the build's key identifier in its header.
+  std::string bytes = read_file(forged);
+  bytes.replace(kHeaderSize, kKeyIdSize, read_file(signed_file("ours.ejs", "[]")).substr(kHeaderSize, kKeyIdSize));
+  ASSERT_TRUE(write_file(forged, bytes));
+  expect_refused(forged, EBADMSG, "bad signature");
 }
 
-TEST_F(QivEjsTest, AVariantsDumpSealsWithItsOwnKey) {
-  Variant other(QIV_EJS_OTHER_KEY_PATH);
-  ASSERT_TRUE(other.ok()) << dlerror();
-  json_t *tree = json_pack("{s:s}", "package", "x");
-  const std::string path = at("dump.ejs");
-  ASSERT_EQ(0, other.dump_file(tree, path.c_str(), 0));
-  json_decref(tree);
-  expect_refused(path, EBADMSG, "protected file failed authentication");
+TEST_F(QivEjsTest, OpenFileExGivesTheSigningKeysIdentifier) {
+  const std::string path = signed_file("m.ejs", kManifest);
+  char *text = nullptr;
+  size_t length = 0;
+  char id[QIV_EJS_KEY_ID_SIZE];
+  ASSERT_EQ(0, qiv_ejs_open_file_ex(path.c_str(), nullptr, &text, &length, id));
+  EXPECT_EQ(kManifest, std::string(text, length));
+  qiv_ejs_free(text);
+  EXPECT_EQ(key_id_of_file(build_public_key()), id);
+  // A key trusted only by another directory.
+  const std::string theirs = signed_file("theirs.ejs", "[]", key_pair("other").c_str());
+  const std::string dir = at("keys");
+  ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
+  ASSERT_TRUE(write_file(dir + "/other.pub", read_file(at("other.pub"))));
+  ASSERT_EQ(0, qiv_ejs_open_file_ex(theirs.c_str(), dir.c_str(), &text, &length, nullptr));
+  qiv_ejs_free(text);
+  ASSERT_EQ(0, qiv_ejs_open_file_ex(theirs.c_str(), dir.c_str(), &text, &length, id));
+  qiv_ejs_free(text);
+  EXPECT_EQ(key_id_of_file(at("other.pub")), id);
+  errno = 0;
+  EXPECT_EQ(-1, qiv_ejs_open_file_ex(theirs.c_str(), nullptr, &text, &length, id));
+  EXPECT_EQ(EBADMSG, errno);
+}
+
+TEST_F(QivEjsTest, KeygenWritesTheSecretKeyForTheOwnerAloneAndNeverOverwrites) {
+  const mode_t saved = umask(0);
+  char id[QIV_EJS_KEY_ID_SIZE];
+  const int made = qiv_ejs_keygen(at("k.key").c_str(), at("k.pub").c_str(), id);
+  umask(saved);
+  ASSERT_EQ(0, made);
+  EXPECT_EQ(0600u, mode_of(at("k.key")));
+  EXPECT_EQ(0644u, mode_of(at("k.pub")));
+  EXPECT_EQ(65u, read_file(at("k.key")).size());
+  EXPECT_EQ(key_id_of_file(at("k.pub")), id);
+  const std::string secret = read_file(at("k.key"));
+  struct Case {
+    std::string secret, public_key;
+    int error;
+  } cases[] = {{at("k.key"), at("new.pub"), EEXIST}, {at("new.key"), at("k.pub"), EEXIST},
+               {at("new.key"), at("missing/new.pub"), ENOENT}};
+  for (const Case &c : cases) {
+    errno = 0;
+    EXPECT_EQ(-1, qiv_ejs_keygen(c.secret.c_str(), c.public_key.c_str(), nullptr));
+    EXPECT_EQ(c.error, errno);
+  }
+  EXPECT_EQ(secret, read_file(at("k.key")));
+  EXPECT_EQ((std::set<std::string>{"k.key", "k.pub"}), list_directory(dir_)) << "nothing left behind";
+  errno = 0;
+  EXPECT_EQ(-1, qiv_ejs_keygen(nullptr, at("x.pub").c_str(), nullptr));
+  EXPECT_EQ(EINVAL, errno);
+}
+
+TEST_F(QivEjsTest, KeysRotateAndARevokedKeyIsRefused) {
+  const std::string old_file = signed_file("old.ejs", kManifest, key_pair("old").c_str());
+  const std::string new_file = signed_file("new.ejs", kManifest, key_pair("new").c_str());
+  const std::string build_file = signed_file("build.ejs", kManifest);
+  trust("old", "old.pub");
+  trust("new", "new.pub", 0400);
+  for (const std::string &path : {old_file, new_file, build_file}) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(kManifest, open_text(path).text) << "both keys and the build's are trusted";
+  }
+  revoke(key_id_of_file(at("old.pub")));
+  expect_refused(old_file, EBADMSG, "signing key revoked");
+  EXPECT_EQ(kManifest, open_text(new_file).text);
+  EXPECT_EQ(kManifest, open_text(build_file).text);
+  // The build's own key is revoked the same way.
+  revoke(key_id_of_file(build_public_key()));
+  expect_refused(build_file, EBADMSG, "signing key revoked");
+  EXPECT_EQ(kManifest, open_text(new_file).text);
+}
+
+TEST_F(QivEjsTest, AnUnsafeKeyFileIsIgnoredAndNamed) {
+  const std::string path = signed_file("m.ejs", kManifest, key_pair("k").c_str());
+  const std::string ignored = " ignored (not root's or writable by others)";
+  struct Case {
+    const char *name;
+    mode_t mode;
+    uid_t owner;
+  } cases[] = {{"writable by others", 0646, 0}, {"writable by the group", 0664, 0}, {"nobody's", 0644, 65534}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string file = trust("k", "k.pub", c.mode);
+    ASSERT_EQ(0, chown(file.c_str(), c.owner, 0));
+    expect_refused(path, EBADMSG, "signing key not trusted: key file " + file + ignored);
+    ASSERT_EQ(0, chown(file.c_str(), 0, 0));
+    ASSERT_EQ(0, chmod(file.c_str(), 0644));
+    EXPECT_EQ(kManifest, open_text(path).text) << "the same file made safe is trusted";
+    std::filesystem::remove_all(kKeysDir);
+  }
+  // A link to a safe key file is not followed; another file's key, a file
+  // that is no key, a directory, a named pipe (never opened, so it cannot
+  // block) and hidden files do not get in the way.
+  trust("k", ".hidden.pub");
+  ASSERT_EQ(0, symlink(".hidden.pub", (std::string(kKeysDir) + "/link.pub").c_str()));
+  expect_refused(path, EBADMSG, "signing key not trusted");
+  ASSERT_TRUE(write_file(std::string(kKeysDir) + "/garbage", "not a key\n"));
+  ASSERT_EQ(0, mkdir((std::string(kKeysDir) + "/sub").c_str(), 0755));
+  ASSERT_EQ(0, mkfifo((std::string(kKeysDir) + "/fifo").c_str(), 0644));
+  ASSERT_TRUE(write_file(std::string(kKeysDir) + "/build.pub",
+                         read_file(build_public_key())));
+  trust("k", "z.pub");
+  EXPECT_EQ(kManifest, open_text(path).text);
+}
+
+// ---------------------------------------------------------------------------
+// The earlier sealed form
+
+TEST_F(QivEjsTest, ASealedFileOpensForConversionAndLoadsOnlyWhereAccepted) {
+  ASSERT_TRUE(write_file(at("old.ejs"), sealed_form(kManifest)));
+  char *text = nullptr;
+  size_t length = 0;
+  ASSERT_EQ(0, qiv_ejs_open_sealed_file(at("old.ejs").c_str(), &text, &length));
+  EXPECT_EQ(kManifest, std::string(text, length));
+  qiv_ejs_free(text);
+  expect_refused(at("old.ejs"), EBADMSG, "sealed file is not signed");
+
+  Variant sealed(QIV_EJS_SEALED_PATH);
+  ASSERT_TRUE(sealed.ok()) << dlerror();
   Loaded loaded;
-  load_into(&loaded, other.load_ex, path, 0);
+  load_into(&loaded, sealed.load_ex, at("old.ejs"), 0);
   ASSERT_NE(nullptr, loaded.tree);
-  EXPECT_EQ("x", string_member(loaded.tree, "package"));
+  EXPECT_EQ("tarn_base", string_member(loaded.tree, "package"));
+  // It still loads signed files, and checks both forms.
+  Loaded signed_loaded;
+  load_into(&signed_loaded, sealed.load_ex, signed_file("new.ejs", kManifest), 0);
+  EXPECT_NE(nullptr, signed_loaded.tree);
+  std::string bytes = read_file(at("old.ejs"));
+  bytes[bytes.size() / 2] ^= 1;
+  ASSERT_TRUE(write_file(at("old.ejs"), bytes));
+  Loaded tampered;
+  load_into(&tampered, sealed.load_ex, at("old.ejs"), 0);
+  EXPECT_EQ(nullptr, tampered.tree);
+  EXPECT_EQ(EBADMSG, tampered.error);
+  EXPECT_EQ(std::string("sealed file failed authentication: ") + strerror(EBADMSG), tampered.record.text);
+
+  // The conversion's open refuses everything else.
+  for (const std::string &path : {at("old.ejs"), at("new.ejs")}) {
+    SCOPED_TRACE(path);
+    errno = 0;
+    EXPECT_EQ(-1, qiv_ejs_open_sealed_file(path.c_str(), &text, &length));
+    EXPECT_EQ(EBADMSG, errno);
+  }
+  errno = 0;
+  EXPECT_EQ(-1, qiv_ejs_open_sealed_file(nullptr, &text, &length));
+  EXPECT_EQ(EINVAL, errno);
 }
 
 // ---------------------------------------------------------------------------
@@ -736,14 +975,14 @@ TEST_F(QivEjsTest, ThePlainBuildLoadsPlainJsonAsItStands) {
 TEST_F(QivEjsTest, ThePlainBuildStillLoadsProtectedFilesAndRefusesTamperedOnes) {
   Variant plain(QIV_EJS_PLAIN_PATH);
   ASSERT_TRUE(plain.ok()) << dlerror();
-  const std::string path = sealed("m.ejs", kManifest);
+  const std::string path = signed_file("m.ejs", kManifest);
   Loaded loaded;
   load_into(&loaded, plain.load_ex, path, 0);
   ASSERT_NE(nullptr, loaded.tree);
   EXPECT_EQ("1.2.3", string_member(loaded.tree, "version"));
 
   const std::string good = read_file(path);
-  for (size_t offset : {kHeaderSize, kOverhead, good.size() - 1}) {
+  for (size_t offset : {kHeaderSize, kHead, good.size() - 1}) {
     std::string bytes = good;
     bytes[offset] = (char)(bytes[offset] ^ 0x80);
     ASSERT_TRUE(write_file(path, bytes));

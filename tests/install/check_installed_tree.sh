@@ -12,7 +12,8 @@
 #   SANDBOX (it reads the configuration file at its fixed path), and checks
 #   its output and that it loads the libraries of PREFIX.
 # Environment: TARN_CMAKE (cmake), CC (the C compiler), TARN_CONSUMER_FLAGS
-# (extra compile and link flags for the program).
+# (extra compile and link flags for the program), TARN_EJS_SECRET_KEY (the
+# build's secret key file, with which the program signs its manifest).
 set -euo pipefail
 here=$(dirname "$(realpath "$0")")
 # shellcheck source-path=SCRIPTDIR source=layout.sh
@@ -55,7 +56,7 @@ parse 3.2.17: 0 3.2.17
 parse 1..3: 1 0.0.0
 compare 1.10.0 1.9.9: 1
 compare 1.2.3 1.2.5: -2
-seal: 0
+sign: 0
 manifest version: 0 4.5.6
 loaded version: 4.5.6
 cpu arch: $cpu
@@ -70,7 +71,7 @@ run_consumer() {
   local sandbox=$1 program=$2 work=$3 status=0
   "$sandbox" bash -c 'mkdir -p /etc/velmora &&
       printf "[platform]\nx86_companion = 1\n" >/etc/velmora/tarnbase.conf && exec "$@"' \
-    consumer "$program" "$work/manifest.ejs" >"$work/stdout" 2>"$work/stderr" || status=$?
+    consumer "$program" "$work/manifest.ejs" "${TARN_EJS_SECRET_KEY:?}" >"$work/stdout" 2>"$work/stderr" || status=$?
   [ $status -eq 0 ] || { cat "$work/stderr"; fail "the program exited with status $status"; }
   [ ! -s "$work/stderr" ] || { cat "$work/stderr"; fail "the program wrote on standard error"; }
   if [ "$(cat "$work/stdout")" != "$(expected_output)" ]; then

@@ -977,7 +977,7 @@ TEST_F(FaultTest, SealingAManifestAnswersEveryFailedCallWithMinusOneAndKeepsTheO
       },
       [path] {
         errno = 0;
-        return qiv_ejs_seal_file(path.c_str(), kManifestJson, strlen(kManifestJson)) == 0 ? 0 : errno;
+        return qiv_ejs_sign_file(path.c_str(), kManifestJson, strlen(kManifestJson), QIV_EJS_BUILD_SECRET_KEY) == 0 ? 0 : errno;
       },
       [path, old_json](int result, const FailedCall &failed) {
         // Only the manifest is there: no temporary file is left.

@@ -1,6 +1,8 @@
 // Protected manifests for tests: a scratch directory below /tmp removed
-// with its owner, sealing JSON text into a protected (.ejs) file at run
-// time, and spoiling such a file so that it no longer authenticates.
+// with its owner, signing JSON text into a protected (.ejs) file at run
+// time with the build's secret key (QIV_EJS_BUILD_SECRET_KEY, whose public
+// key every library of the build trusts), and spoiling such a file so that
+// it no longer authenticates.
 #ifndef TARN_TEST_MANIFESTS_H
 #define TARN_TEST_MANIFESTS_H
 
@@ -34,13 +36,14 @@ class ScratchDirectory {
   std::string path_;
 };
 
-// Seals json (taken as it stands, not checked) into the protected file path.
+// Signs json (taken as it stands, not checked) with the build's key into
+// the protected file path.
 inline bool seal_manifest(const std::string &path, const std::string &json) {
-  return qiv_ejs_seal_file(path.c_str(), json.data(), json.size()) == 0;
+  return qiv_ejs_sign_file(path.c_str(), json.data(), json.size(), QIV_EJS_BUILD_SECRET_KEY) == 0;
 }
 
 // Changes the last byte of the file at path, so that a protected file fails
-// authentication when it is opened.
+// its signature check when it is opened.
 inline bool tamper_file(const std::string &path) {
   std::string content = read_file(path);
   if (content.empty() || content == "<missing>") return false;

@@ -131,7 +131,7 @@ class Installer {
 
   std::string record_path() const;
   std::string backup_path() const;
-  void seal_manifest(const std::string &path, const std::string &version,
+  void sign_manifest(const std::string &path, const std::string &version,
                      const std::vector<std::pair<std::string, std::string>> &files);
   void keep_backup_copy();
   void install_files();

@@ -188,9 +188,9 @@ std::string Installer::backup_path() const {
   return std::string(kInstallRoot) + "/tarn_apphome_backup.ini";
 }
 
-// Seals the component's manifest at path, with its version and its files
+// Signs the component's manifest at path, with its version and its files
 // (name and SHA-256 digest).
-void Installer::seal_manifest(const std::string &path, const std::string &version,
+void Installer::sign_manifest(const std::string &path, const std::string &version,
                               const std::vector<std::pair<std::string, std::string>> &files) {
   json_t *list = json_array();
   for (const auto &file : files)
@@ -201,10 +201,10 @@ void Installer::seal_manifest(const std::string &path, const std::string &versio
                                "platform", "linux", "depends", "files", list);
   if (manifest == nullptr) fail("cannot build the manifest's JSON tree");
   make_dirs(dir_of(path));
-  const int ret = qiv_json_dump_file_ejs(manifest, path.c_str(), JSON_INDENT(2));
+  const int ret = qiv_json_sign_file_ejs(manifest, path.c_str(), JSON_INDENT(2), QIV_EJS_BUILD_SECRET_KEY);
   const int error = errno;
   json_decref(manifest);
-  if (ret != 0) fail(format("qiv_json_dump_file_ejs(%s): %s", path.c_str(), strerror(error)));
+  if (ret != 0) fail(format("qiv_json_sign_file_ejs(%s): %s", path.c_str(), strerror(error)));
 }
 
 void Installer::check_environment() {
@@ -251,7 +251,7 @@ void Installer::build_package() {
   stage_.heading("the release build makes a component package",
                  "No package ships with the sources, so the demo makes one as a release build\n"
                  "would: the files of component tarn_base, a manifest with their SHA-256\n"
-                 "digests sealed as a protected JSON file, all in tarn_base.tgz.");
+                 "digests signed as a protected JSON file, all in tarn_base.tgz.");
   const std::string release = std::string(kWorkDir) + "/release";
   const std::string top = release + "/" + kComponent;
   std::vector<std::pair<std::string, std::string>> listed;
@@ -263,8 +263,8 @@ void Installer::build_package() {
     printf("  %-22s sha256 %s\n", file.name.c_str(), listed.back().second.c_str());
   }
   const std::string manifest = manifest_below(top);
-  seal_manifest(manifest, kVersion, listed);
-  printf("  manifest %s (sealed)\n", manifest.c_str());
+  sign_manifest(manifest, kVersion, listed);
+  printf("  manifest %s (signed)\n", manifest.c_str());
 
   archive_ = release + "/" + kComponent + ".tgz";
   const ProgramRun tar = run_program({"tar", "-czf", archive_, "-C", release, kComponent});
@@ -292,7 +292,7 @@ void Installer::unpack_package() {
          joined(manifest_.archs, manifest_.arch_count).c_str(),
          joined(manifest_.platforms, manifest_.platform_count).c_str(), manifest_.file_count);
   if (strcmp(manifest_.package, kComponent) != 0 || manifest_.file_count != package_files().size())
-    fail("the loaded manifest is not the one the release build sealed");
+    fail("the loaded manifest is not the one the release build signed");
 
   bool fits = false;
   for (uint32_t i = 0; i < manifest_.arch_count; ++i)
@@ -465,7 +465,7 @@ void Installer::leave_old_apphome() {
   for (uint32_t i = 0; i < manifest_.file_count; ++i)
     if (manifest_.files[i].name != nullptr)
       listed.emplace_back(manifest_.files[i].name, manifest_.files[i].sha256);
-  seal_manifest(manifest_below(old_home), kOldVersion, listed);
+  sign_manifest(manifest_below(old_home), kOldVersion, listed);
   const int32_t flagged = tarn_apphome_create_flag(old_home.c_str(), "flag_operational");
   expect(flagged == 0, "tarn_apphome_create_flag(" + old_home + ")", flagged);
   printf("  left behind by version %s: %s (operational)\n", kOldVersion, old_home.c_str());

@@ -1,9 +1,13 @@
-// tarn-ejs -- makes, reads and checks protected JSON files (.ejs) with the
-// key that libqiv_ejs.so was built with (docs/ejs.md).
+// tarn-ejs -- makes, reads and checks protected JSON files (.ejs): signs
+// them with a publisher's secret key, checks them against the public keys
+// that libqiv_ejs.so trusts (docs/ejs.md).
 //
-//   tarn-ejs pack IN.json OUT.ejs     seals IN's text as it stands
-//   tarn-ejs unpack IN.ejs OUT.json   writes the sealed text ("-": stdout)
-//   tarn-ejs verify IN.ejs            prints "ok" when IN opens and parses
+//   tarn-ejs keygen SECRET PUBLIC              makes a key pair, prints its id
+//   tarn-ejs sign --key SECRET IN.json OUT.ejs signs IN's text as it stands
+//   tarn-ejs verify [--keys DIR] IN.ejs        prints the signing key's id
+//   tarn-ejs inspect IN.ejs                    prints the form, key id, size
+//   tarn-ejs unpack IN.ejs OUT.json            writes the signed text
+//   tarn-ejs convert --key SECRET IN.ejs OUT.ejs  signs a sealed file's text
 //
 // Exit status 0 on success; 1 on a failure, with one line on standard error
 // naming the file and the reason; 2 on wrong usage, with the usage text.
@@ -12,6 +16,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -21,10 +26,15 @@
 namespace {
 
 constexpr char kUsage[] =
-    "usage: tarn-ejs pack IN.json OUT.ejs     seal the JSON text of IN.json into OUT.ejs\n"
-    "       tarn-ejs unpack IN.ejs OUT.json   write the text sealed in IN.ejs to OUT.json\n"
-    "                                         (\"-\": to standard output)\n"
-    "       tarn-ejs verify IN.ejs            print \"ok\" when IN.ejs opens and parses\n";
+    "usage: tarn-ejs keygen SECRET PUBLIC               make a key pair, print its identifier\n"
+    "       tarn-ejs sign --key SECRET IN.json OUT.ejs  sign the JSON text of IN.json into OUT.ejs\n"
+    "       tarn-ejs verify [--keys DIR] IN.ejs         print the identifier of the key that signed\n"
+    "                                                   IN.ejs when it opens and parses\n"
+    "       tarn-ejs inspect IN.ejs                     print IN.ejs's form, key identifier and size\n"
+    "       tarn-ejs unpack IN.ejs OUT.json             write the text signed in IN.ejs to OUT.json\n"
+    "                                                   (\"-\": to standard output)\n"
+    "       tarn-ejs convert --key SECRET IN.ejs OUT.ejs  sign the text of the sealed file IN.ejs\n"
+    "                                                   into OUT.ejs\n";
 
 int usage() {
   fputs(kUsage, stderr);
@@ -36,11 +46,11 @@ int failure(const std::string &file, const std::string &reason) {
   return 1;
 }
 
-// The reason that opening or sealing a protected file failed with error.
+// The reason that opening or signing a protected file failed with error.
 std::string reason_of(int error) {
   switch (error) {
     case EBADMSG:
-      return "not a protected file, or changed, cut or sealed with another key";
+      return "not a signed file, or changed, cut, or signed by a key that is not trusted";
     case EFBIG:
       return "too large (a protected file holds at most " + std::to_string(QIV_EJS_MAX_FILE_SIZE) +
              " bytes)";
@@ -88,13 +98,39 @@ int write_whole(const char *path, const char *text, size_t length) {
   return error;
 }
 
-int pack(const char *in, const char *out) {
+// Checks that the text of in is JSON, then signs it into out.
+int sign_text(const char *in, const char *out, const char *secret_key, const char *text, size_t length) {
+  const std::string bad = parse_failure(text, length);
+  if (!bad.empty()) return failure(in, "not JSON: " + bad);
+  if (qiv_ejs_sign_file(out, text, length, secret_key) == 0) return 0;
+  const int error = errno;
+  // A key file that cannot be read or is no key is the key's failure.
+  if (access(secret_key, R_OK) != 0 || error == EINVAL) return failure(secret_key, "not a usable secret key file");
+  return failure(out, reason_of(error));
+}
+
+int keygen(const char *secret_key, const char *public_key) {
+  char id[QIV_EJS_KEY_ID_SIZE];
+  if (qiv_ejs_keygen(secret_key, public_key, id) != 0)
+    return failure(access(secret_key, F_OK) == 0 ? secret_key : public_key, strerror(errno));
+  puts(id);
+  return 0;
+}
+
+int sign(const char *secret_key, const char *in, const char *out) {
   std::string text;
   if (!read_whole(in, &text)) return failure(in, strerror(errno));
-  const std::string bad = parse_failure(text.data(), text.size());
-  if (!bad.empty()) return failure(in, "not JSON: " + bad);
-  if (qiv_ejs_seal_file(out, text.data(), text.size()) != 0) return failure(out, reason_of(errno));
-  return 0;
+  return sign_text(in, out, secret_key, text.data(), text.size());
+}
+
+int convert(const char *secret_key, const char *in, const char *out) {
+  char *text = nullptr;
+  size_t length = 0;
+  if (qiv_ejs_open_sealed_file(in, &text, &length) != 0)
+    return failure(in, errno == EBADMSG ? "not a sealed file, or changed or cut" : reason_of(errno));
+  const int result = sign_text(in, out, secret_key, text, length);
+  qiv_ejs_free(text);
+  return result;
 }
 
 int unpack(const char *in, const char *out) {
@@ -106,15 +142,44 @@ int unpack(const char *in, const char *out) {
   return error == 0 ? 0 : failure(strcmp(out, "-") == 0 ? "standard output" : out, strerror(error));
 }
 
-int verify(const char *in) {
+int verify(const char *keys_dir, const char *in) {
   char *text = nullptr;
   size_t length = 0;
-  if (qiv_ejs_open_file(in, &text, &length) != 0) return failure(in, reason_of(errno));
+  char id[QIV_EJS_KEY_ID_SIZE];
+  if (qiv_ejs_open_file_ex(in, keys_dir, &text, &length, id) != 0) return failure(in, reason_of(errno));
   const std::string bad = parse_failure(text, length);
   qiv_ejs_free(text);
-  if (!bad.empty()) return failure(in, "the sealed text is not JSON: " + bad);
-  puts("ok");
+  if (!bad.empty()) return failure(in, "the signed text is not JSON: " + bad);
+  puts(id);
   return 0;
+}
+
+// Reads the header of in without checking anything: its form, and for a
+// signed file the identifier of the key that it names.
+int inspect(const char *in) {
+  std::string bytes;
+  if (!read_whole(in, &bytes)) return failure(in, strerror(errno));
+  const std::string magic("QIVEJS\0", 7);
+  // The layouts of docs/ejs.md: header, key id, text, signature (64); header,
+  // nonce (24), ciphertext, tag (16).
+  const size_t signed_overhead = 8 + 8 + 64, sealed_overhead = 8 + 24 + 16;
+  if (bytes.compare(0, 7, magic) != 0 || bytes.size() < 8) return failure(in, "not a protected file");
+  const int form = (unsigned char)bytes[7];
+  if (form == 2 && bytes.size() >= signed_overhead) {
+    std::string id;
+    char digits[3];
+    for (size_t i = 8; i < 16; ++i) {
+      snprintf(digits, sizeof(digits), "%02x", (unsigned char)bytes[i]);
+      id += digits;
+    }
+    printf("form: signed\nkey: %s\ntext: %zu bytes\n", id.c_str(), bytes.size() - signed_overhead);
+    return 0;
+  }
+  if (form == 1 && bytes.size() >= sealed_overhead) {
+    printf("form: sealed (not signed)\ntext: %zu bytes\n", bytes.size() - sealed_overhead);
+    return 0;
+  }
+  return failure(in, "not a protected file");
 }
 
 }  // namespace
@@ -126,8 +191,13 @@ int main(int argc, char **argv) {
     fputs(kUsage, stdout);
     return 0;
   }
-  if (command == "pack" && argc == 4) return pack(argv[2], argv[3]);
+  const bool keyed = argc == 6 && strcmp(argv[2], "--key") == 0;
+  if (command == "keygen" && argc == 4) return keygen(argv[2], argv[3]);
+  if (command == "sign" && keyed) return sign(argv[3], argv[4], argv[5]);
+  if (command == "convert" && keyed) return convert(argv[3], argv[4], argv[5]);
+  if (command == "verify" && argc == 3) return verify(nullptr, argv[2]);
+  if (command == "verify" && argc == 5 && strcmp(argv[2], "--keys") == 0) return verify(argv[3], argv[4]);
+  if (command == "inspect" && argc == 3) return inspect(argv[2]);
   if (command == "unpack" && argc == 4) return unpack(argv[2], argv[3]);
-  if (command == "verify" && argc == 3) return verify(argv[2]);
   return usage();
 }

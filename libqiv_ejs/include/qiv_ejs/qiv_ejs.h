@@ -1,15 +1,23 @@
 /* qiv_ejs.h -- protected JSON files (.ejs) read into jansson trees.
  *
- * A protected file holds JSON text sealed with authenticated encryption
- * (XChaCha20-Poly1305 from libsodium) under the build's key; docs/ejs.md
- * describes the byte layout and the key handling. Opening checks the whole
- * file before any of it is parsed, so a changed, cut or appended byte, or a
- * file sealed under another key, makes a load fail: a load never yields a
- * half-read tree.
+ * A protected file holds JSON text signed with Ed25519 (libsodium) by its
+ * publisher; docs/ejs.md describes the byte layout, the trust model and the
+ * keys. A file opens only when its signature checks out under a trusted
+ * public key that is not revoked: the build's own public key (compiled in)
+ * or a key file in /etc/velmora/keys.d (a regular file owned by root that
+ * group and others may not write; others are ignored). A key is revoked by
+ * any entry /etc/velmora/keys.d/revoked/<key id>. The whole file is checked
+ * before any of it is parsed, so a changed, cut or appended byte, an
+ * unsigned file or one signed by another key makes a load fail: a load
+ * never yields a half-read tree. Endpoints hold no secret key: signing needs
+ * the publisher's secret key file.
  *
- * Plain JSON files are refused unless the library was built with the CMake
- * option QIV_EJS_ALLOW_PLAIN=ON (off by default); such a build loads a file
- * that does not begin with the protected header as plain JSON text.
+ * Files of the earlier sealed form (format 1, authenticated only by a key
+ * that every build holds) are refused unless the library was built with
+ * QIV_EJS_ACCEPT_SEALED=ON (off by default); qiv_ejs_open_sealed_file reads
+ * them for conversion. Plain JSON files are refused unless the library was
+ * built with QIV_EJS_ALLOW_PLAIN=ON (off by default); such a build loads a
+ * file that begins with neither header as plain JSON text.
  *
  * The trees are ordinary jansson trees: the accessors below are the jansson
  * calls of the same stem, and jansson's own calls work on the same trees.
@@ -20,9 +28,10 @@
  *            (a named pipe or a device such as a link to /dev/zero): the
  *            open cannot block and the kind is checked before anything is
  *            read, so such a path is refused at once
- *   EBADMSG  not a protected file (too short, foreign header, plain JSON in
- *            a build that refuses it) or it fails authentication (changed,
- *            cut or appended bytes, another key)
+ *   EBADMSG  not a signed file (too short, foreign header, plain JSON or a
+ *            sealed file in a build that refuses them), a key that is not
+ *            trusted or is revoked, or a bad signature (changed, cut or
+ *            appended bytes)
  *   EFBIG    larger than QIV_EJS_MAX_FILE_SIZE
  *   ENOMEM   memory ran out
  *   ENOSYS   libsodium could not be initialised
@@ -40,7 +49,8 @@
  * load.
  *
  * Nothing here writes to a log or to standard error: failures are reported
- * through the results, errno and the error record only.
+ * through the results, errno and the error record only (a key file ignored
+ * for its owner or mode is named in the text of the load that needed it).
  */
 #ifndef QIV_EJS_H
 #define QIV_EJS_H
@@ -99,30 +109,65 @@ QIV_EJS_API void qiv_json_delete_ejs(json_t *json);
  * last one. Null is ignored. */
 QIV_EJS_API void qiv_json_decref_ejs(json_t *json);
 
-/* Seals length bytes of text into a protected file at path, replacing it
- * whole: the file is written beside its final name and renamed into place,
- * so a crash leaves the old file or the new one, never a mix. The text is
- * sealed as it stands (layout and key order kept); it is not checked for
- * being JSON. Returns 0, or -1 with errno (EINVAL for a null path or a null
- * text with a non-zero length, EFBIG when the sealed file would exceed
- * QIV_EJS_MAX_FILE_SIZE, ENOMEM, or the errno of writing). */
-QIV_EJS_API int qiv_ejs_seal_file(const char *path, const void *text, size_t length);
+/* The size of a key identifier as text: 16 hexadecimal digits and the
+ * terminator. */
+#define QIV_EJS_KEY_ID_SIZE 17
+
+/* Signs length bytes of text with the Ed25519 secret key in the file
+ * secret_key_file (64 hexadecimal digits, as qiv_ejs_keygen writes it) into
+ * a protected file at path, replacing it whole: the file is written beside
+ * its final name and renamed into place, so a crash leaves the old file or
+ * the new one, never a mix. The text is signed as it stands (layout and key
+ * order kept); it is not checked for being JSON. The file loads wherever
+ * the matching public key is trusted. Returns 0, or -1 with errno (EINVAL
+ * for a null path or key file, a null text with a non-zero length, or a
+ * key file that is not a regular file of 64 hexadecimal digits; EFBIG when
+ * the signed file would exceed QIV_EJS_MAX_FILE_SIZE; ENOMEM; ENOSYS; or
+ * the errno of reading the key or writing). */
+QIV_EJS_API int qiv_ejs_sign_file(const char *path, const void *text, size_t length,
+                                  const char *secret_key_file);
+
+/* jansson's json_dump_file into a protected file: the tree is encoded with
+ * jansson's encoding flags and signed with qiv_ejs_sign_file. Returns 0, or
+ * -1 with errno (EINVAL when json is null or cannot be encoded, else as
+ * qiv_ejs_sign_file). */
+QIV_EJS_API int qiv_json_sign_file_ejs(const json_t *json, const char *path, size_t flags,
+                                       const char *secret_key_file);
+
+/* Makes a new Ed25519 key pair: the secret key (its 32-byte seed as 64
+ * hexadecimal digits and a line end) into the new file secret_key_file,
+ * mode 0600, and the public key likewise into the new file public_key_file,
+ * mode 0644; neither may exist. key_id, when not null, receives the key's
+ * identifier (QIV_EJS_KEY_ID_SIZE bytes). Returns 0, or -1 with errno
+ * (EINVAL for a null path, EEXIST when a file exists, ENOSYS, or the errno
+ * of writing; no file is left behind). */
+QIV_EJS_API int qiv_ejs_keygen(const char *secret_key_file, const char *public_key_file, char *key_id);
 
 /* Opens the protected file at path: on success *text receives a newly
- * allocated, zero-terminated copy of the sealed text and *length its length
+ * allocated, zero-terminated copy of the signed text and *length its length
  * (without the terminator); free it with qiv_ejs_free. Returns 0, or -1
  * with errno as for a load (EINVAL also for a null text or length pointer);
  * *text and *length are left alone on failure. A build that allows plain
- * JSON returns a file without the protected header as it stands. */
+ * JSON returns a file without a protected header as it stands. */
 QIV_EJS_API int qiv_ejs_open_file(const char *path, char **text, size_t *length);
 
-/* Releases the text of qiv_ejs_open_file. Null is ignored. */
-QIV_EJS_API void qiv_ejs_free(char *text);
+/* As qiv_ejs_open_file, trusting the key files of the directory keys_dir
+ * (null: /etc/velmora/keys.d; revocations in keys_dir/revoked) besides the
+ * build's key; key_id, when not null, receives on success the identifier of
+ * the signing key (QIV_EJS_KEY_ID_SIZE bytes; "" for a plain or sealed file
+ * that a build accepts). */
+QIV_EJS_API int qiv_ejs_open_file_ex(const char *path, const char *keys_dir, char **text, size_t *length,
+                                     char *key_id);
 
-/* jansson's json_dump_file into a protected file: the tree is encoded with
- * jansson's encoding flags and sealed with qiv_ejs_seal_file. Returns 0, or
- * -1 with errno (EINVAL when json is null or cannot be encoded). */
-QIV_EJS_API int qiv_json_dump_file_ejs(const json_t *json, const char *path, size_t flags);
+/* Opens a file of the earlier sealed form (format 1) for conversion: its
+ * text as qiv_ejs_open_file gives it. Its authenticity rests only on a key
+ * that every build holds: sign the text anew before trusting it. Returns 0,
+ * or -1 with errno (EBADMSG for any other form or a file that fails
+ * authentication, else as qiv_ejs_open_file). */
+QIV_EJS_API int qiv_ejs_open_sealed_file(const char *path, char **text, size_t *length);
+
+/* Releases the text of qiv_ejs_open_file and its kin. Null is ignored. */
+QIV_EJS_API void qiv_ejs_free(char *text);
 
 #ifdef __cplusplus
 }

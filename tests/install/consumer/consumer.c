@@ -27,8 +27,8 @@ static void print_compare(const char *first, const char *second) {
 }
 
 int main(int argc, char **argv) {
-  if (argc != 2) {
-    fprintf(stderr, "usage: consumer MANIFEST\n");
+  if (argc != 3) {
+    fprintf(stderr, "usage: consumer MANIFEST SECRET_KEY\n");
     return 2;
   }
   print_parse("3.2.17");
@@ -36,10 +36,10 @@ int main(int argc, char **argv) {
   print_compare("1.10.0", "1.9.9");
   print_compare("1.2.3", "1.2.5");
 
-  /* A manifest sealed through libqiv_ejs (with a jansson tree made here),
+  /* A manifest signed through libqiv_ejs (with a jansson tree made here),
    * read back by libtarnaux and by libqiv_ejs. */
   json_t *manifest = json_pack("{s:s}", "version", "4.5.6");
-  printf("seal: %d\n", qiv_json_dump_file_ejs(manifest, argv[1], 0));
+  printf("sign: %d\n", qiv_json_sign_file_ejs(manifest, argv[1], 0, argv[2]));
   json_decref(manifest);
   version_mgr_version version = {0, 0, 0};
   char printed[32] = "";
