@@ -80,7 +80,7 @@ bool make_package(long megabytes) {
   }
   json += "]}";
   fs::create_directories(g_package + "/config/component_info", ec);
-  if (qiv_ejs_seal_file((g_package + kManifest).c_str(), json.data(), json.size()) != 0 ||
+  if (qiv_ejs_sign_file((g_package + kManifest).c_str(), json.data(), json.size(), QIV_EJS_BUILD_SECRET_KEY) != 0 ||
       !tarn_bench::write_text(g_package + ".sha256", sums)) {
     fprintf(stderr, "bench_package_verify: cannot write the manifest of %s\n", g_package.c_str());
     return false;
