@@ -128,11 +128,14 @@ class Installer {
   com_info_var manifest_{};   // its manifest, loaded
   std::string apphome_name_;  // the new app home's name
   std::string apphome_;       // and its path
+  std::string secret_key_;    // the publisher's secret key file, once made
 
   std::string record_path() const;
   std::string backup_path() const;
   void sign_manifest(const std::string &path, const std::string &version,
                      const std::vector<std::pair<std::string, std::string>> &files);
+  const std::string &publisher_key();
+  void show_tampered_copies_refused();
   void keep_backup_copy();
   void install_files();
   void expect_valid(const std::string &ini_path);

@@ -39,6 +39,7 @@ namespace demo {
 namespace {
 
 constexpr const char *kWorkDir = "/tmp/tarn-demo";
+constexpr const char *kTrustedKeysDir = "/etc/velmora/keys.d";
 constexpr const char *kComponent = "tarn_base";
 constexpr const char *kVersion = "1.4.2";
 constexpr const char *kOldVersion = "1.3.9";
@@ -188,6 +189,28 @@ std::string Installer::backup_path() const {
   return std::string(kInstallRoot) + "/tarn_apphome_backup.ini";
 }
 
+// The publisher's signing key, made on first use in the release build's
+// folder. Endpoints trust only its public key, which goes to the trusted
+// keys folder; the secret key never leaves the release build.
+const std::string &Installer::publisher_key() {
+  if (!secret_key_.empty()) return secret_key_;
+  const std::string release = std::string(kWorkDir) + "/release";
+  const std::string secret = release + "/publisher.key";
+  const std::string public_key = release + "/publisher.pub";
+  make_dirs(release);
+  char key_id[QIV_EJS_KEY_ID_SIZE] = {};
+  if (qiv_ejs_keygen(secret.c_str(), public_key.c_str(), key_id) != 0)
+    fail(format("qiv_ejs_keygen: %s", strerror(errno)));
+  make_dirs(kTrustedKeysDir);
+  const std::string trusted = std::string(kTrustedKeysDir) + "/demo-publisher.pub";
+  write_file(trusted, read_file(public_key), 0644);
+  printf("  qiv_ejs_keygen -> key %s: the secret key stays in %s,\n"
+         "  its public key is trusted as %s\n",
+         key_id, secret.c_str(), trusted.c_str());
+  secret_key_ = secret;
+  return secret_key_;
+}
+
 // Signs the component's manifest at path, with its version and its files
 // (name and SHA-256 digest).
 void Installer::sign_manifest(const std::string &path, const std::string &version,
@@ -201,7 +224,7 @@ void Installer::sign_manifest(const std::string &path, const std::string &versio
                                "platform", "linux", "depends", "files", list);
   if (manifest == nullptr) fail("cannot build the manifest's JSON tree");
   make_dirs(dir_of(path));
-  const int ret = qiv_json_sign_file_ejs(manifest, path.c_str(), JSON_INDENT(2), QIV_EJS_BUILD_SECRET_KEY);
+  const int ret = qiv_json_sign_file_ejs(manifest, path.c_str(), JSON_INDENT(2), publisher_key().c_str());
   const int error = errno;
   json_decref(manifest);
   if (ret != 0) fail(format("qiv_json_sign_file_ejs(%s): %s", path.c_str(), strerror(error)));
@@ -251,7 +274,8 @@ void Installer::build_package() {
   stage_.heading("the release build makes a component package",
                  "No package ships with the sources, so the demo makes one as a release build\n"
                  "would: the files of component tarn_base, a manifest with their SHA-256\n"
-                 "digests signed as a protected JSON file, all in tarn_base.tgz.");
+                 "digests signed as a protected JSON file with a publisher key that it makes\n"
+                 "(endpoints hold only its public key), all in tarn_base.tgz.");
   const std::string release = std::string(kWorkDir) + "/release";
   const std::string top = release + "/" + kComponent;
   std::vector<std::pair<std::string, std::string>> listed;
@@ -278,7 +302,8 @@ void Installer::unpack_package() {
   stage_.heading("the installer unpacks the package and reads its manifest",
                  "unpack_com unpacks it (the system's tar) into an unpack cache and loads the\n"
                  "manifest; check_file sees that every listed file arrived and tarnctl checks\n"
-                 "their digests. A copy, unpacked by the library's own extractor, goes to the\n"
+                 "their digests, and refuses copies with a file or the manifest changed. A\n"
+                 "copy, unpacked by the library's own extractor, goes to the\n"
                  "backup tree, from which a later repair can take the files.");
   const std::string cache = std::string(kWorkDir) + "/unpack";
   make_dirs(cache);
@@ -326,8 +351,36 @@ void Installer::unpack_package() {
 
   stage_.tarnctl({"pkg", "verify", unpacked_}, 0,
                  {"verified: every file that the manifests list matches its digest"});
+  show_tampered_copies_refused();
 
   keep_backup_copy();
+}
+
+// Two copies of the unpacked package: one with a byte of a file changed,
+// which the digests give away, and one with a byte of its manifest changed,
+// which the signature gives away.
+void Installer::show_tampered_copies_refused() {
+  printf("\n  A copy with one byte of a file changed, and one with its manifest changed:\n");
+  const PackageFile file = package_files().front();
+  const std::string changed_file = std::string(kWorkDir) + "/tampered-file";
+  const std::string changed_manifest = std::string(kWorkDir) + "/tampered-manifest";
+  for (const std::string &copy : {changed_file, changed_manifest}) {
+    const ProgramRun cp = run_program({"cp", "-a", unpacked_, copy});
+    if (cp.exit_status != 0) fail("cp -a failed: " + cp.output);
+  }
+  const std::string victim = changed_file + "/" + package_relative(file.name);
+  std::string text = read_file(victim);
+  text[0] = (char)(text[0] ^ 1);
+  write_file(victim, text, file.mode);
+  stage_.tarnctl({"pkg", "verify", changed_file}, 1, {"differs " + file.name, "verified: 1 problems"});
+
+  const std::string manifest = manifest_below(changed_manifest);
+  std::string signed_text = read_file(manifest);
+  const size_t version = signed_text.find(kVersion);
+  if (version == std::string::npos) fail("the signed manifest does not hold its version");
+  signed_text[version] = (char)(signed_text[version] == '9' ? '8' : signed_text[version] + 1);
+  write_file(manifest, signed_text, 0644);
+  stage_.tarnctl({"pkg", "verify", changed_manifest}, 5, {"does not load, package not verified"});
 }
 
 // Unpacks the package once more, with the library's own extractor, into the
