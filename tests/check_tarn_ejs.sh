@@ -39,7 +39,7 @@ expect() {
 # key_id PUBLIC_KEY_FILE: the key's identifier, the first 8 bytes of the
 # BLAKE2b-256 digest of its 32 bytes, in hexadecimal.
 key_id() {
-  tr -d ' \n' <"$1" | xxd -r -p | b2sum -l 256 | cut -c1-16
+  printf '%b' "$(tr -d ' \n' <"$1" | sed 's/../\\x&/g')" | b2sum -l 256 | cut -c1-16
 }
 
 cd "$work" || exit 1
