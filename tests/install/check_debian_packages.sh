@@ -9,8 +9,8 @@
 #   is ON, on the system's libraries); the shlibs file and the ldconfig
 #   trigger of each runtime package and that no package has maintainer
 #   scripts; that together they hold exactly the install of the sources at
-#   SOURCE under /usr, each file in its own package; and that the pkg-config
-#   files name /usr.
+#   SOURCE under /usr, each file in its own package; that the changelog's
+#   latest entry is VERSION's; and that the pkg-config files name /usr.
 # check_debian_packages.sh lintian WORK
 #   Runs lintian on the packages in WORK: it must report no error and no
 #   warning.
@@ -127,6 +127,10 @@ case $mode in
     done
     compare_layout "the packages together" "$(expected_layout "$source" "$libdir" "$version")" \
       "$(grep -v '^$' <<<"$all_listing" | normalize_layout)" || exit 1
+    # A new version needs its entry at the top of cmake/debian/changelog.
+    top=$(dpkg-deb --fsys-tarfile "$work/libtarnaux1_${version}_$arch.deb" |
+          tar -xO "./usr/share/doc/libtarnaux$major/changelog.gz" | gzip -dc | head -n 1)
+    [[ "$top" == "libtarnaux ($version) "* ]] || fail "the changelog begins '$top', not with version $version"
     for pc in tarnaux tarnbase qiv_ejs; do
       dpkg-deb --fsys-tarfile "$work/libtarnaux-dev_${version}_$arch.deb" |
         tar -xO "./usr/$libdir/pkgconfig/$pc.pc" | grep -qx 'prefix=/usr' ||
