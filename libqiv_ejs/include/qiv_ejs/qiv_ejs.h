@@ -61,11 +61,7 @@
 
 #include <jansson.h>
 
-#if defined(QIV_EJS_BUILDING)
-#define QIV_EJS_API __attribute__((visibility("default")))
-#else
-#define QIV_EJS_API
-#endif
+#include <qiv_ejs/qiv_ejs_api.h>
 
 #ifdef __cplusplus
 extern "C" {
