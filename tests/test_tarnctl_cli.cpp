@@ -14,6 +14,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -391,17 +392,29 @@ bool has_ended(pid_t pid) {
   return stat.empty() || (close != std::string::npos && stat.substr(close + 2, 1) == "Z");
 }
 
+// Whether the process pid ends within 10 s: a process killed with SIGKILL
+// ends soon after kill() returns, not at once.
+bool ends_soon(pid_t pid) {
+  const int64_t deadline = tarn_test::monotonic_ms() + 10000;
+  while (!has_ended(pid)) {
+    if (tarn_test::monotonic_ms() >= deadline) return false;
+    struct timespec pause = {0, 1000000};
+    nanosleep(&pause, nullptr);
+  }
+  return true;
+}
+
 TEST_F(CliTest, RestoreEndsWithExitFourWhenTheRecordsLockStaysHeld) {
   make_apphome(kHomeA, true, false);
   ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
   ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeB)));
   tarn_test::ForeignLock lock(kRecordLockPath);
   ASSERT_TRUE(lock.held());
-  const uint64_t start = tarn_test::monotonic_ms();
+  const int64_t start = tarn_test::monotonic_ms();
   EXPECT_FAILS(tarnctl({"apphome", "restore", "--timeout", "0.5"}), 4,
                "tarnctl: apphome restore: timed out after 0.5 s: the record's lock could not be taken");
   // Bounded by the time-out, not by the library's own wait (30 s).
-  EXPECT_LT(tarn_test::monotonic_ms() - start, 10000u);
+  EXPECT_LT(tarn_test::monotonic_ms() - start, 10000);
   EXPECT_EQ(read_file(kRecordPath), record_text(kHomeB));
 
   const Outcome json = tarnctl({"--timeout", "0.2", "--json", "apphome", "restore"});
@@ -423,7 +436,7 @@ TEST_F(CliTest, ReduceEndsWithExitFourWhenTheServiceDoesNotAnswer) {
   // The service that did not answer was ended with the subcommand.
   const std::string pid_text = read_file(pid_file);
   ASSERT_FALSE(pid_text.empty());
-  EXPECT_TRUE(has_ended((pid_t)atoi(pid_text.c_str()))) << pid_text;
+  EXPECT_TRUE(ends_soon((pid_t)atoi(pid_text.c_str()))) << pid_text;
   EXPECT_FALSE(tarn_test::exists(kRecordPath));
 }
 
@@ -519,9 +532,9 @@ bool append_file(const std::string &path, const std::string &text) {
 // Reads from fd until the text read ends with expected; false at end of
 // input or after 20 s without it (the test then fails instead of hanging).
 bool read_until(int fd, std::string *text, const std::string &expected) {
-  const uint64_t deadline = tarn_test::monotonic_ms() + 20000;
+  const int64_t deadline = tarn_test::monotonic_ms() + 20000;
   while (text->size() < expected.size() || text->compare(text->size() - expected.size(), expected.size(), expected) != 0) {
-    const uint64_t now = tarn_test::monotonic_ms();
+    const int64_t now = tarn_test::monotonic_ms();
     if (now >= deadline) return false;
     struct pollfd ready = {fd, POLLIN, 0};
     if (poll(&ready, 1, (int)(deadline - now)) <= 0) continue;
@@ -564,35 +577,52 @@ const std::vector<std::string> kSubcommands = {
     "pkg unpack", "pkg show", "pkg verify",  "env admin",       "env space",       "env uos",
     "version parse", "version compare", "version print", "log"};
 
+// Renders the manual page text of program with groff, warnings on, and
+// reads its NAME line as lexgrog (mandb) does.
+void expect_renders_cleanly(const ScratchDirectory &scratch, const std::string &program, const std::string &text,
+                            const std::string &whatis) {
+  const std::string page = scratch / (program + ".1");
+  ASSERT_TRUE(write_file(page, text));
+  const Outcome rendered = run_program({"groff", "-man", "-Tutf8", "-ww", "-z", page});
+  EXPECT_EQ(rendered.status, 0) << dump(rendered);
+  EXPECT_EQ(rendered.err, "");
+  const Outcome name = run_program({"lexgrog", page});
+  EXPECT_EQ(name.status, 0) << dump(name);
+  EXPECT_EQ(name.out, page + ": \"" + program + " - " + whatis + "\"\n");
+}
+
 TEST_F(CliTest, ManualPageListsEverySubcommandAndOptionAndRendersCleanly) {
   const Outcome man = tarnctl({"--print-man"});
   EXPECT_EQ(man.status, 0) << dump(man);
   for (const std::string &command : kSubcommands) {
-    std::string escaped = command;
-    EXPECT_NE(man.out.find(".SS " + escaped + "\n"), std::string::npos) << command;
+    EXPECT_NE(man.out.find(".SS " + command + "\n"), std::string::npos) << command;
   }
   for (const char *option : {"\\-\\-help", "\\-\\-verbose", "\\-\\-json", "\\-\\-timeout", "\\-\\-version",
                              "\\-\\-backup", "\\-\\-system\\-tar", "\\-f"}) {
     EXPECT_NE(man.out.find(option), std::string::npos) << option;
   }
-  const std::string page = scratch_ / "tarnctl.1";
-  ASSERT_TRUE(write_file(page, man.out));
-  const Outcome rendered = run_program({"groff", "-man", "-Tutf8", "-ww", "-z", page});
-  EXPECT_EQ(rendered.status, 0) << dump(rendered);
-  EXPECT_EQ(rendered.err, "");
-  const Outcome whatis = run_program({"lexgrog", page});
-  EXPECT_EQ(whatis.status, 0) << dump(whatis);
-  EXPECT_EQ(whatis.out, page + ": \"tarnctl - show and check the agent's shared state through libtarnaux\"\n");
+  expect_renders_cleanly(scratch_, "tarnctl", man.out, "show and check the agent's shared state through libtarnaux");
+
+  const Outcome ejs = run_program({TARN_EJS_PATH, "--print-man"});
+  EXPECT_EQ(ejs.status, 0) << dump(ejs);
+  for (const char *command : {"keygen", "sign", "verify", "inspect", "unpack", "convert"}) {
+    EXPECT_NE(ejs.out.find(std::string(".TP\n.B ") + command + " "), std::string::npos) << command;
+  }
+  EXPECT_NE(ejs.out.find("\\-\\-keys DIR"), std::string::npos);
+  EXPECT_NE(ejs.out.find("\\-\\-key SECRET"), std::string::npos);
+  expect_renders_cleanly(scratch_, "tarn-ejs", ejs.out, "make, read and check protected JSON files (.ejs)");
 }
 
-// The words that bash's completion of tarnctl offers after words.
-std::vector<std::string> completions(const std::string &script, const std::vector<std::string> &words) {
+// The words that bash's completion of program (whose completion function
+// is function) offers after words.
+std::vector<std::string> completions(const std::string &script, const std::vector<std::string> &words,
+                                     const std::string &program = "tarnctl", const std::string &function = "_tarnctl") {
   std::string array;
   for (const std::string &word : words) array += " '" + word + "'";
   const Outcome outcome =
       run_program({"bash", "--norc", "--noprofile", "-c",
-                   "source '" + script + "' && COMP_WORDS=(tarnctl" + array + ") && COMP_CWORD=" +
-                       std::to_string(words.size()) + " && _tarnctl && printf '%s\\n' \"${COMPREPLY[@]}\""});
+                   "source '" + script + "' && COMP_WORDS=(" + program + array + ") && COMP_CWORD=" +
+                       std::to_string(words.size()) + " && " + function + " && printf '%s\\n' \"${COMPREPLY[@]}\""});
   EXPECT_EQ(outcome.status, 0) << dump(outcome);
   return lines_of(outcome.out);
 }
@@ -615,6 +645,22 @@ TEST_F(CliTest, CompletionOffersSubcommandsAndTheirOptions) {
   ASSERT_TRUE(write_file(scratch_ / "archive.tgz", ""));
   EXPECT_EQ(completions(script, {"pkg", "unpack", scratch_ / "arch"}),
             (std::vector<std::string>{scratch_ / "archive.tgz"}));
+}
+
+TEST_F(CliTest, TarnEjsCompletionOffersItsSubcommandsAndOptions) {
+  const Outcome completion = run_program({TARN_EJS_PATH, "--print-completion"});
+  EXPECT_EQ(completion.status, 0) << dump(completion);
+  const std::string script = scratch_ / "tarn-ejs.bash";
+  ASSERT_TRUE(write_file(script, completion.out));
+  const auto offered = [&](const std::vector<std::string> &words) {
+    return completions(script, words, "tarn-ejs", "_tarn_ejs");
+  };
+  EXPECT_EQ(offered({""}),
+            (std::vector<std::string>{"--help", "keygen", "sign", "verify", "inspect", "unpack", "convert"}));
+  EXPECT_EQ(offered({"sign", "-"}), (std::vector<std::string>{"--key"}));
+  EXPECT_EQ(offered({"verify", "--k"}), (std::vector<std::string>{"--keys"}));
+  ASSERT_TRUE(write_file(scratch_ / "secret.key", ""));
+  EXPECT_EQ(offered({"sign", "--key", scratch_ / "sec"}), (std::vector<std::string>{scratch_ / "secret.key"}));
 }
 
 }  // namespace

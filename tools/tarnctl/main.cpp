@@ -20,6 +20,8 @@
 
 #include <version_mgr.h>
 
+#include "manual_text.h"
+
 #include "tarnctl.h"
 
 namespace tarnctl {
@@ -263,28 +265,6 @@ void print_command_help(const Command &command) {
          command.summary, command.details, kCommonOptions, kExitTable);
 }
 
-// Text for a roff line: backslashes and minus signs escaped, and a line
-// that would begin with a control character made plain.
-std::string roff(const std::string &text) {
-  std::string escaped;
-  bool line_start = true;
-  for (const char c : text) {
-    if (line_start && (c == '.' || c == '\'')) escaped += "\\&";
-    if (c == '\\') {
-      escaped += "\\e";
-    } else if (c == '-') {
-      escaped += "\\-";
-    } else {
-      escaped += c;
-    }
-    line_start = c == '\n';
-  }
-  return escaped;
-}
-
-// Preformatted text (kept as its lines stand) for the manual page.
-void print_man_block(const std::string &text) { printf(".RS\n.nf\n%s.fi\n.RE\n", roff(text).c_str()); }
-
 // The manual page, from the same table as --help.
 int print_man() {
   printf(".TH TARNCTL 1 \"\" \"tarnctl %s\" \"User Commands\"\n", TARN_VERSION);
@@ -296,66 +276,27 @@ int print_man() {
          "the library's log files. Errors are written to standard error as one line\n"
          "each: \"tarnctl: SUBCOMMAND: REASON\".\n");
   printf(".SH OPTIONS\n");
-  print_man_block(std::string(kCommonOptions) + "  --version            print the versions of tarnctl and libtarnaux\n");
+  tarn_manual::print_block(std::string(kCommonOptions) + "  --version            print the versions of tarnctl and libtarnaux\n");
   printf(".SH SUBCOMMANDS\n");
   for (const Command &command : commands()) {
-    printf(".SS %s\n.B %s\n.PP\n%s.\n", roff(command.name).c_str(), roff(usage_line(command)).c_str(),
-           roff(command.summary).c_str());
-    print_man_block(command.details);
+    printf(".SS %s\n.B %s\n.PP\n%s.\n", tarn_manual::roff(command.name).c_str(), tarn_manual::roff(usage_line(command)).c_str(),
+           tarn_manual::roff(command.summary).c_str());
+    tarn_manual::print_block(command.details);
   }
   printf(".SH EXIT STATUS\n");
-  print_man_block(std::string(kExitTable).substr(strlen("exit codes:\n")));
+  tarn_manual::print_block(std::string(kExitTable).substr(strlen("exit codes:\n")));
   printf(".SH SEE ALSO\n.BR tarn\\-ejs (1)\n");
   return kExitOk;
 }
 
-// The bash completion of tarnctl, from the same table as --help: the
-// subcommands, each one's options and the common ones, and file names for
-// the arguments.
+// The bash completion of tarnctl, from the same table as --help.
 int print_completion() {
-  std::string common = "--help --verbose --json --timeout";
-  std::string firsts = "--version";
-  std::string cases;
-  for (const Command &command : commands()) {
-    const std::string name = command.name;
-    const size_t blank = name.find(' ');
-    const std::string group = name.substr(0, blank);
-    if ((" " + firsts + " ").find(" " + group + " ") == std::string::npos) firsts += " " + group;
-    if (blank != std::string::npos && cases.find("\n    " + group + ")") == std::string::npos) {
-      std::string seconds;
-      const std::string prefix = group + " ";
-      for (const Command &other : commands()) {
-        if (strncmp(other.name, prefix.c_str(), prefix.size()) == 0) seconds += " " + std::string(other.name + prefix.size());
-      }
-      cases += "\n    " + group + ") words=\"" + seconds.substr(1) + "\" ;;";
-    }
-    std::string options = common;
-    for (const std::string &option : command.options) options += " " + option;
-    cases += "\n    \"" + name + "\"|\"" + name + " \"*) words=\"" + options + "\"; files=1 ;;";
-  }
-  printf(
-      "# bash completion for tarnctl (made by tarnctl --print-completion)\n"
-      "_tarnctl() {\n"
-      "  local cur=${COMP_WORDS[COMP_CWORD]} command=\"\" words=\"\" files=0 i\n"
-      "  for ((i = 1; i < COMP_CWORD; i++)); do\n"
-      "    case ${COMP_WORDS[i]} in\n"
-      "      --timeout) ((i++)) ;;\n"
-      "      -*) ;;\n"
-      "      *) command=\"${command:+$command }${COMP_WORDS[i]}\" ;;\n"
-      "    esac\n"
-      "  done\n"
-      "  [[ ${COMP_WORDS[COMP_CWORD - 1]} == --timeout ]] && return 0\n"
-      "  case $command in\n"
-      "    \"\") words=\"%s %s\" ;;%s\n"
-      "  esac\n"
-      "  if [[ $cur == -* || $files == 0 ]]; then\n"
-      "    COMPREPLY=($(compgen -W \"$words\" -- \"$cur\"))\n"
-      "  else\n"
-      "    COMPREPLY=($(compgen -f -- \"$cur\"))\n"
-      "  fi\n"
-      "}\n"
-      "complete -o filenames -F _tarnctl tarnctl\n",
-      common.c_str(), firsts.c_str(), cases.c_str());
+  std::vector<tarn_manual::CompletionEntry> entries;
+  for (const Command &command : commands()) entries.push_back({command.name, command.options});
+  fputs(tarn_manual::bash_completion("tarnctl", "--help --verbose --json --timeout --version",
+                                     "--help --verbose --json --timeout", {kTimeoutOption}, entries)
+            .c_str(),
+        stdout);
   return kExitOk;
 }
 
