@@ -31,6 +31,7 @@
 #include "child_process.h"
 #include "files.h"
 #include "install_root.h"
+#include "installed_agent.h"
 #include "manifests.h"
 #include "tarnctl_run.h"
 
@@ -47,6 +48,7 @@ using tarn_test::kBackupPath;
 using tarn_test::kHomeA;
 using tarn_test::kHomeB;
 using tarn_test::kRecordPath;
+using tarn_test::install_agent;
 using tarn_test::make_apphome;
 using tarn_test::make_dirs;
 using tarn_test::read_file;
@@ -57,14 +59,6 @@ using tarn_test::seal_manifest;
 using tarn_test::under_root;
 using tarn_test::write_file;
 
-
-// A program's failure: the exit code and exactly one error line.
-#define EXPECT_FAILS(outcome, code, line)                              \
-  do {                                                                 \
-    const Outcome failed_ = (outcome);                                 \
-    EXPECT_EQ(failed_.status, (code)) << dump(failed_);                \
-    EXPECT_EQ(failed_.err, std::string(line) + "\n") << dump(failed_); \
-  } while (0)
 
 void drop_log_line(void *, uint32_t, const char *, size_t) {}
 
@@ -419,21 +413,6 @@ TEST_F(TarnctlTest, ApphomeRestoreWithoutAUsableBackupLeavesTheRecord) {
   EXPECT_EQ(read_file(kRecordPath), record_text(kHomeB));
 }
 
-constexpr char kServiceVersion[] = "3.1.4.159";
-
-// An installed service answering " -v" with kServiceVersion, and the main
-// app home name holding the manifests that reduction looks for.
-void install_agent(const std::string &name) {
-  ASSERT_TRUE(write_file(tarn_test::kServicePath, std::string("#!/bin/sh\necho ") + kServiceVersion + "\n", 0755));
-  make_apphome(name, true, true);
-  const std::string dir = under_root(name) + "/config/component_info";
-  ASSERT_TRUE(make_dirs(dir));
-  for (const char *component : {"tarn_base", "tarn_sys", "tarn_service"}) {
-    ASSERT_TRUE(seal_manifest(dir + "/" + component + ".ejs",
-                              std::string("{\"package\": \"") + component + "\", \"version\": \"" +
-                                  kServiceVersion + "\", \"files\": []}"));
-  }
-}
 
 TEST_F(TarnctlTest, ApphomeReduceKeepsAValidRecord) {
   make_apphome(kHomeA, true, false);

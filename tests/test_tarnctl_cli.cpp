@@ -28,38 +28,14 @@
 #include "child_process.h"
 #include "files.h"
 #include "install_root.h"
+#include "installed_agent.h"
 #include "manifests.h"
 #include "tar_builder.h"
 #include "tarnctl_run.h"
 
+// Inside the helpers' namespace, so that they need no qualification.
+namespace tarn_test {
 namespace {
-
-using tarn_test::dump;
-using tarn_test::lines_of;
-using tarn_test::Outcome;
-using tarn_test::run_program;
-using tarn_test::tarnctl;
-using tarn_test::kBackupPath;
-using tarn_test::kHomeA;
-using tarn_test::kHomeB;
-using tarn_test::kRecordLockPath;
-using tarn_test::kRecordPath;
-using tarn_test::make_apphome;
-using tarn_test::make_dirs;
-using tarn_test::read_file;
-using tarn_test::record_text;
-using tarn_test::ScratchDirectory;
-using tarn_test::seal_manifest;
-using tarn_test::under_root;
-using tarn_test::write_file;
-
-// A program's failure: the exit code and exactly one error line.
-#define EXPECT_FAILS(outcome, code, line)                              \
-  do {                                                                 \
-    const Outcome failed_ = (outcome);                                 \
-    EXPECT_EQ(failed_.status, (code)) << dump(failed_);                \
-    EXPECT_EQ(failed_.err, std::string(line) + "\n") << dump(failed_); \
-  } while (0)
 
 void drop_log_line(void *, uint32_t, const char *, size_t) {}
 
@@ -76,7 +52,7 @@ Json parse_json(const std::string &text) {
 // The --json answer of subcommand, checked against its schema; null (after
 // a test failure) when it is not valid.
 Json checked_answer(const std::string &subcommand, const Outcome &outcome) {
-  EXPECT_EQ(tarn_test::schema_problems(subcommand, outcome.out), "") << dump(outcome);
+  EXPECT_EQ(schema_problems(subcommand, outcome.out), "") << dump(outcome);
   EXPECT_EQ(outcome.out.back(), '\n');
   Json answer = parse_json(outcome.out);
   EXPECT_TRUE(answer) << dump(outcome);
@@ -97,7 +73,7 @@ class CliTest : public ::testing::Test {
  protected:
   void SetUp() override {
     tarn_log_register(drop_log_line, nullptr);
-    tarn_test::clear_install_root();
+    clear_install_root();
   }
   ScratchDirectory scratch_{"tarnctl_cli"};
 };
@@ -117,7 +93,7 @@ TEST_F(CliTest, VersionNamesTheToolAndTheLibraryItLoaded) {
   ASSERT_EQ(lines[1].back(), ')');
   const std::string library = lines[1].substr(prefix.size(), lines[1].size() - prefix.size() - 1);
   EXPECT_NE(library.find("/libtarnaux.so"), std::string::npos) << library;
-  EXPECT_TRUE(tarn_test::exists(library)) << library;
+  EXPECT_TRUE(exists(library)) << library;
 }
 
 TEST_F(CliTest, CommonOptionsStandBeforeOrAmongTheSubcommandsWords) {
@@ -253,11 +229,11 @@ class CliPkgTest : public CliTest {
     EXPECT_TRUE(seal_manifest(manifest,
                               "{\"package\": \"kav_core\", \"version\": \"3.2.17\", \"files\": [{\"name\": "
                               "\"bin/kav_core\", \"sha256\": \"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\"}]}"));
-    return tarn_test::gzip_of(tarn_test::tar_of({tarn_test::TarMember("kav_core/bin/kav_core", "abc"),
-                                                  tarn_test::TarMember("kav_core/config/component_info/kav_core.ejs",
+    return gzip_of(tar_of({TarMember("kav_core/bin/kav_core", "abc"),
+                                                  TarMember("kav_core/config/component_info/kav_core.ejs",
                                                                        read_file(manifest)),
-                                                  tarn_test::TarMember("kav_core/share/padding",
-                                                                       tarn_test::noise(200000))}));
+                                                  TarMember("kav_core/share/padding",
+                                                                       noise(200000))}));
   }
 };
 
@@ -367,23 +343,6 @@ TEST_F(CliPkgTest, ShowGivesTheLibrarysReasonForAManifestItRefuses) {
 // ---------------------------------------------------------------------------
 // apphome and --timeout
 
-constexpr char kServiceVersion[] = "3.1.4.159";
-
-// An installed service answering " -v" with kServiceVersion (or running
-// service_body instead), and the main app home name holding the manifests
-// that reduction looks for.
-void install_agent(const std::string &name, const std::string &service_body = "") {
-  const std::string body = service_body.empty() ? std::string("echo ") + kServiceVersion : service_body;
-  ASSERT_TRUE(write_file(tarn_test::kServicePath, "#!/bin/sh\n" + body + "\n", 0755));
-  make_apphome(name, true, true);
-  const std::string dir = under_root(name) + "/config/component_info";
-  ASSERT_TRUE(make_dirs(dir));
-  for (const char *component : {"tarn_base", "tarn_sys", "tarn_service"}) {
-    ASSERT_TRUE(seal_manifest(dir + "/" + component + ".ejs",
-                              std::string("{\"package\": \"") + component + "\", \"version\": \"" +
-                                  kServiceVersion + "\", \"files\": []}"));
-  }
-}
 
 // Whether the process pid has ended (gone, or a zombie that no one reaped).
 bool has_ended(pid_t pid) {
@@ -395,9 +354,9 @@ bool has_ended(pid_t pid) {
 // Whether the process pid ends within 10 s: a process killed with SIGKILL
 // ends soon after kill() returns, not at once.
 bool ends_soon(pid_t pid) {
-  const int64_t deadline = tarn_test::monotonic_ms() + 10000;
+  const int64_t deadline = monotonic_ms() + 10000;
   while (!has_ended(pid)) {
-    if (tarn_test::monotonic_ms() >= deadline) return false;
+    if (monotonic_ms() >= deadline) return false;
     struct timespec pause = {0, 1000000};
     nanosleep(&pause, nullptr);
   }
@@ -408,13 +367,13 @@ TEST_F(CliTest, RestoreEndsWithExitFourWhenTheRecordsLockStaysHeld) {
   make_apphome(kHomeA, true, false);
   ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
   ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeB)));
-  tarn_test::ForeignLock lock(kRecordLockPath);
+  ForeignLock lock(kRecordLockPath);
   ASSERT_TRUE(lock.held());
-  const int64_t start = tarn_test::monotonic_ms();
+  const int64_t start = monotonic_ms();
   EXPECT_FAILS(tarnctl({"apphome", "restore", "--timeout", "0.5"}), 4,
                "tarnctl: apphome restore: timed out after 0.5 s: the record's lock could not be taken");
   // Bounded by the time-out, not by the library's own wait (30 s).
-  EXPECT_LT(tarn_test::monotonic_ms() - start, 10000);
+  EXPECT_LT(monotonic_ms() - start, 10000);
   EXPECT_EQ(read_file(kRecordPath), record_text(kHomeB));
 
   const Outcome json = tarnctl({"--timeout", "0.2", "--json", "apphome", "restore"});
@@ -437,12 +396,12 @@ TEST_F(CliTest, ReduceEndsWithExitFourWhenTheServiceDoesNotAnswer) {
   const std::string pid_text = read_file(pid_file);
   ASSERT_FALSE(pid_text.empty());
   EXPECT_TRUE(ends_soon((pid_t)atoi(pid_text.c_str()))) << pid_text;
-  EXPECT_FALSE(tarn_test::exists(kRecordPath));
+  EXPECT_FALSE(exists(kRecordPath));
 }
 
 TEST_F(CliTest, ReduceEndsWithExitFourWhenTheRecordsLockStaysHeld) {
   install_agent(kHomeB);
-  tarn_test::ForeignLock lock(kRecordLockPath);
+  ForeignLock lock(kRecordLockPath);
   ASSERT_TRUE(lock.held());
   EXPECT_FAILS(tarnctl({"apphome", "reduce", "--timeout", "0.5"}), 4,
                "tarnctl: apphome reduce: timed out after 0.5 s: the record's lock is held or tarn_service -v does "
@@ -487,7 +446,7 @@ class LogTest : public CliTest {
     ASSERT_TRUE(make_dirs(agent_));
   }
   const std::string log_dir_ = scratch_ / "logs";
-  tarn_test::BaseConfigFile config_{"[log]\ndir = " + log_dir_ + "\n"};
+  BaseConfigFile config_{"[log]\ndir = " + log_dir_ + "\n"};
   const std::string root_ = log_dir_ + "/velmora/TARN3_LOG/tarn_default_autolog/";
   const std::string agent_ = root_ + "agent";
 };
@@ -532,9 +491,9 @@ bool append_file(const std::string &path, const std::string &text) {
 // Reads from fd until the text read ends with expected; false at end of
 // input or after 20 s without it (the test then fails instead of hanging).
 bool read_until(int fd, std::string *text, const std::string &expected) {
-  const int64_t deadline = tarn_test::monotonic_ms() + 20000;
+  const int64_t deadline = monotonic_ms() + 20000;
   while (text->size() < expected.size() || text->compare(text->size() - expected.size(), expected.size(), expected) != 0) {
-    const int64_t now = tarn_test::monotonic_ms();
+    const int64_t now = monotonic_ms();
     if (now >= deadline) return false;
     struct pollfd ready = {fd, POLLIN, 0};
     if (poll(&ready, 1, (int)(deadline - now)) <= 0) continue;
@@ -548,8 +507,8 @@ bool read_until(int fd, std::string *text, const std::string &expected) {
 
 TEST_F(LogTest, FollowPrintsAddedLinesAlsoAcrossARotation) {
   ASSERT_TRUE(write_file(agent_ + "/tarn.log", "first\n"));
-  tarn_test::Pipe out;
-  const pid_t pid = tarn_test::fork_child([&] {
+  Pipe out;
+  const pid_t pid = fork_child([&] {
     out.close_read();
     if (dup2(out.write_fd(), STDOUT_FILENO) < 0) return 125;
     execl(TARNCTL_PATH, TARNCTL_PATH, "log", "-f", "agent", (char *)nullptr);
@@ -566,7 +525,7 @@ TEST_F(LogTest, FollowPrintsAddedLinesAlsoAcrossARotation) {
   ASSERT_TRUE(write_file(agent_ + "/tarn.log", "fourth\n"));
   EXPECT_TRUE(read_until(out.read_fd(), &text, "fourth\n")) << text;
   EXPECT_EQ(text, "first\nsecond\nthird\nfourth\n");
-  tarn_test::kill_and_reap(pid);
+  kill_and_reap(pid);
 }
 
 // ---------------------------------------------------------------------------
@@ -664,3 +623,4 @@ TEST_F(CliTest, TarnEjsCompletionOffersItsSubcommandsAndOptions) {
 }
 
 }  // namespace
+}  // namespace tarn_test

@@ -27,7 +27,7 @@ namespace {
 bool g_verbose = false;
 // The standard error that the program started with: verbose lines go there
 // also while capture_stderr() has standard error elsewhere.
-int g_verbose_fd = STDERR_FILENO;
+FILE *g_verbose_stream = stderr;
 
 // A library line kept for the reason of the current step.
 struct StepLine {
@@ -63,21 +63,12 @@ std::string message_of(const char *line, size_t length) {
   return one_line(text);
 }
 
-void write_all(int fd, const char *text, size_t length) {
-  while (length > 0) {
-    const ssize_t written = write(fd, text, length);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    text += written;
-    length -= (size_t)written;
-  }
-}
-
 void log_sink(void *, uint32_t level, const char *line, size_t length) {
   if (g_verbose) {
     fflush(stdout);
     fflush(stderr);
-    write_all(g_verbose_fd, line, length);
+    fwrite(line, 1, length, g_verbose_stream);
+    fflush(g_verbose_stream);
   }
   if (level <= TARN_LOG_LEVEL_INFO) g_step.push_back(StepLine{level, message_of(line, length)});
 }
@@ -170,7 +161,8 @@ int fail(const Invocation &inv, int code, const std::string &reason) {
 
 void install_log_sink() {
   const int saved = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-  if (saved >= 0) g_verbose_fd = saved;
+  FILE *stream = saved >= 0 ? fdopen(saved, "w") : nullptr;
+  if (stream != nullptr) g_verbose_stream = stream;
   tarn_log_register(log_sink, nullptr);
 }
 
@@ -202,10 +194,14 @@ bool run_bounded(double seconds, const std::function<int()> &fn, int *result) {
   if (pid == 0) {
     setpgid(0, 0);
     close(report[0]);
-    const std::string text = std::to_string(fn());
+    const int result = fn();
     fflush(stdout);
     fflush(stderr);
-    write_all(report[1], text.data(), text.size());
+    FILE *out = fdopen(report[1], "w");
+    if (out != nullptr) {
+      fprintf(out, "%d", result);
+      fclose(out);
+    }
     _exit(0);
   }
   close(report[1]);
