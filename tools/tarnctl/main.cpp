@@ -46,7 +46,8 @@ constexpr char kExitTable[] =
     "  2  usage error: unknown subcommand or option, missing, extra or\n"
     "     malformed argument\n"
     "  3  a file, directory or record is missing, unreadable or unwritable\n"
-    "  4  a lock could not be taken, or the heartbeat table is unavailable\n"
+    "  4  a lock could not be taken, or the heartbeat table is unavailable,\n"
+    "     or the time-out passed\n"
     "  5  bad data: corrupt archive, bad or tampered manifest, bad version\n"
     "     string, malformed record\n";
 
@@ -105,7 +106,8 @@ const std::vector<Command> &commands() {
        "written under its lock and the backup rewritten to match it. Prints\n"
        "\"restored: app_home=NAME\" (\", app_home_x86=NAME\" where needed).\n"
        "Exit 3 when the backup is missing, 1 when it is not valid (nothing is\n"
-       "written then), 4 when the record's lock cannot be had.\n",
+       "written then), 4 when the record's lock cannot be had (within the\n"
+       "time-out).\n",
        run_apphome_restore},
       {"apphome reduce", "", {}, 0, 0, "bring back a usable record (record, backup, or a scan)",
        "Keeps the record when it is valid, else copies a valid backup over it,\n"
@@ -115,7 +117,8 @@ const std::vector<Command> &commands() {
        "  restored from the backup: app_home=NAME\n"
        "  rebuilt from the directories: app_home=NAME\n"
        "Exit 1, with the library's reason, when no usable record could be had;\n"
-       "the files are then left as they were.\n",
+       "the files are then left as they were. Exit 4 when the record's lock\n"
+       "stays held or tarn_service -v does not answer within the time-out.\n",
        run_apphome_reduce},
       {"pkg list", "DIR", {}, 1, 1, "the packages whose manifests lie in DIR/config/component_info",
        "Prints \"NAME VERSION\" for each manifest (.ejs file) in\n"

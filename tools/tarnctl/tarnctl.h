@@ -22,7 +22,7 @@ enum ExitCode : int {
   kExitNo = 1,       // the answer is no, or a check failed
   kExitUsage = 2,    // unknown subcommand or option, missing or malformed argument
   kExitMissing = 3,  // a file, directory or record is missing, unreadable or unwritable
-  kExitLocked = 4,   // a lock could not be taken, or the heartbeat table is unavailable
+  kExitLocked = 4,   // a lock could not be taken, the heartbeat table is unavailable, or the time-out passed
   kExitBadData = 5,  // corrupt archive, bad or tampered manifest, bad version string
 };
 
