@@ -402,6 +402,17 @@ int parse_words(const Command &command, int argc, char **argv, int first, Invoca
   return kExitOk;
 }
 
+// Ends a subcommand that gave code: its --json answer, and exit 3 when
+// standard output could not be written.
+int answered(const Invocation &inv, int code) {
+  code = finish(inv, code);
+  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+    const int error = errno != 0 ? errno : EIO;
+    return fail(inv, kExitMissing, "cannot write standard output: " + error_text(error));
+  }
+  return code;
+}
+
 // What a subcommand that waits for locks or for a program that the library
 // runs was waiting for when its time-out ends it; nullptr for the others,
 // which wait for nothing. Those run in a child process that is killed at the
@@ -421,17 +432,12 @@ int run_command(const Command &command, int argc, char **argv, int first, const 
   if (parsed < 0) return kExitOk;
   if (parsed != kExitOk) return finish(inv, parsed);
   set_log_verbose(inv.verbose);
-  int code = kExitOk;
   const char *waits_for = time_out_reason(inv.command);
-  if (waits_for == nullptr) {
-    code = finish(inv, command.run(inv));
-  } else if (!run_bounded(lock_timeout_seconds(inv), [&] { return finish(inv, command.run(inv)); }, &code)) {
-    code = finish(inv, fail(inv, kExitLocked,
-                            "timed out after " + seconds_text(lock_timeout_seconds(inv)) + " s: " + waits_for));
-  }
-  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
-    const int error = errno != 0 ? errno : EIO;
-    return fail(inv, kExitMissing, "cannot write standard output: " + error_text(error));
+  if (waits_for == nullptr) return answered(inv, command.run(inv));
+  int code = kExitOk;
+  if (!run_bounded(lock_timeout_seconds(inv), [&] { return answered(inv, command.run(inv)); }, &code)) {
+    code = answered(inv, fail(inv, kExitLocked,
+                              "timed out after " + seconds_text(lock_timeout_seconds(inv)) + " s: " + waits_for));
   }
   return code;
 }
