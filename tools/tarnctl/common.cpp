@@ -1,5 +1,6 @@
-// common.cpp -- error lines, the library's log lines, standard error
-// capture, and argument and path checks shared by the subcommands.
+// common.cpp -- error lines, the --json answer, the library's log lines,
+// standard error capture, the time-out of library calls that wait, and
+// argument and path checks shared by the subcommands.
 
 #include <errno.h>
 #include <fcntl.h>

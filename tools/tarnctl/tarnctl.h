@@ -1,6 +1,7 @@
 // tarnctl.h -- what the subcommands of tarnctl share: exit codes, the parsed
-// command line, error lines, the library's captured log lines, and small
-// checks of arguments and paths.
+// command line, error lines and the --json answer, the library's captured
+// log lines, the time-out of library calls that wait, and small checks of
+// arguments and paths.
 #ifndef TARNCTL_H
 #define TARNCTL_H
 
