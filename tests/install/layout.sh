@@ -27,6 +27,11 @@ expected_layout() {
     done
     echo bin/tarn-ejs
     echo bin/tarnctl
+    # The tools' manual pages and bash completions, made by the build.
+    for tool in tarnctl tarn-ejs; do
+      echo "share/man/man1/$tool.1.gz"
+      echo "share/bash-completion/completions/$tool"
+    done
     for header in "$source"/include/*.h; do echo "include/tarnaux/${header##*/}"; done
     for header in "$source"/libtarnbase/include/tarnbase/*.h; do echo "include/tarnbase/${header##*/}"; done
     for header in "$source"/libqiv_ejs/include/qiv_ejs/*.h; do echo "include/qiv_ejs/${header##*/}"; done

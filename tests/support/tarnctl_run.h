@@ -4,6 +4,8 @@
 #ifndef TARN_TEST_TARNCTL_RUN_H
 #define TARN_TEST_TARNCTL_RUN_H
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -37,5 +39,13 @@ std::string dump(const Outcome &outcome);
 std::string schema_problems(const std::string &subcommand, const std::string &json_text);
 
 }  // namespace tarn_test
+
+// A program's failure: the exit code and exactly one error line.
+#define EXPECT_FAILS(outcome, code, line)                                                  \
+  do {                                                                                     \
+    const tarn_test::Outcome failed_ = (outcome);                                          \
+    EXPECT_EQ(failed_.status, (code)) << tarn_test::dump(failed_);                         \
+    EXPECT_EQ(failed_.err, std::string(line) + "\n") << tarn_test::dump(failed_);          \
+  } while (0)
 
 #endif

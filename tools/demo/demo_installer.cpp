@@ -380,7 +380,7 @@ void Installer::show_tampered_copies_refused() {
   if (version == std::string::npos) fail("the signed manifest does not hold its version");
   signed_text[version] = (char)(signed_text[version] == '9' ? '8' : signed_text[version] + 1);
   write_file(manifest, signed_text, 0644);
-  stage_.tarnctl({"pkg", "verify", changed_manifest}, 5, {"does not load, package not verified"});
+  stage_.tarnctl({"pkg", "verify", changed_manifest}, 5, {"load plugin config: "});
 }
 
 // Unpacks the package once more, with the library's own extractor, into the

@@ -19,26 +19,85 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include <jansson.h>
 #include <qiv_ejs/qiv_ejs.h>
 
+#include "manual_text.h"
+
 namespace {
 
-constexpr char kUsage[] =
-    "usage: tarn-ejs keygen SECRET PUBLIC               make a key pair, print its identifier\n"
-    "       tarn-ejs sign --key SECRET IN.json OUT.ejs  sign the JSON text of IN.json into OUT.ejs\n"
-    "       tarn-ejs verify [--keys DIR] IN.ejs         print the identifier of the key that signed\n"
-    "                                                   IN.ejs when it opens and parses\n"
-    "       tarn-ejs inspect IN.ejs                     print IN.ejs's form, key identifier and size\n"
-    "       tarn-ejs unpack IN.ejs OUT.json             write the text signed in IN.ejs to OUT.json\n"
-    "                                                   (\"-\": to standard output)\n"
-    "       tarn-ejs convert --key SECRET IN.ejs OUT.ejs  sign the text of the sealed file IN.ejs\n"
-    "                                                   into OUT.ejs\n";
+// The subcommands, as the usage text, the manual page and the completion
+// give them.
+struct Command {
+  const char *name;
+  const char *arguments;
+  std::vector<std::string> options;  // the options among the arguments
+  const char *summary;
+};
+
+const std::vector<Command> &commands() {
+  static const std::vector<Command> table = {
+      {"keygen", "SECRET PUBLIC", {}, "make a key pair, print its identifier"},
+      {"sign", "--key SECRET IN.json OUT.ejs", {"--key"}, "sign the JSON text of IN.json into OUT.ejs"},
+      {"verify", "[--keys DIR] IN.ejs", {"--keys"},
+       "print the identifier of the key that signed IN.ejs when it opens and parses"},
+      {"inspect", "IN.ejs", {}, "print IN.ejs's form, key identifier and size"},
+      {"unpack", "IN.ejs OUT.json", {}, "write the text signed in IN.ejs to OUT.json (\"-\": to standard output)"},
+      {"convert", "--key SECRET IN.ejs OUT.ejs", {"--key"}, "sign the text of the sealed file IN.ejs into OUT.ejs"},
+  };
+  return table;
+}
+
+std::string usage_text() {
+  std::string text;
+  for (const Command &command : commands()) {
+    char line[512];
+    const std::string call = std::string("tarn-ejs ") + command.name + " " + command.arguments;
+    snprintf(line, sizeof(line), "%s%-42s  %s\n", text.empty() ? "usage: " : "       ", call.c_str(),
+             command.summary);
+    text += line;
+  }
+  return text;
+}
 
 int usage() {
-  fputs(kUsage, stderr);
+  fputs(usage_text().c_str(), stderr);
   return 2;
+}
+
+// The manual page, from the same table as the usage text.
+int print_man() {
+  printf(".TH TARN\\-EJS 1 \"\" \"tarn-ejs\" \"User Commands\"\n");
+  printf(".SH NAME\ntarn\\-ejs \\- make, read and check protected JSON files (.ejs)\n");
+  printf(".SH SYNOPSIS\n");
+  for (const Command &command : commands()) {
+    printf(".B tarn\\-ejs %s\n%s\n.br\n", command.name, tarn_manual::roff(command.arguments).c_str());
+  }
+  printf(".SH DESCRIPTION\nSigns JSON files with a publisher's secret key into protected files, and\n"
+         "checks, inspects and unpacks protected files against the public keys that\n"
+         "libqiv_ejs.so trusts. The JSON must be an object or an array.\n");
+  printf(".SH SUBCOMMANDS\n");
+  for (const Command &command : commands()) {
+    printf(".TP\n.B %s %s\n%s.\n", command.name, tarn_manual::roff(command.arguments).c_str(),
+           tarn_manual::roff(command.summary).c_str());
+  }
+  printf(".SH EXIT STATUS\n");
+  tarn_manual::print_block(
+      "0  success\n"
+      "1  a failure, with one line on standard error naming the file and the reason\n"
+      "2  wrong usage, with the usage text\n");
+  printf(".SH SEE ALSO\n.BR tarnctl (1)\n");
+  return 0;
+}
+
+// The bash completion, from the same table as the usage text.
+int print_completion() {
+  std::vector<tarn_manual::CompletionEntry> entries;
+  for (const Command &command : commands()) entries.push_back({command.name, command.options});
+  fputs(tarn_manual::bash_completion("tarn-ejs", "--help", "", {"--key", "--keys"}, entries).c_str(), stdout);
+  return 0;
 }
 
 int failure(const std::string &file, const std::string &reason) {
@@ -188,9 +247,11 @@ int main(int argc, char **argv) {
   if (argc < 2) return usage();
   const std::string command = argv[1];
   if (command == "-h" || command == "--help") {
-    fputs(kUsage, stdout);
+    fputs(usage_text().c_str(), stdout);
     return 0;
   }
+  if (command == "--print-man") return print_man();
+  if (command == "--print-completion") return print_completion();
   const bool keyed = argc == 6 && strcmp(argv[2], "--key") == 0;
   if (command == "keygen" && argc == 4) return keygen(argv[2], argv[3]);
   if (command == "sign" && keyed) return sign(argv[3], argv[4], argv[5]);

@@ -61,6 +61,12 @@ std::string names_text(const Names &names) {
   return text;
 }
 
+// The names as members of the --json answer.
+void answer_names(const Invocation &inv, const Names &names) {
+  answer(inv, "app_home", json_string(names.apphome.c_str()));
+  if (tarn_apphome_com_arch_str() != nullptr) answer(inv, kCompanionKey, json_string(names.companion.c_str()));
+}
+
 // Why tarn_apphome_check_validity(path) gave result, in words.
 std::string validity_text(int32_t result, const std::string &path) {
   Names names;
@@ -103,32 +109,51 @@ struct IniFree {
   void operator()(tarn_ini_t *ini) const { tarn_ini_file_free(ini); }
 };
 
-// Prints one record file for "apphome show". Returns 0 or the exit code of
-// its failure, after the error line.
+// Prints one record file for "apphome show" and sets it as member label of
+// the --json answer. Returns 0 or the exit code of its failure, after the
+// error line.
 int show_file(const Invocation &inv, const char *label, const std::string &path) {
-  printf("%s: %s\n", label, path.c_str());
+  say(inv, "%s: %s\n", label, path.c_str());
+  json_t *file = json_pack("{s:s}", "path", path.c_str());
+  answer(inv, label, file);
   std::unique_ptr<tarn_ini_t, IniFree> ini(tarn_ini_file_load(path.c_str()));
   if (!ini) {
     const int error = errno;
-    if (error == EINVAL) return fail(inv, kExitBadData, std::string(label) + " " + path + ": not a valid ini file");
-    return fail(inv, kExitMissing, std::string(label) + " " + path + ": " + error_text(error));
+    const std::string why = error == EINVAL ? "not a valid ini file" : error_text(error);
+    json_object_set_new(file, "problem", json_string(why.c_str()));
+    return fail(inv, error == EINVAL ? kExitBadData : kExitMissing, std::string(label) + " " + path + ": " + why);
   }
   struct Walk {
+    const Invocation &inv;
+    json_t *sections;
     std::string section;
     bool first = true;
-  } walk;
+  } walk{inv, json_object(), "", true};
+  json_object_set_new(file, "sections", walk.sections);
   tarn_ini_file_foreach(ini.get(), &walk, [](void *user, const char *section, const char *key, const char *value) {
     auto *state = static_cast<Walk *>(user);
-    if (state->first || state->section != section) printf("  [%s]\n", section);
+    if (state->first || state->section != section) say(state->inv, "  [%s]\n", section);
     state->first = false;
     state->section = section;
-    printf("  %s=%s\n", key, value);
+    say(state->inv, "  %s=%s\n", key, value);
+    json_t *keys = json_object_get(state->sections, section);
+    if (keys == nullptr) {
+      keys = json_object();
+      json_object_set_new(state->sections, section, keys);
+    }
+    json_object_set_new(keys, key, json_string(value));
     return 0;
   });
   const char *apphome = tarn_ini_file_get(ini.get(), "apphome", "app_home");
-  if (apphome != nullptr) printf("  app home: %s\n", under_root(apphome).c_str());
+  if (apphome != nullptr) {
+    say(inv, "  app home: %s\n", under_root(apphome).c_str());
+    json_object_set_new(file, "app_home", json_string(under_root(apphome).c_str()));
+  }
   const char *companion = tarn_ini_file_get(ini.get(), "apphome", kCompanionKey);
-  if (companion != nullptr) printf("  companion app home: %s\n", under_root(companion).c_str());
+  if (companion != nullptr) {
+    say(inv, "  companion app home: %s\n", under_root(companion).c_str());
+    json_object_set_new(file, "companion_app_home", json_string(under_root(companion).c_str()));
+  }
   return kExitOk;
 }
 
@@ -139,7 +164,7 @@ int record_names(const Invocation &inv, const Names &names) {
   clear_log_problems();
   const int32_t result = tarn_apphome_update(names.apphome.c_str(), companion);
   if (result == 0) return kExitOk;
-  const std::string why = last_log_problem("error " + std::to_string(result));
+  const std::string why = step_reason("error " + std::to_string(result));
   if (result == 1) return fail(inv, kExitLocked, "the record or its lock cannot be had: " + why);
   if (result == EINVAL) return fail(inv, kExitBadData, "the backup's names cannot be written to a record: " + why);
   return fail(inv, kExitMissing, "the record cannot be written: " + error_text(result));
@@ -156,8 +181,13 @@ int run_apphome_show(const Invocation &inv) {
 int run_apphome_check(const Invocation &inv) {
   const std::string path = inv.option("--backup") ? backup_path() : record_path();
   const int32_t result = tarn_apphome_check_validity(path.c_str());
+  answer(inv, "file", json_string(path.c_str()));
+  answer(inv, "valid", json_boolean(result == TARN_APPHOME_VALID));
   if (result != TARN_APPHOME_VALID) return fail(inv, validity_exit(result), "invalid: " + validity_text(result, path));
-  printf("%s\n", validity_text(result, path).c_str());
+  Names names;
+  read_names(path, &names);
+  answer(inv, "app_home", json_string(under_root(names.apphome).c_str()));
+  say(inv, "%s\n", validity_text(result, path).c_str());
   return kExitOk;
 }
 
@@ -172,7 +202,8 @@ int run_apphome_restore(const Invocation &inv) {
   if (!read_names(backup, &names)) return fail(inv, kExitMissing, "the backup " + backup + " cannot be read");
   const int code = record_names(inv, names);
   if (code != kExitOk) return code;
-  printf("restored: %s\n", names_text(names).c_str());
+  answer_names(inv, names);
+  say(inv, "restored: %s\n", names_text(names).c_str());
   return kExitOk;
 }
 
@@ -181,22 +212,28 @@ int run_apphome_reduce(const Invocation &inv) {
   const std::string backup = backup_path();
   // Which of the three sources the library will trust, as far as can be
   // told beforehand.
+  clear_log_problems();
   const bool record_valid = tarn_apphome_check_validity(record.c_str()) == TARN_APPHOME_VALID;
+  const bool backup_checked_valid = !record_valid && tarn_apphome_check_validity(backup.c_str()) == TARN_APPHOME_VALID;
+  // The reduction begins with the same checks, which log the same lines
+  // again; they say why the record and the backup were not used, not why
+  // the rebuild after them failed.
+  const size_t checks_logged = step_line_count();
   Names backup_names;
-  const bool backup_valid = !record_valid &&
-                            tarn_apphome_check_validity(backup.c_str()) == TARN_APPHOME_VALID &&
-                            read_names(backup, &backup_names);
+  const bool backup_valid = backup_checked_valid && read_names(backup, &backup_names);
 
   clear_log_problems();
   if (tarn_apphome_reduction_file() != 0) {
-    return fail(inv, kExitNo, "no usable record could be had: " + last_log_problem("reduction failed"));
+    return fail(inv, kExitNo, "no usable record could be had: " + step_reason("reduction failed", checks_logged));
   }
   Names names;
   if (!read_names(record, &names)) return fail(inv, kExitMissing, "the record " + record + " cannot be read");
   const char *how = record_valid ? "valid"
                     : backup_valid && names.apphome == backup_names.apphome ? "restored from the backup"
                                                                             : "rebuilt from the directories";
-  printf("%s: %s\n", how, names_text(names).c_str());
+  answer(inv, "how", json_string(how));
+  answer_names(inv, names);
+  say(inv, "%s: %s\n", how, names_text(names).c_str());
   return kExitOk;
 }
 

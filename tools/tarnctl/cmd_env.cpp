@@ -15,8 +15,9 @@
 namespace tarnctl {
 namespace {
 
-int answer(bool yes, const std::string &detail = "") {
-  printf("%s%s\n", yes ? "yes" : "no", detail.c_str());
+int reply(const Invocation &inv, bool yes, const std::string &detail = "") {
+  say(inv, "%s%s\n", yes ? "yes" : "no", detail.c_str());
+  answer(inv, "answer", json_boolean(yes));
   return yes ? kExitOk : kExitNo;
 }
 
@@ -38,7 +39,7 @@ bool parse_bytes(std::string text, uint64_t *bytes) {
 
 }  // namespace
 
-int run_env_admin(const Invocation &) { return answer(tarn_envc_is_admin() == 1); }
+int run_env_admin(const Invocation &inv) { return reply(inv, tarn_envc_is_admin() == 1); }
 
 int run_env_space(const Invocation &inv) {
   const std::string &path = inv.args[0];
@@ -53,7 +54,9 @@ int run_env_space(const Invocation &inv) {
     return fail(inv, kExitMissing, "the free space of " + path + " cannot be read: " + error_text(errno));
   }
   const bool room = tarn_envc_path_free_space(path.c_str(), needed) == 1;
-  return answer(room, ": " + std::to_string(available) + " bytes available, " + std::to_string(needed) + " needed");
+  answer(inv, "available", json_integer((json_int_t)available));
+  answer(inv, "needed", json_integer((json_int_t)needed));
+  return reply(inv, room, ": " + std::to_string(available) + " bytes available, " + std::to_string(needed) + " needed");
 }
 
 int run_env_uos(const Invocation &inv) {
@@ -61,7 +64,8 @@ int run_env_uos(const Invocation &inv) {
   if (!parse_unsigned(inv.args[0], INT32_MAX, &minor)) {
     return fail(inv, kExitUsage, "MINOR must be a decimal number from 0 to 2147483647, not \"" + inv.args[0] + "\"");
   }
-  return answer(is_uos_and_lower_version((int32_t)minor) == 1);
+  answer(inv, "minor", json_integer((json_int_t)minor));
+  return reply(inv, is_uos_and_lower_version((int32_t)minor) == 1);
 }
 
 }  // namespace tarnctl

@@ -5,7 +5,9 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include <com_info.h>
 #include <qiv_ejs/qiv_ejs.h>
@@ -13,6 +15,7 @@
 #include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_path.h>
 #include <untgz.h>
+#include <version_mgr.h>
 
 #include "tarnctl.h"
 
@@ -22,6 +25,7 @@ namespace {
 constexpr char kManifestDir[] = "/config/component_info";
 constexpr char kManifestExt[] = ".ejs";
 constexpr size_t kVerifyReportSize = 1 << 20;
+constexpr size_t kPathSize = 1024;
 // Characters that the shell still interprets inside double quotes.
 constexpr char kShellActive[] = "\"$`\\";
 
@@ -54,7 +58,7 @@ int manifest_load_failure(const Invocation &inv, const std::string &path) {
     qiv_json_decref_ejs(tree);
     return fail(inv, kExitBadData,
                 path + ": not a component manifest (it needs the strings \"package\" and \"version\", a valid version and a non-empty \"files\" list): " +
-                    last_log_problem("load failed"));
+                    step_reason("the library gave no reason"));
   }
   if (cause == EBADMSG) {
     return fail(inv, kExitBadData, path + ": not a protected file, or changed, cut or sealed with another key");
@@ -98,33 +102,58 @@ bool file_is_set(const com_file &file) { return file.name != nullptr && file.sha
 
 const char *yes_no(uint32_t flag) { return flag != 0 ? "yes" : "no"; }
 
-// The number of files in the manifest directory that load_local_pack
-// takes for manifests: entries that are not directories and whose names end
-// in ".ejs", at most COM_INFO_MAX_LOCAL_MANIFESTS.
-uint32_t count_manifests(const std::string &dir) {
-  uint32_t count = 0;
-  tarn_dirutils_listdir((dir + kManifestDir).c_str(), &count, [](int type, const char *path, void *user) {
-    auto *found = static_cast<uint32_t *>(user);
+// The files in the manifest directory that load_local_pack takes for
+// manifests: entries that are not directories and whose names end in
+// ".ejs", at most COM_INFO_MAX_LOCAL_MANIFESTS, sorted by name. dir may
+// begin with "@".
+std::vector<std::string> manifest_paths(const std::string &dir) {
+  char expanded[kPathSize] = {0};
+  if (tarn_dirutils_path_transform(dir.c_str(), expanded, sizeof(expanded)) != 0) return {};
+  std::vector<std::string> paths;
+  tarn_dirutils_listdir((expanded + std::string(kManifestDir)).c_str(), &paths, [](int type, const char *path, void *user) {
+    auto *found = static_cast<std::vector<std::string> *>(user);
     if (type != TARN_DIRUTILS_DIR && strcmp(tarn_path_get_ext_u(path), kManifestExt) == 0 &&
-        *found < COM_INFO_MAX_LOCAL_MANIFESTS) {
-      ++*found;
+        found->size() < COM_INFO_MAX_LOCAL_MANIFESTS) {
+      found->push_back(path);
     }
     return 0;
   });
-  return count;
+  std::sort(paths.begin(), paths.end());
+  return paths;
 }
 
-// The error line of a failed extraction, from what the library logged and
-// what the programs it ran wrote to standard error.
+// Why load_local_pack leaves the manifest at path out, "" when it does
+// not: the library's reason from reading the manifest's version on its own,
+// or the missing package name.
+std::string list_problem(const std::string &path) {
+  clear_log_problems();
+  version_mgr_version version = {0, 0, 0};
+  if (version_mgr_get_packman_version_by_file(path.c_str(), &version) != 0) {
+    return step_reason("the manifest's version cannot be read");
+  }
+  json_t *tree = qiv_json_load_file_ejs(path.c_str());
+  const bool named = qiv_json_string_value_ejs(qiv_json_object_get_ejs(tree, "package")) != nullptr;
+  qiv_json_decref_ejs(tree);
+  return named ? "" : "no \"package\" string";
+}
+
+// The reason of a failed extraction: the first line that the library
+// logged for it, and the first line that the programs it ran (tar) wrote to
+// standard error.
 std::string unpack_reason(const std::string &archive, const std::string &program_errors) {
   std::string first_line;
   const size_t start = program_errors.find_first_not_of(" \t\n");
   if (start != std::string::npos) first_line = program_errors.substr(start, program_errors.find('\n', start) - start);
-  std::string reason = "cannot unpack " + archive;
-  if (!log_problems().empty()) reason += ": " + log_problems().back();
+  std::string reason = "cannot unpack " + archive + ": " + step_reason("not a complete tar-gzip archive");
   if (!first_line.empty()) reason += ": " + first_line;
-  if (log_problems().empty() && first_line.empty()) reason += ": not a complete tar-gzip archive";
   return reason;
+}
+
+json_t *json_list(char *const *items, uint32_t count) {
+  json_t *list = json_array();
+  for_each_stored(items, count, [](const char *item) { return item != nullptr; },
+                  [&](const char *item) { json_array_append_new(list, json_string(item)); });
+  return list;
 }
 
 bool ends_with(const std::string &text, const std::string &end) {
@@ -141,20 +170,34 @@ int run_pkg_list(const Invocation &inv) {
   }
   com_list_var list;
   memset(&list, 0, sizeof(list));
-  clear_log_problems();
   if (load_local_pack(dir.c_str(), &list) != 0) {
     return fail(inv, kExitMissing, "no package manifest in " + dir + kManifestDir);
   }
   const auto *items = static_cast<const com_depend *>(list.items);
-  for (uint32_t i = 0; i < list.count; ++i) printf("%s %s\n", items[i].name, version_text(items[i].version).c_str());
+  json_t *packages = json_array();
+  for (uint32_t i = 0; i < list.count; ++i) {
+    const std::string version = version_text(items[i].version);
+    say(inv, "%s %s\n", items[i].name, version.c_str());
+    json_array_append_new(packages, json_pack("{s:s, s:s}", "name", items[i].name, "version", version.c_str()));
+  }
+  answer(inv, "packages", packages);
   const uint32_t listed = list.count;
   free_com_list_var(&list);
 
-  const uint32_t found = dir[0] == '@' ? listed : count_manifests(dir);
-  if (listed >= found && log_problems().empty()) return kExitOk;
-  for (const std::string &problem : log_problems()) complain(inv, "skipped: " + problem);
-  if (listed < found) complain(inv, std::to_string(found - listed) + " of " + std::to_string(found) + " manifests could not be loaded");
-  return kExitBadData;
+  const std::vector<std::string> manifests = manifest_paths(dir);
+  const uint32_t found = std::max<uint32_t>(listed, (uint32_t)manifests.size());
+  answer(inv, "manifests", json_integer(found));
+  json_t *skipped = json_array();
+  answer(inv, "skipped", skipped);
+  if (listed >= found) return kExitOk;
+  for (const std::string &path : manifests) {
+    const std::string problem = list_problem(path);
+    if (problem.empty()) continue;
+    complain(inv, "skipped " + path + ": " + problem);
+    json_array_append_new(skipped, json_pack("{s:s, s:s}", "manifest", path.c_str(), "reason", problem.c_str()));
+  }
+  return fail(inv, kExitBadData,
+              std::to_string(found - listed) + " of " + std::to_string(found) + " manifests could not be loaded");
 }
 
 int run_pkg_unpack(const Invocation &inv) {
@@ -178,8 +221,10 @@ int run_pkg_unpack(const Invocation &inv) {
   const std::string program_errors = capture_stderr(inv.verbose, [&]() {
     result = system_tar ? unpack_tgz(archive.c_str(), dest.c_str()) : untgz_file(archive.c_str(), dest.c_str());
   });
+  answer(inv, "archive", json_string(archive.c_str()));
+  answer(inv, "destination", json_string(dest.c_str()));
   if (result != 0) return fail(inv, kExitBadData, unpack_reason(archive, program_errors));
-  printf("unpacked %s into %s\n", archive.c_str(), dest.c_str());
+  say(inv, "unpacked %s into %s\n", archive.c_str(), dest.c_str());
   return kExitOk;
 }
 
@@ -188,21 +233,39 @@ int run_pkg_show(const Invocation &inv) {
   const int code = load_manifest(inv, inv.args[0], &manifest);
   if (code != kExitOk) return code;
   const com_info_var &info = *manifest;
-  printf("package: %s\n", info.package);
-  printf("version: %s\n", version_text(info.version).c_str());
-  printf("requirement: %s\n", yes_no(info.requirement));
-  printf("scripts_skippable: %s\n", yes_no(info.scripts_skippable));
-  printf("retry: %s\n", yes_no(info.retry));
-  printf("arch_bind: %d\n", (int)info.arch_bind);
-  printf("arch: %s\n", joined(info.archs, info.arch_count).c_str());
-  printf("platform: %s\n", joined(info.platforms, info.platform_count).c_str());
+  const std::string version = version_text(info.version);
+  say(inv, "package: %s\n", info.package);
+  say(inv, "version: %s\n", version.c_str());
+  say(inv, "requirement: %s\n", yes_no(info.requirement));
+  say(inv, "scripts_skippable: %s\n", yes_no(info.scripts_skippable));
+  say(inv, "retry: %s\n", yes_no(info.retry));
+  say(inv, "arch_bind: %d\n", (int)info.arch_bind);
+  say(inv, "arch: %s\n", joined(info.archs, info.arch_count).c_str());
+  say(inv, "platform: %s\n", joined(info.platforms, info.platform_count).c_str());
   std::string depends;
+  json_t *depend_list = json_array();
   for_each_stored(info.depends, info.depend_count, [](const com_depend &d) { return d.name != nullptr; },
-                  [&](const com_depend &d) { depends += (depends.empty() ? "" : " ") + std::string(d.name); });
-  printf("depends: %s\n", depends.empty() ? "-" : depends.c_str());
-  printf("files: %u\n", (unsigned)info.file_count);
-  for_each_stored(info.files, info.file_count, file_is_set,
-                  [](const com_file &file) { printf("file: %s %s\n", file.sha256, file.name); });
+                  [&](const com_depend &d) {
+                    depends += (depends.empty() ? "" : " ") + std::string(d.name);
+                    json_array_append_new(depend_list, json_string(d.name));
+                  });
+  say(inv, "depends: %s\n", depends.empty() ? "-" : depends.c_str());
+  say(inv, "files: %u\n", (unsigned)info.file_count);
+  json_t *files = json_array();
+  for_each_stored(info.files, info.file_count, file_is_set, [&](const com_file &file) {
+    say(inv, "file: %s %s\n", file.sha256, file.name);
+    json_array_append_new(files, json_pack("{s:s, s:s}", "name", file.name, "sha256", file.sha256));
+  });
+  answer(inv, "package", json_string(info.package));
+  answer(inv, "version", json_string(version.c_str()));
+  answer(inv, "requirement", json_boolean(info.requirement != 0));
+  answer(inv, "scripts_skippable", json_boolean(info.scripts_skippable != 0));
+  answer(inv, "retry", json_boolean(info.retry != 0));
+  answer(inv, "arch_bind", json_integer(info.arch_bind));
+  answer(inv, "arch", json_list(info.archs, info.arch_count));
+  answer(inv, "platform", json_list(info.platforms, info.platform_count));
+  answer(inv, "depends", depend_list);
+  answer(inv, "files", files);
   return kExitOk;
 }
 
@@ -218,21 +281,26 @@ int run_pkg_verify(const Invocation &inv) {
   clear_log_problems();
   const int result = tarn_package_verify(dir.c_str(), &report[0], report.size());
   if (result == TARN_PACKAGE_VERIFY_BAD_MANIFEST) {
-    return fail(inv, kExitBadData, last_log_problem("a manifest does not load, package not verified"));
+    return fail(inv, kExitBadData, step_reason("a manifest does not load, package not verified"));
   }
   if (result < 0) return fail(inv, kExitMissing, "no package manifest in " + dir + kManifestDir);
   report.resize(strlen(report.c_str()));
   int shown = 0;
+  json_t *problems = json_array();
   for (size_t start = 0, end = 0; (end = report.find('\n', start)) != std::string::npos; start = end + 1) {
-    complain(inv, report.substr(start, end - start));
+    const std::string problem = report.substr(start, end - start);
+    complain(inv, problem);
+    json_array_append_new(problems, json_string(problem.c_str()));
     ++shown;
   }
   if (shown < result) complain(inv, "report cut after " + std::to_string(shown) + " lines");
+  answer(inv, "problems", json_integer(result));
+  answer(inv, "reported", problems);
   if (result == 0) {
-    printf("verified: every file that the manifests list matches its digest\n");
+    say(inv, "verified: every file that the manifests list matches its digest\n");
     return kExitOk;
   }
-  printf("verified: %d problems\n", result);
+  say(inv, "verified: %d problems\n", result);
   return kExitNo;
 }
 

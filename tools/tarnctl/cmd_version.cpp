@@ -18,29 +18,78 @@ int parse(const Invocation &inv, const std::string &text, version_mgr_version *v
   return fail(inv, kExitBadData, "bad version string \"" + text + "\" (expected MAJOR.MINOR.PATCH, each beginning with a digit)");
 }
 
-void print(const version_mgr_version &version) {
+std::string text_of(const version_mgr_version &version) {
   char text[64] = {0};
   version_mgr_version_tostring(&version, text, sizeof(text));
-  printf("%s\n", text);
+  return text;
 }
+
+void answer_fields(const Invocation &inv, const version_mgr_version &version) {
+  answer(inv, "major", json_integer(version.major));
+  answer(inv, "minor", json_integer(version.minor));
+  answer(inv, "patch", json_integer(version.patch));
+}
+
+// A against B field by field, each as the unsigned number it is: the
+// difference of the first field that differs, 0 when none does. The
+// library's own comparison subtracts in 32 bits and gets the sign wrong for
+// fields 2^31 or more apart (4294967295.0.0 against 0.0.0).
+int64_t compare(const version_mgr_version &first, const version_mgr_version &second) {
+  if (first.major != second.major) return (int64_t)first.major - (int64_t)second.major;
+  if (first.minor != second.minor) return (int64_t)first.minor - (int64_t)second.minor;
+  return (int64_t)first.patch - (int64_t)second.patch;
+}
+
+// A RELATION of "version compare A RELATION B" and when it holds, by the
+// difference of A and B.
+struct Relation {
+  const char *name;
+  bool (*holds)(int64_t difference);
+};
+const Relation kRelations[] = {
+    {"lt", [](int64_t d) { return d < 0; }}, {"le", [](int64_t d) { return d <= 0; }},
+    {"eq", [](int64_t d) { return d == 0; }}, {"ne", [](int64_t d) { return d != 0; }},
+    {"ge", [](int64_t d) { return d >= 0; }}, {"gt", [](int64_t d) { return d > 0; }},
+};
 
 }  // namespace
 
 int run_version_parse(const Invocation &inv) {
   version_mgr_version version = {0, 0, 0};
   const int code = parse(inv, inv.args[0], &version);
-  if (code == kExitOk) print(version);
-  return code;
+  if (code != kExitOk) return code;
+  say(inv, "%s\n", text_of(version).c_str());
+  answer(inv, "version", json_string(text_of(version).c_str()));
+  answer_fields(inv, version);
+  return kExitOk;
 }
 
 int run_version_compare(const Invocation &inv) {
+  const bool relation_given = inv.args.size() == 3;
+  const std::string &relation = relation_given ? inv.args[1] : "";
+  const Relation *tested = nullptr;
+  for (const Relation &known : kRelations) {
+    if (relation == known.name) tested = &known;
+  }
+  if (relation_given && tested == nullptr) {
+    return fail(inv, kExitUsage, "RELATION must be lt, le, eq, ne, ge or gt, not \"" + relation + "\"");
+  }
   version_mgr_version first = {0, 0, 0};
   version_mgr_version second = {0, 0, 0};
   int code = parse(inv, inv.args[0], &first);
-  if (code == kExitOk) code = parse(inv, inv.args[1], &second);
+  if (code == kExitOk) code = parse(inv, inv.args.back(), &second);
   if (code != kExitOk) return code;
-  const int32_t value = version_mgr_compare_version(first, second);
-  printf("%s %d\n", value < 0 ? "<" : value > 0 ? ">" : "=", (int)value);
+  const int64_t difference = compare(first, second);
+  const char *order = difference < 0 ? "<" : difference > 0 ? ">" : "=";
+  answer(inv, "order", json_string(order));
+  answer(inv, "difference", json_integer(difference));
+  if (tested != nullptr) {
+    const bool holds = tested->holds(difference);
+    answer(inv, "relation", json_string(tested->name));
+    answer(inv, "holds", json_boolean(holds));
+    return holds ? kExitOk : kExitNo;
+  }
+  say(inv, "%s %lld\n", order, (long long)difference);
   return kExitOk;
 }
 
@@ -51,7 +100,9 @@ int run_version_print(const Invocation &inv) {
       return fail(inv, kExitUsage, "each number must be decimal, from 0 to 4294967295, not \"" + inv.args[i] + "\"");
     }
   }
-  print(version_mgr_version{(uint32_t)numbers[0], (uint32_t)numbers[1], (uint32_t)numbers[2]});
+  const version_mgr_version version = {(uint32_t)numbers[0], (uint32_t)numbers[1], (uint32_t)numbers[2]};
+  say(inv, "%s\n", text_of(version).c_str());
+  answer(inv, "version", json_string(text_of(version).c_str()));
   return kExitOk;
 }
 

@@ -1,10 +1,18 @@
-// common.cpp -- error lines, the library's log lines, standard error
-// capture, and argument and path checks shared by the subcommands.
+// common.cpp -- error lines, the --json answer, the library's log lines,
+// standard error capture, the time-out of library calls that wait, and
+// argument and path checks shared by the subcommands.
 
 #include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <memory>
@@ -18,7 +26,19 @@ namespace tarnctl {
 namespace {
 
 bool g_verbose = false;
-std::vector<std::string> g_problems;
+// The standard error that the program started with: verbose lines go there
+// also while capture_stderr() has standard error elsewhere.
+FILE *g_verbose_stream = stderr;
+
+// A library line kept for the reason of the current step.
+struct StepLine {
+  uint32_t level;
+  std::string text;
+};
+std::vector<StepLine> g_step;
+std::string g_complaint;
+json_t *g_answer = nullptr;  // the --json answer's own members
+bool g_json_printed = false;  // whether the subcommand printed its answer itself
 
 // text with every line end and tab turned into a blank and trailing blanks
 // dropped, so that it fits on one line.
@@ -45,8 +65,19 @@ std::string message_of(const char *line, size_t length) {
 }
 
 void log_sink(void *, uint32_t level, const char *line, size_t length) {
-  if (g_verbose) fwrite(line, 1, length, stderr);
-  if (level <= TARN_LOG_LEVEL_WARN) g_problems.push_back(message_of(line, length));
+  if (g_verbose) {
+    fflush(stdout);
+    fflush(stderr);
+    fwrite(line, 1, length, g_verbose_stream);
+    fflush(g_verbose_stream);
+  }
+  if (level <= TARN_LOG_LEVEL_INFO) g_step.push_back(StepLine{level, message_of(line, length)});
+}
+
+uint64_t monotonic_ms() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (uint64_t)now.tv_sec * 1000u + (uint64_t)now.tv_nsec / 1000000u;
 }
 
 // A descriptor closed at the end of its scope.
@@ -77,7 +108,51 @@ std::string read_all(int fd) {
 }  // namespace
 
 void complain(const Invocation &inv, const std::string &reason) {
-  fprintf(stderr, "tarnctl: %s: %s\n", inv.command.c_str(), one_line(reason).c_str());
+  g_complaint = one_line(reason);
+  fflush(stdout);
+  fprintf(stderr, "tarnctl: %s: %s\n", inv.command.c_str(), g_complaint.c_str());
+  fflush(stderr);
+}
+
+const std::string &last_complaint() { return g_complaint; }
+
+double lock_timeout_seconds(const Invocation &inv) {
+  return inv.timeout_seconds > 0 ? inv.timeout_seconds : kDefaultTimeoutSeconds;
+}
+
+std::string seconds_text(double seconds) {
+  char text[32];
+  snprintf(text, sizeof(text), "%g", seconds);
+  return text;
+}
+
+void answer(const Invocation &inv, const char *key, json_t *value) {
+  if (!inv.json()) {
+    json_decref(value);
+    return;
+  }
+  if (g_answer == nullptr) g_answer = json_object();
+  json_object_set_new(g_answer, key, value);
+}
+
+int finish_json(const Invocation &inv, int code) {
+  if (g_json_printed) return code;
+  json_t *object = json_object();
+  json_object_set_new(object, "ok", json_boolean(g_complaint.empty()));
+  if (!g_complaint.empty()) json_object_set_new(object, "error", json_string(g_complaint.c_str()));
+  if (g_answer != nullptr) json_object_update(object, g_answer);
+  json_decref(g_answer);
+  g_answer = nullptr;
+  const int printed = print_json(inv, object);
+  return printed != kExitOk ? printed : code;
+}
+
+void say(const Invocation &inv, const char *format, ...) {
+  if (inv.json()) return;
+  va_list args;
+  va_start(args, format);
+  vprintf(format, args);
+  va_end(args);
 }
 
 int fail(const Invocation &inv, int code, const std::string &reason) {
@@ -85,16 +160,86 @@ int fail(const Invocation &inv, int code, const std::string &reason) {
   return code;
 }
 
-void install_log_sink() { tarn_log_register(log_sink, nullptr); }
+void install_log_sink() {
+  const int saved = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+  FILE *stream = saved >= 0 ? fdopen(saved, "w") : nullptr;
+  if (stream != nullptr) g_verbose_stream = stream;
+  tarn_log_register(log_sink, nullptr);
+}
 
 void set_log_verbose(bool verbose) { g_verbose = verbose; }
 
-void clear_log_problems() { g_problems.clear(); }
+void clear_log_problems() { g_step.clear(); }
 
-const std::vector<std::string> &log_problems() { return g_problems; }
+std::string step_reason(const std::string &fallback, size_t skip) {
+  for (uint32_t most = TARN_LOG_LEVEL_WARN; most <= TARN_LOG_LEVEL_INFO; ++most) {
+    for (size_t i = skip; i < g_step.size(); ++i) {
+      if (g_step[i].level <= most) return g_step[i].text;
+    }
+  }
+  return fallback;
+}
 
-std::string last_log_problem(const std::string &fallback) {
-  return g_problems.empty() ? fallback : g_problems.back();
+size_t step_line_count() { return g_step.size(); }
+
+bool run_bounded(double seconds, const std::function<int()> &fn, int *result) {
+  int report[2];
+  if (pipe2(report, O_CLOEXEC) != 0) {
+    // Without a pipe no child can report back: run it here, unbounded.
+    *result = fn();
+    return true;
+  }
+  fflush(stdout);
+  fflush(stderr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setpgid(0, 0);
+    close(report[0]);
+    const int result = fn();
+    fflush(stdout);
+    fflush(stderr);
+    FILE *out = fdopen(report[1], "w");
+    if (out != nullptr) {
+      fprintf(out, "%d", result);
+      fclose(out);
+    }
+    _exit(0);
+  }
+  close(report[1]);
+  if (pid < 0) {
+    close(report[0]);
+    *result = fn();
+    return true;
+  }
+  // Set here as well: whichever of the two runs first, the group exists
+  // before the deadline can kill it.
+  setpgid(pid, pid);
+  const uint64_t deadline = monotonic_ms() + (uint64_t)(seconds * 1000);
+  std::string text;
+  bool ended = false;
+  for (;;) {
+    const uint64_t now = monotonic_ms();
+    if (now >= deadline) break;
+    struct pollfd ready = {report[0], POLLIN, 0};
+    const int polled = poll(&ready, 1, (int)(deadline - now));
+    if (polled < 0 && errno != EINTR) break;
+    if (polled <= 0) continue;
+    char buffer[4096];
+    const ssize_t got = read(report[0], buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      ended = true;
+      break;
+    }
+    text.append(buffer, (size_t)got);
+  }
+  close(report[0]);
+  if (!ended) kill(-pid, SIGKILL);
+  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  // A child that died before it reported counts as a failure.
+  if (ended) *result = text.empty() ? kExitMissing : atoi(text.c_str());
+  return ended;
 }
 
 std::string capture_stderr(bool verbose, const std::function<void()> &fn) {
@@ -115,6 +260,7 @@ std::string capture_stderr(bool verbose, const std::function<void()> &fn) {
 }
 
 int print_json(const Invocation &inv, json_t *object) {
+  g_json_printed = true;
   std::unique_ptr<json_t, void (*)(json_t *)> members(object, json_decref);
   std::unique_ptr<json_t, void (*)(json_t *)> answer(json_object(), json_decref);
   bool built = answer && json_object_set_new(answer.get(), "schema", json_integer(kJsonSchema)) == 0 &&

@@ -3,17 +3,24 @@
 // and version strings, through libtarnaux's public interface
 // (docs/tarnctl.md).
 //
-// The command line is "tarnctl [--verbose] SUBCOMMAND [OPTION...] ARG...";
-// every subcommand takes --help and --verbose. Errors are one line each on
+// The command line is "tarnctl [OPTION...] SUBCOMMAND [OPTION...] ARG...";
+// every subcommand takes --help, --verbose, --json and --timeout, before its
+// name or among its words. Errors are one line each on
 // standard error, "tarnctl: <subcommand>: <reason>", and the exit code says
 // what kind of failure it was (kExitUsage ... in tarnctl.h).
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
+
+#include <version_mgr.h>
+
+#include "manual_text.h"
 
 #include "tarnctl.h"
 
@@ -39,9 +46,22 @@ constexpr char kExitTable[] =
     "  2  usage error: unknown subcommand or option, missing, extra or\n"
     "     malformed argument\n"
     "  3  a file, directory or record is missing, unreadable or unwritable\n"
-    "  4  a lock could not be taken, or the heartbeat table is unavailable\n"
+    "  4  a lock could not be taken, or the heartbeat table is unavailable,\n"
+    "     or the time-out passed\n"
     "  5  bad data: corrupt archive, bad or tampered manifest, bad version\n"
     "     string, malformed record\n";
+
+// The options that every subcommand takes, before its name or among its
+// words; --help is handled where it stands.
+constexpr char kCommonOptions[] =
+    "  --help               print the help and exit 0\n"
+    "  --verbose            copy the library's log lines to standard error\n"
+    "  --json               print the answer as one JSON object\n"
+    "  --timeout SECONDS    wait at most SECONDS (above 0, fractions allowed;\n"
+    "                       30 by default) for a lock or for a program that\n"
+    "                       the library runs; exit 4 after it\n";
+constexpr char kTimeoutOption[] = "--timeout";
+constexpr double kMaxTimeoutSeconds = 86400;
 
 const std::vector<Command> &commands() {
   static const std::vector<Command> table = {
@@ -86,7 +106,8 @@ const std::vector<Command> &commands() {
        "written under its lock and the backup rewritten to match it. Prints\n"
        "\"restored: app_home=NAME\" (\", app_home_x86=NAME\" where needed).\n"
        "Exit 3 when the backup is missing, 1 when it is not valid (nothing is\n"
-       "written then), 4 when the record's lock cannot be had.\n",
+       "written then), 4 when the record's lock cannot be had (within the\n"
+       "time-out).\n",
        run_apphome_restore},
       {"apphome reduce", "", {}, 0, 0, "bring back a usable record (record, backup, or a scan)",
        "Keeps the record when it is valid, else copies a valid backup over it,\n"
@@ -96,7 +117,8 @@ const std::vector<Command> &commands() {
        "  restored from the backup: app_home=NAME\n"
        "  rebuilt from the directories: app_home=NAME\n"
        "Exit 1, with the library's reason, when no usable record could be had;\n"
-       "the files are then left as they were.\n",
+       "the files are then left as they were. Exit 4 when the record's lock\n"
+       "stays held or tarn_service -v does not answer within the time-out.\n",
        run_apphome_reduce},
       {"pkg list", "DIR", {}, 1, 1, "the packages whose manifests lie in DIR/config/component_info",
        "Prints \"NAME VERSION\" for each manifest (.ejs file) in\n"
@@ -157,15 +179,30 @@ const std::vector<Command> &commands() {
        "each piece is read up to its first non-digit). Exit 5 when V is not a\n"
        "version string.\n",
        run_version_parse},
-      {"version compare", "A B", {}, 2, 2, "compare two version strings",
-       "Prints \"<\", \"=\" or \">\" (A against B) and the comparison value, the\n"
-       "signed difference of the first field that differs: \"< -2\" for 1.2.3\n"
-       "against 1.2.5. Exit 5 when A or B is not a version string.\n",
+      {"version compare", "A [RELATION] B", {}, 2, 3, "compare two version strings",
+       "Compares A with B field by field (major, then minor, then patch, each\n"
+       "as an unsigned number) and prints \"<\", \"=\" or \">\" and the difference\n"
+       "of the first field that differs: \"< -2\" for 1.2.3 against 1.2.5,\n"
+       "\"> 4294967295\" for 4294967295.0.0 against 0.0.0. With RELATION (lt,\n"
+       "le, eq, ne, ge or gt) it prints nothing and answers by its exit code:\n"
+       "0 when \"A RELATION B\" holds, 1 when not. Exit 5 when A or B is not a\n"
+       "version string, 2 for another RELATION.\n",
        run_version_compare},
       {"version print", "MAJOR MINOR PATCH", {}, 3, 3, "print a version from its three numbers",
        "Prints \"MAJOR.MINOR.PATCH\". Each number is decimal, 0 to 4294967295\n"
        "(exit 2 otherwise).\n",
        run_version_print},
+      {"log", "[PROCESS]", {"-f"}, 0, 1, "the library's log files of the agent's processes",
+       "Without PROCESS, lists the processes that have a log directory below\n"
+       "LOGDIR/velmora/TARN3_LOG/tarn_default_autolog (LOGDIR is \"dir\" in\n"
+       "section [log] of /etc/velmora/tarnbase.conf, /var/log by default), one\n"
+       "\"PROCESS PATH\" line each. With PROCESS, prints its log: the rotated\n"
+       "files tarn.log.N (oldest first), then tarn.log. Exit 3 when there is\n"
+       "no such directory or log.\n"
+       "\n"
+       "  -f  after the log, print lines as they are added to tarn.log (also\n"
+       "      across a rotation) until interrupted\n",
+       run_log},
   };
   return table;
 }
@@ -202,7 +239,8 @@ void print_overview(const std::string &prefix) {
 
 void print_main_help() {
   printf(
-      "usage: tarnctl [--verbose] SUBCOMMAND [OPTION...] [ARG...]\n"
+      "usage: tarnctl [OPTION...] SUBCOMMAND [OPTION...] [ARG...]\n"
+      "       tarnctl --version\n"
       "\n"
       "Shows and checks the agent's shared state through libtarnaux.\n"
       "\n"
@@ -210,14 +248,13 @@ void print_main_help() {
   print_overview("");
   printf(
       "\n"
-      "options of every subcommand:\n"
-      "  --help     print the subcommand's help and exit 0\n"
-      "  --verbose  copy the library's log lines to standard error\n"
+      "options (before the subcommand, or anywhere among its words):\n"
+      "%s"
       "\n"
       "Errors are written to standard error as one line each:\n"
       "\"tarnctl: SUBCOMMAND: REASON\".\n"
       "\n%s",
-      kExitTable);
+      kCommonOptions, kExitTable);
 }
 
 void print_group_help(const std::string &group) {
@@ -227,50 +264,148 @@ void print_group_help(const std::string &group) {
 }
 
 void print_command_help(const Command &command) {
-  printf("usage: %s\n\n%s\n%s\n%s", usage_line(command).c_str(), command.summary, command.details,
-         kExitTable);
+  printf("usage: %s\n\n%s\n%s\noptions of every subcommand:\n%s\n%s", usage_line(command).c_str(),
+         command.summary, command.details, kCommonOptions, kExitTable);
 }
 
-// A usage error of the subcommand named name.
-int usage_error(const std::string &name, const std::string &reason) {
-  Invocation inv;
+// The manual page, from the same table as --help.
+int print_man() {
+  printf(".TH TARNCTL 1 \"\" \"tarnctl %s\" \"User Commands\"\n", TARN_VERSION);
+  printf(".SH NAME\ntarnctl \\- show and check the agent's shared state through libtarnaux\n");
+  printf(".SH SYNOPSIS\n.B tarnctl\n[\\fIOPTION\\fR...] \\fISUBCOMMAND\\fR [\\fIOPTION\\fR...] [\\fIARG\\fR...]\n"
+         ".br\n.B tarnctl \\-\\-version\n");
+  printf(".SH DESCRIPTION\nShows and checks the heartbeat table, the app home record, packages and\n"
+         "their manifests, the installer's environment checks, version strings and\n"
+         "the library's log files. Errors are written to standard error as one line\n"
+         "each: \"tarnctl: SUBCOMMAND: REASON\".\n");
+  printf(".SH OPTIONS\n");
+  tarn_manual::print_block(std::string(kCommonOptions) + "  --version            print the versions of tarnctl and libtarnaux\n");
+  printf(".SH SUBCOMMANDS\n");
+  for (const Command &command : commands()) {
+    printf(".SS %s\n.B %s\n.PP\n%s.\n", tarn_manual::roff(command.name).c_str(), tarn_manual::roff(usage_line(command)).c_str(),
+           tarn_manual::roff(command.summary).c_str());
+    tarn_manual::print_block(command.details);
+  }
+  printf(".SH EXIT STATUS\n");
+  tarn_manual::print_block(std::string(kExitTable).substr(strlen("exit codes:\n")));
+  printf(".SH SEE ALSO\n.BR tarn\\-ejs (1)\n");
+  return kExitOk;
+}
+
+// The bash completion of tarnctl, from the same table as --help.
+int print_completion() {
+  std::vector<tarn_manual::CompletionEntry> entries;
+  for (const Command &command : commands()) entries.push_back({command.name, command.options});
+  fputs(tarn_manual::bash_completion("tarnctl", "--help --verbose --json --timeout --version",
+                                     "--help --verbose --json --timeout", {kTimeoutOption}, entries)
+            .c_str(),
+        stdout);
+  return kExitOk;
+}
+
+// Ends the subcommand of inv with code: prints the --json answer when it
+// was asked for. "status" prints its own (an array of rows).
+int finish(const Invocation &inv, int code) {
+  return inv.json() && inv.command != "status" ? finish_json(inv, code) : code;
+}
+
+// A usage error of the subcommand named name; global holds the options
+// given before it.
+int usage_error(const Invocation &global, const std::string &name, const std::string &reason) {
+  Invocation inv = global;
   inv.command = name;
-  return fail(inv, kExitUsage, reason);
+  return finish(inv, fail(inv, kExitUsage, reason));
 }
 
-// Parses the words after the subcommand's name and runs it.
-int run_command(const Command &command, int argc, char **argv, int first, bool verbose) {
-  Invocation inv;
-  inv.command = command.name;
-  inv.verbose = verbose;
+// Parses SECONDS of --timeout: decimal digits, optionally with a fraction,
+// above 0 and at most kMaxTimeoutSeconds.
+bool parse_seconds(const std::string &text, double *seconds) {
+  const size_t point = text.find('.');
+  const std::string whole = text.substr(0, point);
+  const std::string fraction = point == std::string::npos ? "0" : text.substr(point + 1);
+  uint64_t ignored = 0;
+  if (!parse_unsigned(whole, UINT32_MAX, &ignored) || fraction.find_first_not_of("0123456789") != std::string::npos ||
+      fraction.empty()) {
+    return false;
+  }
+  *seconds = strtod(text.c_str(), nullptr);
+  return *seconds > 0 && *seconds <= kMaxTimeoutSeconds;
+}
+
+enum class Taken { kNo, kYes, kBad };
+
+// Takes the common option at argv[*i] (--verbose, --json, --timeout
+// SECONDS or --timeout=SECONDS) into inv, moving *i past its value. kBad
+// leaves the reason in *error.
+Taken take_common_option(int argc, char **argv, int *i, Invocation *inv, std::string *error) {
+  const std::string word = argv[*i];
+  if (word == "--verbose") {
+    inv->verbose = true;
+    return Taken::kYes;
+  }
+  if (word == "--json") {
+    inv->options.insert(word);
+    return Taken::kYes;
+  }
+  std::string value;
+  const std::string with_value = std::string(kTimeoutOption) + "=";
+  if (word == kTimeoutOption) {
+    if (*i + 1 >= argc) {
+      *error = "--timeout needs SECONDS";
+      return Taken::kBad;
+    }
+    value = argv[++*i];
+  } else if (word.rfind(with_value, 0) == 0) {
+    value = word.substr(with_value.size());
+  } else {
+    return Taken::kNo;
+  }
+  if (!parse_seconds(value, &inv->timeout_seconds)) {
+    *error = "--timeout needs a number of seconds above 0, at most 86400, not \"" + value + "\"";
+    return Taken::kBad;
+  }
+  return Taken::kYes;
+}
+
+// Parses the words after the subcommand's name into inv (which holds the
+// options given before it). Returns kExitOk, kExitUsage after the error
+// line, or -1 when --help was printed.
+int parse_words(const Command &command, int argc, char **argv, int first, Invocation *inv) {
   bool options_end = false;
   for (int i = first; i < argc; ++i) {
     const std::string word = argv[i];
+    std::string error;
     if (!options_end && word == "--") {
       options_end = true;
     } else if (!options_end && (word == "--help" || word == "-h")) {
       print_command_help(command);
-      return kExitOk;
-    } else if (!options_end && word == "--verbose") {
-      inv.verbose = true;
+      return -1;
     } else if (!options_end && word.size() > 1 && word[0] == '-') {
+      const Taken taken = take_common_option(argc, argv, &i, inv, &error);
+      if (taken == Taken::kBad) return fail(*inv, kExitUsage, error);
+      if (taken == Taken::kYes) continue;
       bool known = false;
       for (const std::string &option : command.options) known = known || option == word;
-      if (!known) return fail(inv, kExitUsage, "unknown option " + word + " (usage: " + usage_line(command) + ")");
-      inv.options.insert(word);
+      if (!known) return fail(*inv, kExitUsage, "unknown option " + word + " (usage: " + usage_line(command) + ")");
+      inv->options.insert(word);
     } else {
-      inv.args.push_back(word);
+      inv->args.push_back(word);
     }
   }
-  if (inv.args.size() < command.min_args) {
-    return fail(inv, kExitUsage, "missing argument (usage: " + usage_line(command) + ")");
+  if (inv->args.size() < command.min_args) {
+    return fail(*inv, kExitUsage, "missing argument (usage: " + usage_line(command) + ")");
   }
-  if (inv.args.size() > command.max_args) {
-    return fail(inv, kExitUsage,
-                "unexpected argument " + inv.args[command.max_args] + " (usage: " + usage_line(command) + ")");
+  if (inv->args.size() > command.max_args) {
+    return fail(*inv, kExitUsage,
+                "unexpected argument " + inv->args[command.max_args] + " (usage: " + usage_line(command) + ")");
   }
-  set_log_verbose(inv.verbose);
-  const int code = command.run(inv);
+  return kExitOk;
+}
+
+// Ends a subcommand that gave code: its --json answer, and exit 3 when
+// standard output could not be written.
+int answered(const Invocation &inv, int code) {
+  code = finish(inv, code);
   if (fflush(stdout) != 0 || ferror(stdout) != 0) {
     const int error = errno != 0 ? errno : EIO;
     return fail(inv, kExitMissing, "cannot write standard output: " + error_text(error));
@@ -278,33 +413,78 @@ int run_command(const Command &command, int argc, char **argv, int first, bool v
   return code;
 }
 
+// What a subcommand that waits for locks or for a program that the library
+// runs was waiting for when its time-out ends it; nullptr for the others,
+// which wait for nothing. Those run in a child process that is killed at the
+// time-out, since the library's calls wait as long as the base library's
+// "[lock] wait_seconds" and the programs it runs take.
+const char *time_out_reason(const std::string &name) {
+  if (name == "apphome check" || name == "apphome restore") return "the record's lock could not be taken";
+  if (name == "apphome reduce") return "the record's lock is held or tarn_service -v does not answer";
+  return nullptr;
+}
+
+// Parses the words after the subcommand's name and runs it.
+int run_command(const Command &command, int argc, char **argv, int first, const Invocation &global) {
+  Invocation inv = global;
+  inv.command = command.name;
+  const int parsed = parse_words(command, argc, argv, first, &inv);
+  if (parsed < 0) return kExitOk;
+  if (parsed != kExitOk) return finish(inv, parsed);
+  set_log_verbose(inv.verbose);
+  const char *waits_for = time_out_reason(inv.command);
+  if (waits_for == nullptr) return answered(inv, command.run(inv));
+  int code = kExitOk;
+  if (!run_bounded(lock_timeout_seconds(inv), [&] { return answered(inv, command.run(inv)); }, &code)) {
+    code = answered(inv, fail(inv, kExitLocked,
+                              "timed out after " + seconds_text(lock_timeout_seconds(inv)) + " s: " + waits_for));
+  }
+  return code;
+}
+
+// "tarnctl X.Y.Z" and the library's version and file.
+int print_version() {
+  Dl_info found;
+  memset(&found, 0, sizeof(found));
+  const bool located = dladdr(reinterpret_cast<void *>(&version_mgr_parser_version), &found) != 0 &&
+                       found.dli_fname != nullptr;
+  printf("tarnctl %s\nlibtarnaux %s (%s)\n", TARN_VERSION, TARN_VERSION,
+         located ? found.dli_fname : "location unknown");
+  return kExitOk;
+}
+
 int dispatch(int argc, char **argv) {
   int i = 1;
-  bool verbose = false;
+  Invocation global;
   for (; i < argc && argv[i][0] == '-'; ++i) {
     const std::string word = argv[i];
+    std::string error;
     if (word == "--help" || word == "-h") {
       print_main_help();
       return kExitOk;
     }
-    if (word != "--verbose") return usage_error("usage", "unknown option " + word + " (see tarnctl --help)");
-    verbose = true;
+    if (word == "--version") return print_version();
+    if (word == "--print-man") return print_man();
+    if (word == "--print-completion") return print_completion();
+    const Taken taken = take_common_option(argc, argv, &i, &global, &error);
+    if (taken == Taken::kBad) return usage_error(global, "usage", error);
+    if (taken == Taken::kNo) return usage_error(global, "usage", "unknown option " + word + " (see tarnctl --help)");
   }
-  if (i >= argc) return usage_error("usage", "missing subcommand (see tarnctl --help)");
+  if (i >= argc) return usage_error(global, "usage", "missing subcommand (see tarnctl --help)");
 
   const std::string first = argv[i];
-  if (const Command *command = find_command(first)) return run_command(*command, argc, argv, i + 1, verbose);
-  if (!is_group(first)) return usage_error(first, "unknown subcommand (see tarnctl --help)");
-  if (i + 1 >= argc) return usage_error(first, "missing subcommand (see tarnctl " + first + " --help)");
+  if (const Command *command = find_command(first)) return run_command(*command, argc, argv, i + 1, global);
+  if (!is_group(first)) return usage_error(global, first, "unknown subcommand (see tarnctl --help)");
+  if (i + 1 >= argc) return usage_error(global, first, "missing subcommand (see tarnctl " + first + " --help)");
   const std::string second = argv[i + 1];
   if (second == "--help" || second == "-h") {
     print_group_help(first);
     return kExitOk;
   }
   if (const Command *command = find_command(first + " " + second)) {
-    return run_command(*command, argc, argv, i + 2, verbose);
+    return run_command(*command, argc, argv, i + 2, global);
   }
-  return usage_error(first, "unknown subcommand " + second + " (see tarnctl " + first + " --help)");
+  return usage_error(global, first, "unknown subcommand " + second + " (see tarnctl " + first + " --help)");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // tarnctl.h -- what the subcommands of tarnctl share: exit codes, the parsed
-// command line, error lines, the library's captured log lines, and small
-// checks of arguments and paths.
+// command line, error lines and the --json answer, the library's captured
+// log lines, the time-out of library calls that wait, and small checks of
+// arguments and paths.
 #ifndef TARNCTL_H
 #define TARNCTL_H
 
@@ -11,6 +12,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarnctl {
@@ -21,7 +23,7 @@ enum ExitCode : int {
   kExitNo = 1,       // the answer is no, or a check failed
   kExitUsage = 2,    // unknown subcommand or option, missing or malformed argument
   kExitMissing = 3,  // a file, directory or record is missing, unreadable or unwritable
-  kExitLocked = 4,   // a lock could not be taken, or the heartbeat table is unavailable
+  kExitLocked = 4,   // a lock could not be taken, the heartbeat table is unavailable, or the time-out passed
   kExitBadData = 5,  // corrupt archive, bad or tampered manifest, bad version string
 };
 
@@ -29,33 +31,66 @@ enum ExitCode : int {
 struct Invocation {
   std::string command;            // "pkg verify"
   std::vector<std::string> args;  // the positional arguments
-  std::set<std::string> options;  // the subcommand's own options that were given
+  std::set<std::string> options;  // the options that were given, "--json" among them
   bool verbose = false;
+  double timeout_seconds = 0;  // --timeout; 0 when not given
 
   bool option(const char *name) const { return options.count(name) != 0; }
+  bool json() const { return option("--json"); }
 };
 
+// The seconds that a wait for a lock or for a program that the library
+// runs may last: --timeout, else kDefaultTimeoutSeconds.
+constexpr double kDefaultTimeoutSeconds = 30;
+double lock_timeout_seconds(const Invocation &inv);
+// The time-out as the error lines give it: "2", "0.5".
+std::string seconds_text(double seconds);
+
 // Writes "tarnctl: <command>: <reason>" to standard error as one line (line
-// ends inside reason become blanks).
+// ends inside reason become blanks), after flushing standard output so that
+// the line comes after the output it belongs to. The reason is also kept as
+// the "error" of the --json answer (the last one wins).
 void complain(const Invocation &inv, const std::string &reason);
 // complain(), then returns code.
 int fail(const Invocation &inv, int code, const std::string &reason);
+// The reason of the last complain(), "" when there was none.
+const std::string &last_complaint();
+
+// The --json answer's own members, gathered while the subcommand runs and
+// printed by finish_json(). answer() takes the caller's reference to value
+// and sets it as member key (a later call with the same key replaces it);
+// without --json the value is dropped.
+void answer(const Invocation &inv, const char *key, json_t *value);
+// Prints the gathered answer with "ok" (whether the subcommand wrote no
+// error line) and, on failure, "error" (the last error line's reason),
+// unless the subcommand printed its answer itself with print_json().
+// Returns code, or kExitMissing when the text cannot be written.
+int finish_json(const Invocation &inv, int code);
+// printf() to standard output, only without --json.
+void say(const Invocation &inv, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // The library's log lines. install_log_sink() registers this program as the
 // library's log destination before any other call, so that no line reaches
-// standard output or a log file: each line is kept in memory when it is a
-// warn, error or fatal line, and also written to standard error when
-// verbose is set.
+// standard output or a log file: each line down to info is kept in memory,
+// and every line is also written to the standard error that the program
+// started with when verbose is set (never into a capture_stderr() text).
 void install_log_sink();
 void set_log_verbose(bool verbose);
-// Forgets the kept lines; call it before the library call whose lines count.
+// Starts a step: forgets the kept lines; call it before the library call
+// whose lines give the reason of its failure.
 void clear_log_problems();
-// The text (after the line prefix, on one line) of each warn, error or fatal
-// line logged since the last clear_log_problems(), oldest first.
-const std::vector<std::string> &log_problems();
-// The last of them, or fallback when there is none (the configured log
-// level may filter warn lines out).
-std::string last_log_problem(const std::string &fallback);
+// The reason of the step's failure as the library logged it: the first
+// fatal, error or warn line since clear_log_problems(), else its first info
+// line, else fallback (the configured log level may filter them out). The
+// first skip lines of the step are passed over.
+std::string step_reason(const std::string &fallback, size_t skip = 0);
+// The number of lines kept since clear_log_problems().
+size_t step_line_count();
+// Runs fn in a child process (in a process group of its own, with whatever
+// programs it starts) and waits for it at most seconds. Returns true with
+// fn's result (0 to 255) in *result when it ended in time (kExitMissing when
+// it died without one); false when it did not, after killing the group.
+bool run_bounded(double seconds, const std::function<int()> &fn, int *result);
 
 // Runs fn with this process's standard error sent to a temporary file and
 // returns what was written there, so that the programs the library starts
@@ -104,6 +139,7 @@ int run_env_uos(const Invocation &inv);
 int run_version_parse(const Invocation &inv);
 int run_version_compare(const Invocation &inv);
 int run_version_print(const Invocation &inv);
+int run_log(const Invocation &inv);
 
 }  // namespace tarnctl
 
