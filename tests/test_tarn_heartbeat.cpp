@@ -83,8 +83,9 @@ int tarn_shm_init(const char *key, int flag, size_t size, tarn_shm_t **handle) {
 int tarn_shm_map(tarn_shm_t *handle, size_t offset, void **base) {
   static const auto real = next_definition<int (*)(tarn_shm_t *, size_t, void **)>("tarn_shm_map");
   if (g_shm_map_error != 0 && handle != nullptr && handle == g_table_shm) return g_shm_map_error;
+  // A failed shrink shows in the test as a map that does not fail.
   if (g_shrink_before_map != 0 && handle != nullptr && handle == g_table_shm)
-    truncate("/dev/shm/" PROC_HEARTBEAT_SHM_NAME, g_shrink_before_map);
+    (void)!truncate("/dev/shm/" PROC_HEARTBEAT_SHM_NAME, g_shrink_before_map);
   return real(handle, offset, base);
 }
 

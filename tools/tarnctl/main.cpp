@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include <tarnaux/tarnaux_version.h>
 #include <version_mgr.h>
 
 #include "manual_text.h"
@@ -442,13 +443,14 @@ int run_command(const Command &command, int argc, char **argv, int first, const 
   return code;
 }
 
-// "tarnctl X.Y.Z" and the library's version and file.
+// "tarnctl X.Y.Z" and the version and file of the library that was loaded,
+// which may be another than the one it was built with.
 int print_version() {
   Dl_info found;
   memset(&found, 0, sizeof(found));
   const bool located = dladdr(reinterpret_cast<void *>(&version_mgr_parser_version), &found) != 0 &&
                        found.dli_fname != nullptr;
-  printf("tarnctl %s\nlibtarnaux %s (%s)\n", TARN_VERSION, TARN_VERSION,
+  printf("tarnctl %s\nlibtarnaux %s (%s)\n", TARN_VERSION, tarnaux_version_string(),
          located ? found.dli_fname : "location unknown");
   return kExitOk;
 }
