@@ -48,19 +48,27 @@ class UpgradeFixture : public ::testing::Test {
  protected:
   void SetUp() override {
     reset_fakes();
-    clear_install_root();
     ASSERT_TRUE(set_boot_id(kBootId1)) << "bind mount of the boot id: " << strerror(errno);
+    ASSERT_TRUE(lay_out());
+  }
+
+  // Empties the install root and lays out the two app homes and the record
+  // naming kHomeA. Returns whether all was written.
+  bool lay_out() {
+    clear_install_root();
     for (const char *home : {kHomeA, kHomeB}) {
       make_apphome(home, true, true);
       const std::string services = under_root(home) + "/config/services/TARN";
-      ASSERT_TRUE(make_dirs(services));
-      ASSERT_TRUE(write_file(services + "/tarn_service.eni", std::string("[service]\nhome=") + home + "\n"));
+      const std::string config = services + "/tarn_service.eni";
       struct stat info;
-      ASSERT_EQ(stat((services + "/tarn_service.eni").c_str(), &info), 0);
+      if (!make_dirs(services) ||
+          !write_file(config, std::string("[service]\nhome=") + home + "\n") ||
+          stat(config.c_str(), &info) != 0) {
+        return false;
+      }
       config_inodes_[home] = info.st_ino;
     }
-    ASSERT_TRUE(write_file(kRecordPath, record_text(kHomeA)));
-    ASSERT_TRUE(write_file(kBackupPath, record_text(kHomeA)));
+    return write_file(kRecordPath, record_text(kHomeA)) && write_file(kBackupPath, record_text(kHomeA));
   }
   void TearDown() override {
     clear_install_root();
