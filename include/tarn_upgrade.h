@@ -54,7 +54,8 @@
  *     the service can be restarted;
  *   - the machine restarted twice during the trial (its boot id changed).
  *     A first restart begins the trial again on the new boot: the
- *     monotonic clock of the old boot says nothing on the new one.
+ *     monotonic clock of the old boot says nothing on the new one. The
+ *     boot id is read once per process (a restart ends every process).
  * It passes when the trial time has run out without any of these.
  *
  * Messages (each ends with a line end):

@@ -16,13 +16,14 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include <tarnbase/tarn_ini.h>
+#include <tarnbase/tarn_process.h>
 #include <tarnbase/tarn_str.h>
 #include <tarnbase/tarn_time.h>
 
@@ -53,17 +54,26 @@ std::string install_path(const char *name) {
 }
 
 // This boot's id, "" when it cannot be read: a trial then never sees a
-// restart, which is the safe side (no spurious rollback).
+// restart, which is the safe side (no spurious rollback). A restart of the
+// machine ends every process, so the id is read once per process (again in
+// a forked child, which is a process of its own): the watchdog's beat then
+// costs no file read for it.
 std::string current_boot_id() {
+  static std::mutex mutex;
+  static int read_by = 0;
+  static std::string cached;
+  const int pid = tarn_process_get_pid();
+  std::lock_guard<std::mutex> guard(mutex);
+  if (read_by == pid) return cached;
   char text[64];
   const int fd = open(kBootIdPath, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return "";
-  const ssize_t length = read(fd, text, sizeof(text) - 1);
-  close(fd);
-  if (length <= 0) return "";
-  std::string id(text, (size_t)length);
+  const ssize_t length = fd < 0 ? -1 : read(fd, text, sizeof(text) - 1);
+  if (fd >= 0) close(fd);
+  std::string id(text, length > 0 ? (size_t)length : 0);
   while (!id.empty() && (id.back() == '\n' || id.back() == ' ')) id.pop_back();
-  return id;
+  cached = id;
+  read_by = pid;
+  return cached;
 }
 
 // Ini values cannot hold line ends or blanks at either end.
@@ -144,13 +154,13 @@ bool parse_ticks(const std::string &text, std::vector<uint64_t> *out) {
 }
 
 // Reads the journal into *journal: its state, NONE for a missing file,
-// UNREADABLE (with the warn line) for one that is damaged in any way.
-void load_journal(Journal *journal) {
+// UNREADABLE (with the warn line, unless quiet) for one that is damaged in
+// any way.
+void load_journal(Journal *journal, bool quiet = false) {
   const std::string path = install_path(kJournalName);
   *journal = Journal();
-  struct stat info;
-  if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) return;
   TarnIniPtr ini(tarn_ini_file_load(path.c_str()));
+  if (!ini && errno == ENOENT) return;
   Journal read;
   uint64_t value = 0;
   bool good = ini != nullptr;
@@ -178,7 +188,7 @@ void load_journal(Journal *journal) {
     read.missing_since = value;
   }
   if (!good) {
-    LOG(warn, "upgrade journal %s cannot be read, the record stands\n", path.c_str());
+    if (!quiet) LOG(warn, "upgrade journal %s cannot be read, the record stands\n", path.c_str());
     journal->state = TARN_UPGRADE_STATE_UNREADABLE;
     return;
   }
@@ -388,11 +398,17 @@ void set_verdict(tarn_upgrade_verdict_t *out, int32_t verdict, int32_t seconds_l
   put_text(out->reason, sizeof(out->reason), reason);
 }
 
-// Judges a journal on trial and acts on the verdict.
-int32_t judge(Journal *journal, tarn_upgrade_verdict_t *out) {
+// What judge() returns, when asked not to write, for a verdict that needs
+// the journal or the record written.
+constexpr int32_t kNeedsWrite = 1;
+
+// Judges a journal on trial and acts on the verdict. With dry, nothing is
+// written: a verdict that needs a write returns kNeedsWrite instead.
+int32_t judge(Journal *journal, tarn_upgrade_verdict_t *out, bool dry) {
   const uint64_t now = tarn_time_get_tick_cout();
   const std::string boot_id = current_boot_id();
   if (boot_id != journal->boot_id) {
+    if (dry) return kNeedsWrite;
     if (journal->reboots >= 1) {
       const std::string reason = "the machine restarted twice during the trial";
       const std::string verdict = reason + "; rolled back to " + journal->old_home;
@@ -426,13 +442,15 @@ int32_t judge(Journal *journal, tarn_upgrade_verdict_t *out) {
 
   bool changed = false;
   std::string reason;
-  if (service_failed(journal, service, now, &changed, &reason)) {
+  const bool failed = service_failed(journal, service, now, &changed, &reason);
+  const uint64_t trial_ms = (uint64_t)journal->trial_seconds * 1000u;
+  const uint64_t elapsed = elapsed_ms(now, journal->start_tick);
+  if (dry && (failed || changed || elapsed >= trial_ms)) return kNeedsWrite;
+  if (failed) {
     const std::string verdict = reason + "; rolled back to " + journal->old_home;
     set_verdict(out, TARN_UPGRADE_VERDICT_FAILED, 0, verdict);
     return rollback(journal, reason, verdict);
   }
-  const uint64_t trial_ms = (uint64_t)journal->trial_seconds * 1000u;
-  const uint64_t elapsed = elapsed_ms(now, journal->start_tick);
   if (elapsed >= trial_ms) {
     const std::string verdict = format_text("the trial of %s passed after %d seconds; committed",
                                             journal->new_home.c_str(), journal->trial_seconds);
@@ -536,16 +554,25 @@ TARNAUX_API int32_t tarn_upgrade_begin(const char *new_apphome, const char *new_
 TARNAUX_API int32_t tarn_upgrade_check(tarn_upgrade_verdict_t *verdict_out) {
   if (verdict_out == nullptr) return TARN_UPGRADE_E_INVALID;
   set_verdict(verdict_out, TARN_UPGRADE_VERDICT_NONE, 0, "no upgrade is on trial");
+  Journal journal;
+  // The watchdog's usual beat changes nothing: it is judged without the
+  // operation lock (saves replace the journal in one step, so the read is
+  // whole), and only a verdict that writes takes the lock and judges again.
+  load_journal(&journal, true);
+  if (journal.state == TARN_UPGRADE_STATE_NONE) return TARN_UPGRADE_OK;
+  if (journal.state == TARN_UPGRADE_STATE_TRIAL) {
+    const int32_t quiet = judge(&journal, verdict_out, true);
+    if (quiet != kNeedsWrite) return quiet;
+  }
   OperationLock lock;
   if (!lock.held()) return TARN_UPGRADE_E_LOCK;
-  Journal journal;
   const int32_t result = load_settled(&journal);
   if (journal.state == TARN_UPGRADE_STATE_UNREADABLE) {
     set_verdict(verdict_out, TARN_UPGRADE_VERDICT_NONE, 0,
                 "the upgrade journal cannot be read; the record stands");
   }
   if (result != TARN_UPGRADE_OK || journal.state != TARN_UPGRADE_STATE_TRIAL) return result;
-  return judge(&journal, verdict_out);
+  return judge(&journal, verdict_out, false);
 }
 
 TARNAUX_API int32_t tarn_upgrade_commit(void) {

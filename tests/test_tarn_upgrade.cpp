@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -304,32 +305,67 @@ TEST_F(UpgradeTest, ReplacementsMoreThanAMinuteApartAreNoCrashLoop) {
   EXPECT_EQ(recorded_home(), kHomeB);
 }
 
+// What a process started after a restart of the machine sees (the boot id
+// is read once per process): runs body in a forked child and returns the
+// number of the first of its expectations that failed, 0 when none did.
+int in_new_process(const std::function<int()> &body) {
+  return tarn_test::reap(fork_child(body));
+}
+
 TEST_F(UpgradeTest, RebootDuringTheTrialStartsItAgainAndASecondOneFailsIt) {
   start_agent(kStart);
   ASSERT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
   ASSERT_TRUE(set_boot_id(kBootId2));
   // On the new boot the clock starts afresh, below the trial's start.
   start_agent(5000);
-  tarn_upgrade_verdict_t verdict = check_at(5000);
-  EXPECT_EQ(verdict.verdict, TARN_UPGRADE_VERDICT_RUNNING);
-  EXPECT_EQ(verdict.seconds_left, kTrial);
-  EXPECT_EQ(verdict.reason, std::string("the machine restarted during the trial of ") + kHomeB +
-                                "; the trial starts again");
-  EXPECT_LOGGED("info", "upgrade trial restarts: the machine restarted\n");
+  const std::string restarted =
+      std::string("the machine restarted during the trial of ") + kHomeB + "; the trial starts again";
+  EXPECT_EQ(in_new_process([&] {
+              tarn_test::set_tick(5000);
+              tarn_upgrade_verdict_t verdict;
+              if (tarn_upgrade_check(&verdict) != TARN_UPGRADE_OK) return 1;
+              if (verdict.verdict != TARN_UPGRADE_VERDICT_RUNNING) return 2;
+              if (verdict.seconds_left != kTrial) return 3;
+              if (verdict.reason != restarted) return 4;
+              if (!tarn_test::logged("info", "upgrade trial restarts: the machine restarted\n")) return 5;
+              tarn_test::set_tick(15000);
+              tarn_upgrade_status_t status;
+              if (tarn_upgrade_status(&status) != TARN_UPGRADE_OK) return 6;
+              if (status.seconds_left != kTrial - 10) return 7;
+              if (status.last_verdict != restarted) return 8;
+              return 0;
+            }),
+            0);
   EXPECT_EQ(recorded_home(), kHomeB);
-  tarn_upgrade_status_t status;
-  tarn_test::set_tick(15000);
-  ASSERT_EQ(tarn_upgrade_status(&status), TARN_UPGRADE_OK);
-  EXPECT_EQ(status.seconds_left, kTrial - 10);
   ASSERT_EQ(service_->beat(15000), 0);
-  EXPECT_EQ(check_at(15000).seconds_left, kTrial - 10);
+  EXPECT_EQ(in_new_process([&] {
+              tarn_test::set_tick(15000);
+              tarn_upgrade_verdict_t verdict;
+              if (tarn_upgrade_check(&verdict) != TARN_UPGRADE_OK) return 1;
+              return verdict.verdict == TARN_UPGRADE_VERDICT_RUNNING && verdict.seconds_left == kTrial - 10 ? 0 : 2;
+            }),
+            0);
+  // This process, which began on the first boot, sees no time left.
+  tarn_upgrade_status_t status;
+  ASSERT_EQ(tarn_upgrade_status(&status), TARN_UPGRADE_OK);
+  EXPECT_EQ(status.seconds_left, -1);
 
   ASSERT_TRUE(set_boot_id(kBootId3));
-  verdict = check_at(2000);
   const std::string reason = "the machine restarted twice during the trial";
-  EXPECT_EQ(verdict.verdict, TARN_UPGRADE_VERDICT_FAILED);
-  EXPECT_EQ(verdict.reason, reason + "; rolled back to " + kHomeA);
-  expect_rolled_back(reason);
+  EXPECT_EQ(in_new_process([&] {
+              tarn_test::set_tick(2000);
+              tarn_upgrade_verdict_t verdict;
+              if (tarn_upgrade_check(&verdict) != TARN_UPGRADE_OK) return 1;
+              if (verdict.verdict != TARN_UPGRADE_VERDICT_FAILED) return 2;
+              return verdict.reason == reason + "; rolled back to " + kHomeA ? 0 : 3;
+            }),
+            0);
+  tarn_test::clear_logs();
+  EXPECT_EQ(recorded_home(), kHomeA);
+  ASSERT_EQ(tarn_upgrade_status(&status), TARN_UPGRADE_OK);
+  EXPECT_EQ(status.state, TARN_UPGRADE_STATE_ROLLED_BACK);
+  EXPECT_STREQ(status.reason, reason.c_str());
+  EXPECT_TRUE(service_config_renewed(kHomeA));
 }
 
 TEST_F(UpgradeTest, HealthyTrialPassesWhenItsTimeRunsOutAndIsCommitted) {
