@@ -157,12 +157,20 @@ class UpgradeCrashTest : public tarn_test::UpgradeFixture {
     std::mt19937 random(20261125u + (unsigned)reference.syscalls);
     std::uniform_int_distribution<long> any_call(1, reference.syscalls);
     int failures = 0;
+    int killed = 0;
     for (int kill = 0; kill < kKills && failures < 5; ++kill) {
       const long at = kill < reference.syscalls ? kill + 1 : any_call(random);
       ASSERT_EQ(prepare(scenario), "");
       const tarn_test::SyscallRun run = tarn_test::run_syscall_killed(scenario.operation, at);
       ASSERT_EQ(run.error, "");
-      ASSERT_TRUE(run.killed) << "system call " << at << " of " << reference.syscalls;
+      // A run may make a few system calls fewer than the reference (the
+      // sanitizers' allocator maps memory when it likes); one that ended
+      // before the kill point must simply have succeeded.
+      if (run.killed) {
+        ++killed;
+      } else {
+        ASSERT_EQ(run.status, 0) << "system call " << at << " of " << reference.syscalls;
+      }
       std::string problem = check_after_kill();
       if (problem.empty()) problem = check_converged(scenario);
       if (!problem.empty()) {
@@ -171,6 +179,9 @@ class UpgradeCrashTest : public tarn_test::UpgradeFixture {
                       << reference.syscalls << ": " << problem;
       }
     }
+    EXPECT_GE(killed, kKills * 9 / 10);
+    printf("%s: %ld system calls; %d of %d runs killed\n", scenario.name, reference.syscalls, killed,
+           kKills);
   }
 
   void cut_power_everywhere(const Scenario &scenario) {
@@ -211,6 +222,8 @@ class UpgradeCrashTest : public tarn_test::UpgradeFixture {
       }
     }
     EXPECT_GT(images.size(), 10u);
+    printf("%s: %zu file operations, %zu disk images after a cut\n", scenario.name, run.events.size(),
+           images.size());
   }
 
   pid_t service_ = -1;
