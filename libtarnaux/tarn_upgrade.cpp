@@ -18,6 +18,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -472,6 +473,18 @@ int32_t load_settled(Journal *journal) {
   return converge(journal);
 }
 
+// Ends the trial by hand with how(), under the operation lock, once a step
+// left under way is finished; TARN_UPGRADE_E_NO_TRIAL without a trial.
+int32_t end_trial(const std::function<int32_t(Journal *)> &how) {
+  OperationLock lock;
+  if (!lock.held()) return TARN_UPGRADE_E_LOCK;
+  Journal journal;
+  const int32_t result = load_settled(&journal);
+  if (result != TARN_UPGRADE_OK) return result;
+  if (journal.state != TARN_UPGRADE_STATE_TRIAL) return TARN_UPGRADE_E_NO_TRIAL;
+  return how(&journal);
+}
+
 }  // namespace
 
 extern "C" {
@@ -576,24 +589,14 @@ TARNAUX_API int32_t tarn_upgrade_check(tarn_upgrade_verdict_t *verdict_out) {
 }
 
 TARNAUX_API int32_t tarn_upgrade_commit(void) {
-  OperationLock lock;
-  if (!lock.held()) return TARN_UPGRADE_E_LOCK;
-  Journal journal;
-  const int32_t result = load_settled(&journal);
-  if (result != TARN_UPGRADE_OK) return result;
-  if (journal.state != TARN_UPGRADE_STATE_TRIAL) return TARN_UPGRADE_E_NO_TRIAL;
-  return commit(&journal, "committed by request");
+  return end_trial([](Journal *journal) { return commit(journal, "committed by request"); });
 }
 
 TARNAUX_API int32_t tarn_upgrade_rollback(const char *reason) {
   const std::string why = storable(reason, kRolledBackByRequest);
-  OperationLock lock;
-  if (!lock.held()) return TARN_UPGRADE_E_LOCK;
-  Journal journal;
-  const int32_t result = load_settled(&journal);
-  if (result != TARN_UPGRADE_OK) return result;
-  if (journal.state != TARN_UPGRADE_STATE_TRIAL) return TARN_UPGRADE_E_NO_TRIAL;
-  return rollback(&journal, why, why + "; rolled back to " + journal.old_home);
+  return end_trial([&why](Journal *journal) {
+    return rollback(journal, why, why + "; rolled back to " + journal->old_home);
+  });
 }
 
 TARNAUX_API int32_t tarn_upgrade_status(tarn_upgrade_status_t *out) {

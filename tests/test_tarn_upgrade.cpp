@@ -143,6 +143,25 @@ class UpgradeTest : public tarn_test::UpgradeFixture {
     EXPECT_TRUE(service_config_renewed(kHomeA));
   }
 
+  // A trial whose first check sees the service; then at each tick the
+  // service crashes and the manager starts it again (the new process takes
+  // over the service's entry), and the watchdog checks half a second later.
+  // Returns the verdicts of those checks.
+  std::vector<tarn_upgrade_verdict_t> crash_and_restart(const std::vector<uint64_t> &ticks) {
+    start_agent(kStart);
+    EXPECT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
+    EXPECT_EQ(check_at(kStart + 1000).verdict, TARN_UPGRADE_VERDICT_RUNNING);
+    std::vector<tarn_upgrade_verdict_t> verdicts;
+    for (uint64_t tick : ticks) {
+      service_->stop();
+      tarn_test::set_tick(tick);
+      service_.reset(new AgentProcess(PROC_HEARTBEAT_TYPE_SERVICE, 5, tick));
+      EXPECT_TRUE(service_->registered());
+      verdicts.push_back(check_at(tick + 500));
+    }
+    return verdicts;
+  }
+
   std::unique_ptr<AgentProcess> service_;
   std::vector<std::unique_ptr<AgentProcess>> workers_;
 };
@@ -266,41 +285,20 @@ TEST_F(UpgradeTest, SilentServiceFailsAfterTwiceItsInterval) {
 }
 
 TEST_F(UpgradeTest, CrashLoopFailsOnTheThirdReplacementWithinAMinute) {
-  start_agent(kStart);
-  ASSERT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
-  EXPECT_EQ(check_at(kStart + 1000).verdict, TARN_UPGRADE_VERDICT_RUNNING);
-  // The service crashes and the manager starts it again, three times; each
-  // new process takes over the service's entry.
-  const uint64_t restarts[] = {kStart + 2000, kStart + 20000, kStart + 61000};
-  for (int i = 0; i < 3; ++i) {
-    service_->stop();
-    tarn_test::set_tick(restarts[i]);
-    service_.reset(new AgentProcess(PROC_HEARTBEAT_TYPE_SERVICE, 5, restarts[i]));
-    ASSERT_TRUE(service_->registered());
-    const tarn_upgrade_verdict_t verdict = check_at(restarts[i] + 500);
-    if (i < 2) {
-      EXPECT_EQ(verdict.verdict, TARN_UPGRADE_VERDICT_RUNNING) << verdict.reason;
-      continue;
-    }
-    // The first replacement was 59.5 s before: three within a minute.
-    EXPECT_EQ(verdict.verdict, TARN_UPGRADE_VERDICT_FAILED);
-    const std::string reason = "the service was restarted 3 times within a minute (a crash loop)";
-    EXPECT_EQ(verdict.reason, reason + "; rolled back to " + kHomeA);
-    expect_rolled_back(reason);
-  }
+  // The first replacement is 59.5 s before the third's check: three within
+  // a minute.
+  const auto verdicts = crash_and_restart({kStart + 2000, kStart + 20000, kStart + 61000});
+  EXPECT_EQ(verdicts[0].verdict, TARN_UPGRADE_VERDICT_RUNNING) << verdicts[0].reason;
+  EXPECT_EQ(verdicts[1].verdict, TARN_UPGRADE_VERDICT_RUNNING) << verdicts[1].reason;
+  EXPECT_EQ(verdicts[2].verdict, TARN_UPGRADE_VERDICT_FAILED);
+  const std::string reason = "the service was restarted 3 times within a minute (a crash loop)";
+  EXPECT_EQ(verdicts[2].reason, reason + "; rolled back to " + kHomeA);
+  expect_rolled_back(reason);
 }
 
 TEST_F(UpgradeTest, ReplacementsMoreThanAMinuteApartAreNoCrashLoop) {
-  start_agent(kStart);
-  ASSERT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
-  EXPECT_EQ(check_at(kStart + 1000).verdict, TARN_UPGRADE_VERDICT_RUNNING);
-  const uint64_t restarts[] = {kStart + 2000, kStart + 30000, kStart + 62000};
-  for (uint64_t at : restarts) {
-    service_->stop();
-    tarn_test::set_tick(at);
-    service_.reset(new AgentProcess(PROC_HEARTBEAT_TYPE_SERVICE, 5, at));
-    ASSERT_TRUE(service_->registered());
-    EXPECT_EQ(check_at(at + 500).verdict, TARN_UPGRADE_VERDICT_RUNNING);
+  for (const auto &verdict : crash_and_restart({kStart + 2000, kStart + 30000, kStart + 62000})) {
+    EXPECT_EQ(verdict.verdict, TARN_UPGRADE_VERDICT_RUNNING) << verdict.reason;
   }
   EXPECT_EQ(recorded_home(), kHomeB);
 }

@@ -71,64 +71,43 @@ struct Pending {
 };
 
 #if defined(__x86_64__)
+// Where a file operation's arguments are, by system call: the argument
+// numbers (0 to 5) of its descriptor, path, new path and open flags; -1
+// for none. A write's buffer and length follow its descriptor.
+struct CallShape {
+  long call;
+  FileEvent::Kind kind;
+  int fd, path, target, flags;
+};
+const CallShape kShapes[] = {
+    {SYS_open, FileEvent::kOpen, -1, 0, -1, 1},     {SYS_openat, FileEvent::kOpen, -1, 1, -1, 2},
+    {SYS_write, FileEvent::kWrite, 0, -1, -1, -1},  {SYS_fsync, FileEvent::kFsync, 0, -1, -1, -1},
+    {SYS_fdatasync, FileEvent::kFsync, 0, -1, -1, -1}, {SYS_rename, FileEvent::kRename, -1, 0, 1, -1},
+    {SYS_renameat, FileEvent::kRename, -1, 1, 3, -1}, {SYS_renameat2, FileEvent::kRename, -1, 1, 3, -1},
+    {SYS_unlink, FileEvent::kUnlink, -1, 0, -1, -1}, {SYS_unlinkat, FileEvent::kUnlink, -1, 1, -1, -1},
+    {SYS_close, FileEvent::kClose, 0, -1, -1, -1},  {SYS_ftruncate, FileEvent::kTruncate, 0, -1, -1, -1},
+};
+
 Pending at_entry(pid_t pid, const user_regs_struct &regs, long number) {
   Pending pending;
-  FileEvent &event = pending.event;
-  event.syscall = number;
-  const long call = (long)regs.orig_rax;
-  switch (call) {
-    case SYS_open:
-    case SYS_openat: {
-      const bool at = call == SYS_openat;
-      event.kind = FileEvent::kOpen;
-      event.path = read_string(pid, at ? regs.rsi : regs.rdi);
-      const long flags = (long)(at ? regs.rdx : regs.rsi);
-      event.truncate = (flags & O_TRUNC) != 0;
-      pending.directory = (flags & O_DIRECTORY) != 0;
-      break;
+  const unsigned long long args[6] = {regs.rdi, regs.rsi, regs.rdx, regs.r10, regs.r8, regs.r9};
+  for (const CallShape &shape : kShapes) {
+    if (shape.call != (long)regs.orig_rax) continue;
+    FileEvent &event = pending.event;
+    event.kind = shape.kind;
+    event.syscall = number;
+    if (shape.fd >= 0) event.fd = (int)args[shape.fd];
+    if (shape.path >= 0) event.path = read_string(pid, args[shape.path]);
+    if (shape.target >= 0) event.target = read_string(pid, args[shape.target]);
+    if (shape.flags >= 0) {
+      event.truncate = (args[shape.flags] & O_TRUNC) != 0;
+      pending.directory = (args[shape.flags] & O_DIRECTORY) != 0;
     }
-    case SYS_write:
-      event.kind = FileEvent::kWrite;
-      event.fd = (int)regs.rdi;
-      event.data = read_memory(pid, regs.rsi, (size_t)regs.rdx);
-      break;
-    case SYS_fsync:
-    case SYS_fdatasync:
-      event.kind = FileEvent::kFsync;
-      event.fd = (int)regs.rdi;
-      break;
-    case SYS_rename:
-      event.kind = FileEvent::kRename;
-      event.path = read_string(pid, regs.rdi);
-      event.target = read_string(pid, regs.rsi);
-      break;
-    case SYS_renameat:
-    case SYS_renameat2:
-      event.kind = FileEvent::kRename;
-      event.path = read_string(pid, regs.rsi);
-      event.target = read_string(pid, regs.r10);
-      break;
-    case SYS_unlink:
-      event.kind = FileEvent::kUnlink;
-      event.path = read_string(pid, regs.rdi);
-      break;
-    case SYS_unlinkat:
-      event.kind = FileEvent::kUnlink;
-      event.path = read_string(pid, regs.rsi);
-      break;
-    case SYS_close:
-      event.kind = FileEvent::kClose;
-      event.fd = (int)regs.rdi;
-      break;
-    case SYS_ftruncate:
-      event.kind = FileEvent::kTruncate;
-      event.fd = (int)regs.rdi;
-      event.truncate = true;
-      break;
-    default:
-      return pending;
+    if (shape.kind == FileEvent::kTruncate) event.truncate = true;
+    if (shape.kind == FileEvent::kWrite) event.data = read_memory(pid, args[1], (size_t)args[2]);
+    pending.kind = event.kind;
+    break;
   }
-  pending.kind = event.kind;
   return pending;
 }
 #endif

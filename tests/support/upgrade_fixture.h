@@ -9,17 +9,10 @@
 #define TARN_TEST_UPGRADE_FIXTURE_H
 
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <map>
-#include <string>
 
 #include "fakes.h"
-#include "install_root.h"
+#include "install_root.h"  // also the file, directory and container headers used here
 
 namespace tarn_test {
 
