@@ -80,8 +80,10 @@
  *   info "upgrade trial restarts: the machine restarted\n"
  *   info "upgrade finishes the step left by a stopped process: %s\n" (the
  *        state it found)
- * tarn_apphome_update, restart_tarn_process and get_all_proc_heartbeats
- * log their own lines as their headers say.
+ * tarn_apphome_get_apphome (begin reads the record with it),
+ * tarn_apphome_update, restart_tarn_process, get_all_proc_heartbeats and
+ * the operational test (its info lines, tarn_apphome.h) log their own
+ * lines as their headers say.
  */
 #ifndef TARN_UPGRADE_H
 #define TARN_UPGRADE_H

@@ -509,3 +509,64 @@ TEST_F(UpgradeTest, UnreadableJournalLeavesTheRecordAndIsReported) {
 }
 
 }  // namespace
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Failures of the steps, each with its line.
+
+TEST_F(UpgradeTest, AJournalThatCannotBeSavedStopsBeginBeforeTheRecord) {
+  // A directory at the journal's name: it cannot be read, nor replaced.
+  ASSERT_TRUE(tarn_test::make_dirs(kJournalPath));
+  EXPECT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_E_JOURNAL);
+  EXPECT_LOGGED("warn", std::string("upgrade journal ") + kJournalPath + " cannot be read, the record stands\n");
+  EXPECT_LOGGED("warn", tarn_test::format("upgrade journal %s cannot be saved, error %d\n", kJournalPath, EISDIR));
+  EXPECT_EQ(recorded_home(), kHomeA);
+}
+
+TEST_F(UpgradeTest, AnOperationLockThatCannotBeTakenIsReported) {
+  const std::string lock = std::string(tarn_test::kInstallRoot) + "/tarn_upgrade.lock";
+  ASSERT_EQ(symlink("/tmp/elsewhere", lock.c_str()), 0);
+  EXPECT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_E_LOCK);
+  EXPECT_EQ(tarn_upgrade_commit(), TARN_UPGRADE_E_LOCK);
+  EXPECT_EQ(tarn_upgrade_rollback(nullptr), TARN_UPGRADE_E_LOCK);
+  EXPECT_LOGGED("warn", tarn_test::format("upgrade lock %s cannot be taken, error %d\n", lock.c_str(), ELOOP));
+  EXPECT_EQ(recorded_home(), kHomeA);
+  EXPECT_FALSE(tarn_test::exists(kJournalPath));
+}
+
+TEST_F(UpgradeTest, ARecordThatCannotBeUpdatedLeavesRollingBackUntilItCan) {
+  ASSERT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
+  // The record's lock file replaced by a link: tarn_apphome_update refuses.
+  ASSERT_EQ(unlink(tarn_test::kRecordLockPath), 0);
+  ASSERT_EQ(symlink("/tmp/elsewhere", tarn_test::kRecordLockPath), 0);
+  EXPECT_EQ(tarn_upgrade_rollback("bad"), TARN_UPGRADE_E_RECORD);
+  EXPECT_LOGGED("warn", "upgrade record cannot be updated, error 1\n");
+  tarn_upgrade_status_t status;
+  ASSERT_EQ(tarn_upgrade_status(&status), TARN_UPGRADE_OK);
+  EXPECT_EQ(status.state, TARN_UPGRADE_STATE_ROLLING_BACK);
+  ASSERT_EQ(unlink(tarn_test::kRecordLockPath), 0);
+  EXPECT_EQ(tarn_upgrade_commit(), TARN_UPGRADE_E_NO_TRIAL);
+  expect_rolled_back("bad");
+}
+
+TEST_F(UpgradeTest, ACheckWithoutTheHeartbeatTableLeavesTheTrial) {
+  ASSERT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
+  ASSERT_EQ(proc_heartbeat_deinit(false), 0);
+  tarn_test::clear_logs();
+  const tarn_upgrade_verdict_t verdict = check_at(kStart + 1000, TARN_UPGRADE_E_HEARTBEAT);
+  EXPECT_EQ(verdict.verdict, TARN_UPGRADE_VERDICT_RUNNING);
+  EXPECT_STREQ(verdict.reason, "the heartbeat table cannot be read");
+  EXPECT_LOGGED("warn", "upgrade heartbeat table cannot be read, error -2\n");
+  EXPECT_EQ(recorded_home(), kHomeB);
+  ASSERT_EQ(proc_heartbeat_init(1), 0);
+}
+
+TEST_F(UpgradeTest, BeginWithoutARecordIsRefused) {
+  ASSERT_EQ(unlink(tarn_test::kRecordPath), 0);
+  EXPECT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_E_RECORD);
+  EXPECT_LOGGED("warn", "upgrade refused: the record cannot be read\n");
+  EXPECT_FALSE(tarn_test::exists(kJournalPath));
+}
+
+}  // namespace
