@@ -572,7 +572,10 @@ TARNAUX_API int32_t tarn_upgrade_check(tarn_upgrade_verdict_t *verdict_out) {
   // operation lock (saves replace the journal in one step, so the read is
   // whole), and only a verdict that writes takes the lock and judges again.
   load_journal(&journal, true);
-  if (journal.state == TARN_UPGRADE_STATE_NONE) return TARN_UPGRADE_OK;
+  if (journal.state == TARN_UPGRADE_STATE_NONE || journal.state == TARN_UPGRADE_STATE_COMMITTED ||
+      journal.state == TARN_UPGRADE_STATE_ROLLED_BACK) {
+    return TARN_UPGRADE_OK;
+  }
   if (journal.state == TARN_UPGRADE_STATE_TRIAL) {
     const int32_t quiet = judge(&journal, verdict_out, true);
     if (quiet != kNeedsWrite) return quiet;
