@@ -29,6 +29,7 @@
 
 #include <sodium.h>
 
+#include "log_frame.h"
 #include "qiv_ejs_key.h"
 
 namespace {
@@ -264,6 +265,10 @@ bool find_trusted_key(const char *keys_dir, const unsigned char id[kKeyIdSize],
     if (kind == KeyFile::unusable) continue;
     unsigned char file_id[kKeyIdSize];
     key_id_of(key, file_id);
+    // An unsafe file is reported whoever's key it holds: its owner meant it
+    // to be trusted and should learn that it is not.
+    if (kind == KeyFile::unsafe)
+      LOG(warn, "key file %s/%s ignored (not root's or writable by others)\n", keys_dir, entry->d_name);
     if (memcmp(file_id, id, kKeyIdSize) != 0) continue;
     if (kind == KeyFile::usable) return true;
     ignored = entry->d_name;

@@ -104,7 +104,10 @@ void record_identity(int slot, const tarn_process_identity_t *identity) {
 // the one that holds `who`'s identity.
 bool same_process(int slot, const tarn_process_identity_t *who) {
   const tarn_process_identity_t *recorded = known_identity(slot);
-  return recorded == nullptr || who == nullptr || tarn_process_identity_same(recorded, who) != 0;
+  // A beat asks this of its own slot each time: the whole identity is
+  // compared first, which settles the usual case without a call.
+  return recorded == nullptr || who == nullptr || memcmp(recorded, who, sizeof(*who)) == 0 ||
+         tarn_process_identity_same(recorded, who) != 0;
 }
 
 void log_cleared(int slot) {
@@ -545,9 +548,9 @@ TARNAUX_API int32_t update_proc_beat_tick(void) {
     LOG(warn, "update process heartbeat tick failed, because of not inited\n");
     return PROC_HEARTBEAT_E_UNINITIALIZED;
   }
-  const int32_t pid = tarn_process_get_pid();
   tarn_process_identity_t self;
   const bool self_known = tarn_process_get_self_identity(&self) == 0;
+  const int32_t pid = self_known ? self.pid : tarn_process_get_pid();
   const uint64_t tick = tarn_time_get_tick_cout();
   TableLock lock(PROC_HEARTBEAT_LOCK_TIMEOUT_MS);
   if (!lock.held()) {

@@ -10,6 +10,9 @@
 #include <tarn_utils.h>
 #include <untgz.h>
 #include <version_mgr.h>
+#include <tarnaux_version.h>
+#include <tarnaux/tarnaux.h>
+#include <tarnaux/version_mgr.h>
 #include <tarn_process_control.h>
 #include <tarn_product.h>
 #include <tarn_upgrade.h>
@@ -32,5 +35,8 @@
 #include <tarnbase/tarn_uuid.h>
 #include <tarnbase/tarn_vector.h>
 #include <tarnbase/tarn_xhash.h>
+#include <tarnbase/tarnbase_version.h>
+#include <qiv_ejs/qiv_ejs.h>
+#include <qiv_ejs/qiv_ejs_version.h>
 
 int public_headers_compile_as_c99(void) { return (int)sizeof(proc_heartbeat_info_t); }

@@ -28,6 +28,7 @@
 #include <jansson.h>
 #include <qiv_ejs/qiv_ejs.h>
 #include <sodium.h>
+#include <tarnbase/tarn_log.h>
 
 #include "child_process.h"
 #include "files.h"
@@ -40,6 +41,31 @@ using tarn_test::make_temp_directory;
 using tarn_test::read_file;
 using tarn_test::reap;
 using tarn_test::write_file;
+
+// Keeps the library's log lines, as "[level] message", while it lives.
+class LogCapture {
+ public:
+  LogCapture() {
+    lines_ = {};
+    tarn_log_register(&LogCapture::sink, nullptr);
+  }
+  ~LogCapture() { tarn_log_register(&LogCapture::discard, nullptr); }
+  const std::vector<std::string> &lines() const { return lines_; }
+  void clear() { lines_.clear(); }
+
+ private:
+  static void sink(void *, uint32_t, const char *line, size_t length) {
+    // "[time] [level] [pid:..] [tid:..] [kep] [file:line] message"
+    const std::string text(line, length);
+    const size_t word = text.find("] [") + 2;
+    const size_t word_end = text.find(']', word) + 1;
+    const size_t message = text.find("] ", text.find("] [kep] [") + 8) + 2;
+    lines_.push_back(text.substr(word, word_end - word) + " " + text.substr(message));
+  }
+  static void discard(void *, uint32_t, const char *, size_t) {}
+  static std::vector<std::string> lines_;
+};
+std::vector<std::string> LogCapture::lines_;
 
 constexpr size_t kHeaderSize = 8;
 constexpr size_t kKeyIdSize = 8;
@@ -878,6 +904,7 @@ TEST_F(QivEjsTest, KeysRotateAndARevokedKeyIsRefused) {
 TEST_F(QivEjsTest, AnUnsafeKeyFileIsIgnoredAndNamed) {
   const std::string path = signed_file("m.ejs", kManifest, key_pair("k").c_str());
   const std::string ignored = " ignored (not root's or writable by others)";
+  const std::string other_path = signed_file("o.ejs", kManifest, key_pair("other").c_str());  // not trusted
   struct Case {
     const char *name;
     mode_t mode;
@@ -887,10 +914,21 @@ TEST_F(QivEjsTest, AnUnsafeKeyFileIsIgnoredAndNamed) {
     SCOPED_TRACE(c.name);
     const std::string file = trust("k", "k.pub", c.mode);
     ASSERT_EQ(0, chown(file.c_str(), c.owner, 0));
+    // expect_refused() loads three times, through each way in; every scan
+    // of the directory reports the file once.
+    const std::vector<std::string> warned(3, "[warn] key file " + file + ignored + "\n");
+    LogCapture capture;
     expect_refused(path, EBADMSG, "signing key not trusted: key file " + file + ignored);
+    EXPECT_EQ(warned, capture.lines());
+    // So does a scan for another key, which the file does not hold.
+    capture.clear();
+    expect_refused(other_path, EBADMSG, "signing key not trusted");
+    EXPECT_EQ(warned, capture.lines());
     ASSERT_EQ(0, chown(file.c_str(), 0, 0));
     ASSERT_EQ(0, chmod(file.c_str(), 0644));
+    capture.clear();
     EXPECT_EQ(kManifest, open_text(path).text) << "the same file made safe is trusted";
+    EXPECT_EQ(std::vector<std::string>{}, capture.lines()) << "and not reported";
     std::filesystem::remove_all(kKeysDir);
   }
   // A link to a safe key file is not followed; another file's key, a file

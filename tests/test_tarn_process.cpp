@@ -522,6 +522,15 @@ TEST(ProcessIdentity, RefusesBadArgumentsWithEinval) {
   unsigned char exited[1];
   EXPECT_EQ(tarn_process_poll_exited(nullptr, 1, exited), -1);
   EXPECT_EQ(errno, EINVAL);
+  const int fds[1] = {-1};
+  errno = 0;
+  EXPECT_EQ(tarn_process_poll_exited(fds, 1, nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);
+  errno = 0;
+  exited[0] = 7;
+  EXPECT_EQ(tarn_process_poll_exited(fds, -1, exited), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(exited[0], 7) << "nothing written";
 }
 
 TEST(ProcessIdentity, TheCallersIdentityIsItsOwnAndStaysTheSame) {

@@ -32,9 +32,16 @@
 #include "files.h"
 #include "install_root.h"
 #include "manifests.h"
+#include "tarnctl_run.h"
 
 namespace {
 
+using tarn_test::dump;
+using tarn_test::lines_of;
+using tarn_test::Outcome;
+using tarn_test::run_program;
+using tarn_test::tarnctl;
+using tarn_test::words_of;
 using tarn_test::exists;
 using tarn_test::kBackupPath;
 using tarn_test::kHomeA;
@@ -50,74 +57,6 @@ using tarn_test::seal_manifest;
 using tarn_test::under_root;
 using tarn_test::write_file;
 
-// What a finished program left behind.
-struct Outcome {
-  int status = -1;  // exit status, or tarn_test::killed_by(signal)
-  std::string out;
-  std::string err;
-};
-
-std::string read_stream(FILE *file) {
-  std::string text;
-  rewind(file);
-  char buffer[4096];
-  size_t got = 0;
-  while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) text.append(buffer, got);
-  return text;
-}
-
-// Runs argv (the program is looked up in PATH when it has no '/') with its
-// standard output and error in temporary files. prepare runs in the child
-// before the program starts; when it returns false the child exits with 126.
-// A program that cannot be started leaves "cannot run PROGRAM: REASON" on
-// its standard error and exit status 127.
-Outcome run_program(const std::vector<std::string> &argv, const std::function<bool()> &prepare = {}) {
-  std::unique_ptr<FILE, int (*)(FILE *)> out(tmpfile(), fclose);
-  std::unique_ptr<FILE, int (*)(FILE *)> err(tmpfile(), fclose);
-  Outcome outcome;
-  if (!out || !err) return outcome;
-  const pid_t pid = tarn_test::fork_flushed();
-  if (pid == 0) {
-    if (dup2(fileno(out.get()), STDOUT_FILENO) < 0 || dup2(fileno(err.get()), STDERR_FILENO) < 0) _exit(125);
-    if (prepare && !prepare()) _exit(126);
-    std::vector<char *> words;
-    for (const std::string &word : argv) words.push_back(const_cast<char *>(word.c_str()));
-    words.push_back(nullptr);
-    execvp(words[0], words.data());
-    fprintf(stderr, "cannot run %s: %s\n", words[0], strerror(errno));
-    fflush(stderr);
-    _exit(127);
-  }
-  outcome.status = tarn_test::reap(pid);
-  outcome.out = read_stream(out.get());
-  outcome.err = read_stream(err.get());
-  return outcome;
-}
-
-Outcome tarnctl(std::vector<std::string> args, const std::function<bool()> &prepare = {}) {
-  args.insert(args.begin(), TARNCTL_PATH);
-  return run_program(args, prepare);
-}
-
-std::vector<std::string> lines_of(const std::string &text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  std::string line;
-  while (std::getline(stream, line)) lines.push_back(line);
-  return lines;
-}
-
-std::vector<std::string> words_of(const std::string &line) {
-  std::vector<std::string> words;
-  std::istringstream stream(line);
-  std::string word;
-  while (stream >> word) words.push_back(word);
-  return words;
-}
-
-std::string dump(const Outcome &outcome) {
-  return "status " + std::to_string(outcome.status) + "\n--- stdout\n" + outcome.out + "--- stderr\n" + outcome.err;
-}
 
 // A program's failure: the exit code and exactly one error line.
 #define EXPECT_FAILS(outcome, code, line)                              \

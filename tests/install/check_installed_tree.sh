@@ -8,12 +8,16 @@
 # check_installed_tree.sh pkg-config|find-package PREFIX LIBDIR WORK SANDBOX CONSUMER
 #   Builds the program CONSUMER/consumer.c in WORK (emptied first) against
 #   the install in PREFIX, through pkg-config or through the CMake project
-#   CONSUMER and find_package(tarnaux), runs it inside the sandbox runner
-#   SANDBOX (it reads the configuration file at its fixed path), and checks
-#   its output and that it loads the libraries of PREFIX.
+#   CONSUMER and find_package(tarnaux), twice: naming the headers of
+#   libtarnaux <tarnaux/NAME.h> and by their bare names <NAME.h>. Runs each
+#   inside the sandbox runner SANDBOX (it reads the configuration file at
+#   its fixed path), and checks its output and that it loads the libraries
+#   of PREFIX.
 # Environment: TARN_CMAKE (cmake), CC (the C compiler), TARN_CONSUMER_FLAGS
 # (extra compile and link flags for the program), TARN_EJS_SECRET_KEY (the
-# build's secret key file, with which the program signs its manifest).
+# build's secret key file, with which the program signs its manifest),
+# TARN_VERSION (the project's version, which the headers and libraries
+# report).
 set -euo pipefail
 here=$(dirname "$(realpath "$0")")
 # shellcheck source-path=SCRIPTDIR source=layout.sh
@@ -51,7 +55,13 @@ expected_output() {
     mips64*) cpu=4 system=mips64 ;;
     *) cpu=0 system='(null)' ;;
   esac
+  local version=${TARN_VERSION:?} hex
+  IFS=. read -r major minor patch <<<"$version"
+  hex=$(printf '0x%02x%02x%02x' "$major" "$minor" "$patch")
   cat <<OUT
+libtarnaux: headers $version, library $version, $hex
+libtarnbase: headers $version, library $version, $hex
+libqiv_ejs: headers $version, library $version, $hex
 parse 3.2.17: 0 3.2.17
 parse 1..3: 1 0.0.0
 compare 1.10.0 1.9.9: 1
@@ -72,10 +82,10 @@ run_consumer() {
   "$sandbox" bash -c 'mkdir -p /etc/velmora &&
       printf "[platform]\nx86_companion = 1\n" >/etc/velmora/tarnbase.conf && exec "$@"' \
     consumer "$program" "$work/manifest.ejs" "${TARN_EJS_SECRET_KEY:?}" >"$work/stdout" 2>"$work/stderr" || status=$?
-  [ $status -eq 0 ] || { cat "$work/stderr"; fail "the program exited with status $status"; }
-  [ ! -s "$work/stderr" ] || { cat "$work/stderr"; fail "the program wrote on standard error"; }
+  [ $status -eq 0 ] || { cat "$work/stderr"; fail "${program##*/} exited with status $status"; }
+  [ ! -s "$work/stderr" ] || { cat "$work/stderr"; fail "${program##*/} wrote on standard error"; }
   if [ "$(cat "$work/stdout")" != "$(expected_output)" ]; then
-    echo "FAILED: the program's output differs (< expected, > actual):"
+    echo "FAILED: the output of ${program##*/} differs (< expected, > actual):"
     diff <(expected_output) "$work/stdout" || true
     exit 1
   fi
@@ -89,9 +99,13 @@ case $mode in
     "$cmake" --install "$build" --prefix "$prefix" >/dev/null
     compare_layout "the installed tree" "$(expected_layout "$source" "$libdir" "$version")" \
       "$(installed_layout "$prefix")" || exit 1
-    diff -r "$source/include" "$prefix/include/tarnaux" || fail "installed libtarnaux headers differ"
-    diff -r "$source/libtarnbase/include/tarnbase" "$prefix/include/tarnbase" ||
+    # The version headers are generated; the others are the sources'.
+    diff -r -x tarnaux_version.h "$source/include" "$prefix/include/tarnaux" ||
+      fail "installed libtarnaux headers differ"
+    diff -r -x tarnbase_version.h "$source/libtarnbase/include/tarnbase" "$prefix/include/tarnbase" ||
       fail "installed libtarnbase headers differ"
+    diff -r -x qiv_ejs_version.h "$source/libqiv_ejs/include/qiv_ejs" "$prefix/include/qiv_ejs" ||
+      fail "installed libqiv_ejs headers differ"
     for pc in tarnaux tarnbase qiv_ejs; do
       grep -qx "prefix=$prefix" "$prefix/$libdir/pkgconfig/$pc.pc" || fail "$pc.pc does not name $prefix"
     done
@@ -105,9 +119,11 @@ case $mode in
     if [ "$mode" = pkg-config ]; then
       export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
       read -r -a flags <<<"$(pkg-config --cflags --libs tarnaux qiv_ejs)"
-      program=$work/consumer
+      programs=("$work/consumer" "$work/consumer-flat")
       "$cc" -std=c99 -Wall -Wextra -Werror "${consumer_flags[@]}" "$consumer/consumer.c" \
-        "${flags[@]}" -Wl,-rpath,"$prefix/$libdir" -o "$program"
+        "${flags[@]}" -Wl,-rpath,"$prefix/$libdir" -o "${programs[0]}"
+      "$cc" -std=c99 -Wall -Wextra -Werror -DTARN_CONSUMER_FLAT_INCLUDES "${consumer_flags[@]}" \
+        "$consumer/consumer.c" "${flags[@]}" -Wl,-rpath,"$prefix/$libdir" -o "${programs[1]}"
     else
       "$cmake" -S "$consumer" -B "$work/build" -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="-Wall -Wextra -Werror ${consumer_flags[*]}" \
@@ -117,10 +133,12 @@ case $mode in
       [ "$found" = "$prefix/$libdir/cmake/tarnaux" ] || fail "find_package found tarnaux in '$found'"
       "$cmake" --build "$work/build" >"$work/build.log" ||
         { cat "$work/build.log"; fail "the consumer project does not build"; }
-      program=$work/build/consumer
+      programs=("$work/build/consumer" "$work/build/consumer-flat")
     fi
-    check_loads_from "$program" "$prefix/$libdir" "${libraries[@]}"
-    run_consumer "$sandbox" "$program" "$work"
+    for program in "${programs[@]}"; do
+      check_loads_from "$program" "$prefix/$libdir" "${libraries[@]}"
+      run_consumer "$sandbox" "$program" "$work"
+    done
     ;;
   *) echo "usage: $0 install|pkg-config|find-package ARGS..." >&2; exit 2 ;;
 esac

@@ -114,6 +114,19 @@ std::string capture_stderr(bool verbose, const std::function<void()> &fn) {
   return text;
 }
 
+int print_json(const Invocation &inv, json_t *object) {
+  std::unique_ptr<json_t, void (*)(json_t *)> members(object, json_decref);
+  std::unique_ptr<json_t, void (*)(json_t *)> answer(json_object(), json_decref);
+  bool built = answer && json_object_set_new(answer.get(), "schema", json_integer(kJsonSchema)) == 0 &&
+               json_object_set_new(answer.get(), "command", json_string(inv.command.c_str())) == 0;
+  if (built && members) built = json_object_update(answer.get(), members.get()) == 0;
+  if (!built || json_dumpf(answer.get(), stdout, JSON_INDENT(2) | JSON_PRESERVE_ORDER) != 0 ||
+      putchar('\n') == EOF || fflush(stdout) != 0) {
+    return fail(inv, kExitMissing, "cannot write the JSON text");
+  }
+  return kExitOk;
+}
+
 bool parse_unsigned(const std::string &text, uint64_t max, uint64_t *out) {
   if (text.empty() || text.size() > 20) return false;
   uint64_t value = 0;

@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#include <jansson.h>
+
 #include <functional>
 #include <set>
 #include <string>
@@ -60,6 +62,16 @@ std::string last_log_problem(const std::string &fallback);
 // (tar) cannot add lines to the tool's own error output. With verbose the
 // text is copied to standard error as well.
 std::string capture_stderr(bool verbose, const std::function<void()> &fn);
+
+// Prints object as the --json answer of inv's subcommand: one JSON object on
+// standard output whose first members are "schema" (the version of the
+// output's layout, kJsonSchema) and "command" (the subcommand as typed), then
+// object's own members in their order, and a line end; standard output is
+// flushed. Takes the caller's reference to object (it may be NULL, for "no
+// members"). Returns kExitOk, or kExitMissing after an error line when the
+// text cannot be written.
+constexpr int kJsonSchema = 1;
+int print_json(const Invocation &inv, json_t *object);
 
 // Parses decimal digits only (no sign, no blanks) into *out, refusing values
 // above max.

@@ -5,7 +5,9 @@
  * keys. A file opens only when its signature checks out under a trusted
  * public key that is not revoked: the build's own public key (compiled in)
  * or a key file in /etc/velmora/keys.d (a regular file owned by root that
- * group and others may not write; others are ignored). A key is revoked by
+ * group and others may not write; others are ignored, and each scan of the
+ * directory that meets one logs at warn "key file <dir>/<name> ignored (not
+ * root's or writable by others)" through libtarnbase's log). A key is revoked by
  * any entry /etc/velmora/keys.d/revoked/<key id>. The whole file is checked
  * before any of it is parsed, so a changed, cut or appended byte, an
  * unsigned file or one signed by another key makes a load fail: a load
@@ -59,11 +61,7 @@
 
 #include <jansson.h>
 
-#if defined(QIV_EJS_BUILDING)
-#define QIV_EJS_API __attribute__((visibility("default")))
-#else
-#define QIV_EJS_API
-#endif
+#include <qiv_ejs/qiv_ejs_api.h>
 
 #ifdef __cplusplus
 extern "C" {

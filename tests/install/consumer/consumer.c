@@ -3,11 +3,23 @@
  * prints what the libraries answer; check_installed_tree.sh knows what that
  * must be. */
 #include <stdio.h>
+#include <string.h>
 
 #include <qiv_ejs/qiv_ejs.h>
-#include <tarnaux/tarn_apphome.h>
+#include <qiv_ejs/qiv_ejs_version.h>
+/* Built twice: with the headers of libtarnaux named as installed,
+ * <tarnaux/...>, and (TARN_CONSUMER_FLAT_INCLUDES) by their bare names, as
+ * programs written for the flat include folder do. */
+#ifdef TARN_CONSUMER_FLAT_INCLUDES
+#include <tarn_apphome.h>
+#include <tarnaux_version.h>
+#include <version_mgr.h>
+#else
+#include <tarnaux/tarnaux.h>
 #include <tarnaux/version_mgr.h>
+#endif
 #include <tarnbase/tarn_platform.h>
+#include <tarnbase/tarnbase_version.h>
 
 static const char *or_null(const char *text) { return text ? text : "(null)"; }
 
@@ -26,11 +38,27 @@ static void print_compare(const char *first, const char *second) {
   printf("compare %s %s: %d\n", first, second, (int)version_mgr_compare_version(a, b));
 }
 
+/* The version of the headers against the library's, and the parts against
+ * the hexadecimal form. */
+static void print_version(const char *name, const char *header, const char *library,
+                          unsigned major, unsigned minor, unsigned patch, unsigned hex) {
+  const unsigned parts = (major << 16) | (minor << 8) | patch;
+  printf("%s: headers %s, library %s, 0x%06x%s\n", name, header, library, hex,
+         strcmp(header, library) == 0 && parts == hex ? "" : " (mismatch)");
+}
+
 int main(int argc, char **argv) {
   if (argc != 3) {
     fprintf(stderr, "usage: consumer MANIFEST SECRET_KEY\n");
     return 2;
   }
+  print_version("libtarnaux", TARNAUX_VERSION_STRING, tarnaux_version_string(), TARNAUX_VERSION_MAJOR,
+                TARNAUX_VERSION_MINOR, TARNAUX_VERSION_PATCH, TARNAUX_VERSION_HEX);
+  print_version("libtarnbase", TARNBASE_VERSION_STRING, tarnbase_version_string(),
+                TARNBASE_VERSION_MAJOR, TARNBASE_VERSION_MINOR, TARNBASE_VERSION_PATCH,
+                TARNBASE_VERSION_HEX);
+  print_version("libqiv_ejs", QIV_EJS_VERSION_STRING, qiv_ejs_version_string(), QIV_EJS_VERSION_MAJOR,
+                QIV_EJS_VERSION_MINOR, QIV_EJS_VERSION_PATCH, QIV_EJS_VERSION_HEX);
   print_parse("3.2.17");
   print_parse("1..3");
   print_compare("1.10.0", "1.9.9");
