@@ -1,15 +1,11 @@
 // tarnctl upgrade as its users run it: the built program is started as a
-// child (in the test's sandbox) against app homes, a record and a heartbeat
-// table made here; its standard output, standard error and exit code are
-// checked, and every --json object is validated against its schema in
-// docs/tarnctl.md.
+// child (in the test's sandbox, tarnctl_run.h) against app homes, a record
+// and a heartbeat table made here; its standard output, standard error and
+// exit code are checked, and every --json answer is validated against its
+// schema in docs/tarnctl.md.
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -17,59 +13,17 @@
 
 #include <tarn_heartbeat.h>
 
-#include "child_process.h"
 #include "files.h"
 #include "install_root.h"
+#include "tarnctl_run.h"
 
 namespace {
 
 using tarn_test::kHomeA;
 using tarn_test::kHomeB;
-
-struct Outcome {
-  int status = -1;
-  std::string out, err;
-};
-
-// Runs tarnctl with args; its output and error go to files of /tmp.
-Outcome tarnctl(const std::vector<std::string> &args) {
-  Outcome outcome;
-  const std::string out_path = "/tmp/tarnctl.out", err_path = "/tmp/tarnctl.err";
-  const pid_t pid = tarn_test::fork_flushed();
-  if (pid == 0) {
-    const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
-    std::vector<char *> words = {const_cast<char *>(TARNCTL_PATH)};
-    for (const std::string &arg : args) words.push_back(const_cast<char *>(arg.c_str()));
-    words.push_back(nullptr);
-    execv(TARNCTL_PATH, words.data());
-    _exit(127);
-  }
-  outcome.status = tarn_test::reap(pid);
-  outcome.out = tarn_test::read_file(out_path);
-  outcome.err = tarn_test::read_file(err_path);
-  return outcome;
-}
-
-// "" when text is valid against the schema of command in docs/tarnctl.md,
-// otherwise the validator's words.
-std::string schema_problem(const std::string &command, const std::string &text) {
-  if (!tarn_test::write_file("/tmp/object.json", text)) return "cannot write the object";
-  const std::string script =
-      "import json,re,sys\n"
-      "import jsonschema\n"
-      "doc=open(sys.argv[1]).read()\n"
-      "m=re.search(r'<!-- json-schema: '+re.escape(sys.argv[2])+r' -->\\n```json\\n(.*?)```',doc,re.S)\n"
-      "if not m: sys.exit('no schema for '+sys.argv[2])\n"
-      "jsonschema.validate(json.load(open(sys.argv[3])),json.loads(m.group(1)))\n";
-  if (!tarn_test::write_file("/tmp/validate.py", script)) return "cannot write the validator";
-  const std::string command_line = "python3 /tmp/validate.py '" TARN_DOCS_DIR "/tarnctl.md' '" + command +
-                                   "' /tmp/object.json > /tmp/validate.out 2>&1";
-  const int status = system(command_line.c_str());
-  if (status == 0) return "";
-  return tarn_test::read_file("/tmp/validate.out");
-}
+using tarn_test::Outcome;
+using tarn_test::schema_problems;
+using tarn_test::tarnctl;
 
 class TarnctlUpgradeTest : public ::testing::Test {
  protected:
@@ -101,7 +55,7 @@ class TarnctlUpgradeTest : public ::testing::Test {
     args.push_back("--json");
     const Outcome outcome = tarnctl(args);
     EXPECT_EQ(outcome.status, status) << outcome.out << outcome.err;
-    EXPECT_EQ(schema_problem(command, outcome.out), "") << outcome.out;
+    EXPECT_EQ(schema_problems(command, outcome.out), "") << outcome.out;
     return outcome.out;
   }
 };
@@ -138,7 +92,7 @@ TEST_F(TarnctlUpgradeTest, BeginCheckRollbackAndStatus) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.err, "tarnctl: upgrade commit: no upgrade is on trial\n");
   EXPECT_TRUE(has(refused.out, "\"error\": \"no upgrade is on trial\"")) << refused.out;
-  EXPECT_EQ(schema_problem("upgrade commit", refused.out), "");
+  EXPECT_EQ(schema_problems("upgrade commit", refused.out), "");
 }
 
 TEST_F(TarnctlUpgradeTest, BeginAndCommit) {
@@ -154,7 +108,7 @@ TEST_F(TarnctlUpgradeTest, BadTrialLengthIsAUsageError) {
   const Outcome outcome = tarnctl({"upgrade", "begin", kHomeB, "0", "--json"});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.err, "tarnctl: upgrade begin: trial length 0 is not a number of seconds from 1 to 604800\n");
-  EXPECT_EQ(schema_problem("upgrade begin", outcome.out), "");
+  EXPECT_EQ(schema_problems("upgrade begin", outcome.out), "");
 }
 
 TEST_F(TarnctlUpgradeTest, UnreadableJournalIsReportedNotFatal) {

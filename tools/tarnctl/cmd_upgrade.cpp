@@ -23,19 +23,6 @@ using JsonPtr = std::unique_ptr<json_t, JsonFree>;
 // empty segment) attaches to an existing table only.
 constexpr uint32_t kAttachExistingOnly = 2;
 
-// One JSON object on standard output: "schema" and "command" first, then
-// members, in order.
-int emit(const Invocation &inv, json_t *members, int code) {
-  JsonPtr object(json_object());
-  json_object_set_new(object.get(), "schema", json_integer(1));
-  json_object_set_new(object.get(), "command", json_string(inv.command.c_str()));
-  json_object_update(object.get(), members);
-  if (json_dumpf(object.get(), stdout, JSON_INDENT(2) | JSON_PRESERVE_ORDER) != 0) return kExitMissing;
-  putchar('\n');
-  fflush(stdout);
-  return code;
-}
-
 // The exit code and words for a family result other than 0.
 int exit_code(int32_t result) {
   switch (result) {
@@ -68,33 +55,33 @@ std::string result_text(int32_t result) {
   }
 }
 
-// A failure: the error line, and with --json the object with "ok" false,
-// "error" and members.
+// A failure: the error line, and with --json the answer with "ok" false,
+// "error" and members (owned, may be null).
 int refuse(const Invocation &inv, int code, const std::string &reason, json_t *members) {
-  JsonPtr owned(members != nullptr ? members : json_object());
+  JsonPtr owned(members);
   fail(inv, code, reason);
   if (!inv.option("--json")) return code;
-  JsonPtr object(json_object());
-  json_object_set_new(object.get(), "ok", json_false());
-  json_object_set_new(object.get(), "error", json_string(reason.c_str()));
-  json_object_update(object.get(), owned.get());
-  return emit(inv, object.get(), code);
+  json_t *answer = json_object();
+  json_object_set_new(answer, "ok", json_false());
+  json_object_set_new(answer, "error", json_string(reason.c_str()));
+  if (owned) json_object_update(answer, owned.get());
+  const int printed = print_json(inv, answer);
+  return printed != kExitOk ? printed : code;
 }
 
 // Ends a subcommand: refuse() for a failure (the reason is the library's
-// last warn line, or the result's words), the object or nothing for success.
+// last warn line, or the result's words), the answer or nothing for
+// success. Takes members (may be null).
 int finish(const Invocation &inv, int32_t result, json_t *members) {
   if (result != TARN_UPGRADE_OK) {
     return refuse(inv, exit_code(result), last_log_problem(result_text(result)), members);
   }
-  JsonPtr owned(members != nullptr ? members : json_object());
+  JsonPtr owned(members);
   if (!inv.option("--json")) return kExitOk;
-  json_t *ok_first = json_object();
-  json_object_set_new(ok_first, "ok", json_true());
-  json_object_update(ok_first, owned.get());
-  const int code = emit(inv, ok_first, kExitOk);
-  json_decref(ok_first);
-  return code;
+  json_t *answer = json_object();
+  json_object_set_new(answer, "ok", json_true());
+  if (owned) json_object_update(answer, owned.get());
+  return print_json(inv, answer);
 }
 
 }  // namespace
