@@ -570,3 +570,42 @@ TEST_F(UpgradeTest, BeginWithoutARecordIsRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Operations of several processes at once.
+
+TEST_F(UpgradeTest, ConcurrentCommitsAndRollbacksEndTheTrialOnce) {
+  for (int round = 0; round < 5; ++round) {
+    ASSERT_TRUE(lay_out());
+    ASSERT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
+    tarn_test::Barrier start;
+    std::vector<pid_t> children;
+    for (int i = 0; i < 6; ++i) {
+      children.push_back(start.start([i] {
+        const int32_t result = i % 2 == 0 ? tarn_upgrade_commit() : tarn_upgrade_rollback("race");
+        return result == TARN_UPGRADE_OK ? 0 : result == TARN_UPGRADE_E_NO_TRIAL ? 1 : 2;
+      }));
+    }
+    start.open();
+    int ended = 0, refused = 0;
+    for (pid_t child : children) {
+      const int status = tarn_test::reap(child);
+      ended += status == 0;
+      refused += status == 1;
+    }
+    EXPECT_EQ(ended, 1) << "round " << round;
+    EXPECT_EQ(refused, 5) << "round " << round;
+    tarn_upgrade_status_t status;
+    ASSERT_EQ(tarn_upgrade_status(&status), TARN_UPGRADE_OK);
+    if (status.state == TARN_UPGRADE_STATE_COMMITTED) {
+      EXPECT_EQ(recorded_home(), kHomeB);
+    } else {
+      EXPECT_EQ(status.state, TARN_UPGRADE_STATE_ROLLED_BACK);
+      EXPECT_EQ(recorded_home(), kHomeA);
+    }
+  }
+}
+
+}  // namespace
