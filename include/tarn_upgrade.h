@@ -174,7 +174,9 @@ typedef struct tarn_upgrade_status {
  * when the record cannot be read (nothing written) or updated (the journal
  * then says "rolled back", with the reason "the record could not be
  * updated"); TARN_UPGRADE_E_LOCK; TARN_UPGRADE_E_JOURNAL (nothing changed
- * when the first save fails). */
+ * when the first save fails); or, when a step left under way by a stopped
+ * process cannot be finished first, that step's TARN_UPGRADE_E_RECORD,
+ * TARN_UPGRADE_E_SERVICE or TARN_UPGRADE_E_JOURNAL. */
 TARNAUX_API int32_t tarn_upgrade_begin(const char *new_apphome, const char *new_apphome_arch,
                                        int32_t trial_seconds);
 
@@ -199,7 +201,8 @@ TARNAUX_API int32_t tarn_upgrade_check(tarn_upgrade_verdict_t *verdict_out);
  * home is kept on disk. Returns 0; TARN_UPGRADE_E_NO_TRIAL when no upgrade
  * is on trial (after finishing a step left by a stopped process);
  * TARN_UPGRADE_E_LOCK; TARN_UPGRADE_E_JOURNAL; TARN_UPGRADE_E_RECORD when a
- * "starting" journal's new app home cannot be recorded. */
+ * "starting" journal's new app home cannot be recorded; the errors of a
+ * "rolling back" journal's rollback, which is finished first. */
 TARNAUX_API int32_t tarn_upgrade_commit(void);
 
 /* Ends the trial as failed, for reason (an operator's words; null is taken
