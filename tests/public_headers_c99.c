@@ -15,6 +15,7 @@
 #include <tarnaux/version_mgr.h>
 #include <tarn_process_control.h>
 #include <tarn_product.h>
+#include <tarn_upgrade.h>
 #include <tarnbase/tarn_atomic.h>
 #include <tarnbase/tarn_device.h>
 #include <tarnbase/tarn_dirutils.h>

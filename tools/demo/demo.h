@@ -77,6 +77,9 @@ class Heartbeats {
   void watchdog_joins();
   void worker_killed();
   void worker_stalls();
+  // The upgrade steps (demo_upgrade.cpp): one committed, one rolled back.
+  void upgrade_committed();
+  void upgrade_rolled_back();
   void shutdown();
   // After a failure: ends every child and removes the table.
   void abandon();
@@ -99,11 +102,15 @@ class Heartbeats {
   bool worker_beat(Worker &w);
   void beat_everyone();
   int32_t watchdog_check(int32_t threshold, bool *timed_out);
+  std::string watchdog_upgrade_check();
   void leave(Worker &w);
 };
 
 // The worker role: tarn-demo --worker NUMBER TYPE INTERVAL MODE CMD_FD REPLY_FD.
 int worker_main(int argc, char **argv);
+
+// The bad upgrade's new service: tarn-demo --exiting-service CMD_FD REPLY_FD.
+int exiting_service_main(int argc, char **argv);
 
 // An installer run, then the loss of the app home record and its rebuilding.
 class Installer {

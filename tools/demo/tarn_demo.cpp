@@ -90,7 +90,7 @@ constexpr const char *kConfigText = "[log]\nlevel = 2\n";
 // log directory (the configuration names none); the last component is the
 // program's executable name.
 constexpr const char *kAutologDir = "/var/log/velmora/TARN3_LOG/tarn_default_autolog";
-constexpr int kSteps = 13;
+constexpr int kSteps = 15;
 constexpr size_t kLogTailLines = 12;
 
 std::string log_file_of(const std::string &program) {
@@ -165,6 +165,8 @@ void run(bool quick, Stage &stage, Heartbeats &heartbeats, Installer &installer)
   installer.install_service();
   installer.rebuild_record();
 
+  heartbeats.upgrade_committed();
+  heartbeats.upgrade_rolled_back();
   heartbeats.shutdown();
 
   const std::string program = program_path();
@@ -194,7 +196,10 @@ void usage(FILE *to) {
           "  10  the installer lays out the app home and records it\n"
           "  11  the installer installs the service's configuration\n"
           "  12  the record and its backup are lost; reduction rebuilds them\n"
-          "  13  the processes stop; the service removes the table\n"
+          "  13  a new app home is put on trial; the watchdog's beats commit it\n"
+          "  14  a new app home whose service exits at start is rolled back by the\n"
+          "      watchdog's beat that sees the crash loop\n"
+          "  15  the processes stop; the service removes the table\n"
           "At the end it shows the warnings and the last lines of the library's logs.\n"
           "\n"
           "Everything happens in a private sandbox (a mount namespace of its own with a\n"
@@ -215,6 +220,7 @@ void usage(FILE *to) {
 
 int main(int argc, char **argv) {
   if (argc >= 2 && strcmp(argv[1], "--worker") == 0) return worker_main(argc, argv);
+  if (argc >= 2 && strcmp(argv[1], "--exiting-service") == 0) return exiting_service_main(argc, argv);
 
   bool quick = false;
   for (int i = 1; i < argc; ++i) {

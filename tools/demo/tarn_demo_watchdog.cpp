@@ -13,6 +13,8 @@
 //   beat       "beat R"             update_wtdog_beat_tick
 //   check N    "check R yes|no"     check_wtdog_beat_timeout(N): R, and
 //                                   whether the last beat is N s old
+//   upgrade    "upgrade R V TEXT"   tarn_upgrade_check: R, the verdict's
+//                                   word and its reason
 //   exit       "deinit R"           proc_heartbeat_deinit(false), then exit 0
 
 #include <inttypes.h>
@@ -24,6 +26,7 @@
 
 #include "demo_util.h"
 #include "tarn_heartbeat_internal.h"
+#include "tarn_upgrade.h"
 
 namespace {
 
@@ -41,6 +44,12 @@ std::string check(const std::string &threshold_text) {
   bool timed_out = false;
   const int32_t ret = check_wtdog_beat_timeout((int32_t)threshold, &timed_out);
   return answer("check", ret) + (timed_out ? " yes" : " no");
+}
+
+std::string upgrade_check() {
+  tarn_upgrade_verdict_t verdict;
+  const int32_t ret = tarn_upgrade_check(&verdict);
+  return answer("upgrade", ret) + " " + tarn_upgrade_verdict_text(verdict.verdict) + " " + verdict.reason;
 }
 
 }  // namespace
@@ -66,6 +75,8 @@ int main(int argc, char **argv) {
       reply = answer("beat", update_wtdog_beat_tick());
     } else if (command.compare(0, 6, "check ") == 0) {
       reply = check(command.substr(6));
+    } else if (command == "upgrade") {
+      reply = upgrade_check();
     } else if (command == "exit") {
       demo::write_line(out, answer("deinit", proc_heartbeat_deinit(false)));
       return 0;

@@ -204,6 +204,36 @@ const std::vector<Command> &commands() {
        "  -f  after the log, print lines as they are added to tarn.log (also\n"
        "      across a rotation) until interrupted\n",
        run_log},
+      {"upgrade status", "", {}, 0, 0, "the upgrade journal: state, app homes, time left",
+       "Prints the upgrade journal (tarn_upgrade.ini at the install root): its\n"
+       "state (none, starting, trial, rolling back, committed, rolled back,\n"
+       "unreadable), the previous and the new app home, the trial's length and\n"
+       "the time left, the last verdict and the reason of a rollback. A journal\n"
+       "that cannot be read is reported as \"unreadable\" (exit 0).\n",
+       run_upgrade_status},
+      {"upgrade begin", "NEW_APPHOME SECONDS [NEW_APPHOME_X86]", {}, 2, 3,
+       "put an app home on trial for SECONDS",
+       "Records NEW_APPHOME (a name below the install root) as the app home and\n"
+       "watches it for SECONDS (1 to 604800); the recorded one is kept as the\n"
+       "fallback. NEW_APPHOME_X86 is the companion, on machines that need one.\n"
+       "Exit 1 when the app home is not operational or a trial runs already.\n",
+       run_upgrade_begin},
+      {"upgrade check", "", {}, 0, 0, "judge the trial now; roll back or commit",
+       "What the watchdog does on each beat: reads the heartbeat table and\n"
+       "rolls the upgrade back when the service is missing, silent or in a\n"
+       "crash loop, commits it when the trial time has run out. Prints the\n"
+       "verdict (none, running, passed, failed) and why. Exit 4 without a\n"
+       "heartbeat table.\n",
+       run_upgrade_check},
+      {"upgrade commit", "", {}, 0, 0, "end the trial as passed",
+       "Marks the upgrade committed; the previous app home stays on disk.\n"
+       "Exit 1 when no upgrade is on trial.\n",
+       run_upgrade_commit},
+      {"upgrade rollback", "[REASON]", {}, 0, 1, "go back to the previous app home",
+       "Records the previous app home again and rewrites its service\n"
+       "configuration so that the service manager restarts the old service.\n"
+       "Exit 1 when no upgrade is on trial.\n",
+       run_upgrade_rollback},
   };
   return table;
 }

@@ -140,6 +140,11 @@ int run_version_parse(const Invocation &inv);
 int run_version_compare(const Invocation &inv);
 int run_version_print(const Invocation &inv);
 int run_log(const Invocation &inv);
+int run_upgrade_status(const Invocation &inv);
+int run_upgrade_begin(const Invocation &inv);
+int run_upgrade_check(const Invocation &inv);
+int run_upgrade_commit(const Invocation &inv);
+int run_upgrade_rollback(const Invocation &inv);
 
 }  // namespace tarnctl
 
