@@ -27,6 +27,7 @@
 #include "tarn_heartbeat.h"
 #include "tarn_process_control.h"
 #include "tarn_product.h"
+#include "tarn_upgrade.h"
 #include "tarn_utils.h"
 #include "untgz.h"
 #include "version_mgr.h"

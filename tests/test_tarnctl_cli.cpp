@@ -593,7 +593,7 @@ TEST_F(CliTest, CompletionOffersSubcommandsAndTheirOptions) {
   ASSERT_TRUE(write_file(script, completion.out));
   EXPECT_EQ(completions(script, {""}),
             (std::vector<std::string>{"--help", "--verbose", "--json", "--timeout", "--version", "status", "apphome",
-                                      "pkg", "env", "version", "log"}));
+                                      "pkg", "env", "version", "log", "upgrade"}));
   EXPECT_EQ(completions(script, {"ap"}), (std::vector<std::string>{"apphome"}));
   EXPECT_EQ(completions(script, {"apphome", ""}),
             (std::vector<std::string>{"show", "check", "restore", "reduce"}));

@@ -69,8 +69,8 @@ int refuse(const Invocation &inv, int code, const std::string &reason, json_t *m
   return printed != kExitOk ? printed : code;
 }
 
-// Ends a subcommand: refuse() for a failure (the reason is the library's
-// last warn line, or the result's words), the answer or nothing for
+// Ends a subcommand: refuse() for a failure (the reason is the step's first
+// warn line, or the result's words), the answer or nothing for
 // success. Takes members (may be null).
 int finish(const Invocation &inv, int32_t result, json_t *members) {
   if (result != TARN_UPGRADE_OK) {
