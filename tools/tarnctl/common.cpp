@@ -127,6 +127,8 @@ int print_json(const Invocation &inv, json_t *object) {
   return kExitOk;
 }
 
+double lock_timeout_seconds(const Invocation &) { return 0.1; }
+
 bool parse_unsigned(const std::string &text, uint64_t max, uint64_t *out) {
   if (text.empty() || text.size() > 20) return false;
   uint64_t value = 0;

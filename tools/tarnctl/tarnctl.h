@@ -9,6 +9,7 @@
 #include <jansson.h>
 
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -30,9 +31,15 @@ struct Invocation {
   std::string command;            // "pkg verify"
   std::vector<std::string> args;  // the positional arguments
   std::set<std::string> options;  // the subcommand's own options that were given
+  std::map<std::string, std::string> values;  // the values given to those that take one
   bool verbose = false;
 
   bool option(const char *name) const { return options.count(name) != 0; }
+  // The value given to option name, or "" when it was given none.
+  std::string value(const char *name) const {
+    const auto found = values.find(name);
+    return found == values.end() ? "" : found->second;
+  }
 };
 
 // Writes "tarnctl: <command>: <reason>" to standard error as one line (line
@@ -73,6 +80,19 @@ std::string capture_stderr(bool verbose, const std::function<void()> &fn);
 constexpr int kJsonSchema = 1;
 int print_json(const Invocation &inv, json_t *object);
 
+// How long a subcommand waits for a lock of the agent's (the heartbeat
+// table's), in seconds: 0.1, as long as the library's own operations wait.
+double lock_timeout_seconds(const Invocation &inv);
+
+// The install root, or "" when the library cannot give it; the app home
+// record's path and its backup's (cmd_apphome.cpp).
+std::string install_root();
+std::string record_path();
+std::string backup_path();
+// Why tarn_apphome_check_validity(path) gave result, in words ("valid:
+// PATH names app home DIR" when it is valid).
+std::string validity_text(int32_t result, const std::string &path);
+
 // Parses decimal digits only (no sign, no blanks) into *out, refusing values
 // above max.
 bool parse_unsigned(const std::string &text, uint64_t max, uint64_t *out);
@@ -90,6 +110,8 @@ std::string error_text(int error);
 
 // The subcommands.
 int run_status(const Invocation &inv);
+int run_doctor(const Invocation &inv);
+int run_metrics(const Invocation &inv);
 int run_apphome_show(const Invocation &inv);
 int run_apphome_check(const Invocation &inv);
 int run_apphome_restore(const Invocation &inv);

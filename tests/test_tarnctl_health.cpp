@@ -1,0 +1,465 @@
+// tarnctl status, doctor and metrics as an on-call engineer runs them:
+// against a heartbeat table that real processes registered in (the test
+// process as the service, forked workers, one that has ended, one whose
+// recorded identity is no longer its pid's), a watchdog slot, damaged
+// tables, and a real app home record; the built program is started as a
+// child and its output, its --json answer (against the schema of
+// docs/tarnctl.md) and its exit status are checked.
+//
+// Ages are made by moving an entry's last beat back (the tick is in the
+// table), never by waiting: each age is checked to lie between what was set
+// and that plus the time the run took.
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <map>
+#include <memory>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <jansson.h>
+#include <tarn_heartbeat.h>
+#include <tarnbase/tarn_glock.h>
+#include <tarnbase/tarn_log.h>
+#include <tarnbase/tarn_process.h>
+#include <tarnbase/tarn_time.h>
+
+#include "child_process.h"
+#include "files.h"
+#include "install_root.h"
+#include "tarnctl_run.h"
+
+namespace {
+
+using tarn_test::dump;
+using tarn_test::lines_of;
+using tarn_test::Outcome;
+using tarn_test::tarnctl;
+using tarn_test::words_of;
+
+void drop_log_line(void *, uint32_t, const char *, size_t) {}
+
+// The table's and the side segment's layout (docs/heartbeat.md).
+constexpr size_t kTableSize = 1544;
+constexpr size_t kSideSize = 2608;
+constexpr size_t kIdentityOffset = 48;
+constexpr uint32_t kMagic = 12321;
+
+// A read-write view of the shared segments, for the faults and ages the
+// test sets.
+class Segment {
+ public:
+  Segment(const char *name, size_t size) : size_(size) {
+    const int fd = shm_open(name, O_RDWR, 0);
+    if (fd >= 0) {
+      void *base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      close(fd);
+      if (base != MAP_FAILED) base_ = (uint8_t *)base;
+    }
+  }
+  ~Segment() {
+    if (base_ != nullptr) munmap(base_, size_);
+  }
+  uint8_t *base() const { return base_; }
+
+ private:
+  uint8_t *base_ = nullptr;
+  size_t size_;
+};
+
+struct TableFaults {
+  Segment table{"/proc_heartbeat_shm.name", kTableSize};
+  Segment side{"/proc_heartbeat_shm.name.ident", kSideSize};
+
+  uint32_t *magic() { return (uint32_t *)table.base(); }
+  int32_t *proc_num() { return (int32_t *)(table.base() + 4); }
+  proc_heartbeat_info_t *entry(uint32_t slot) { return (proc_heartbeat_info_t *)(table.base() + 8) + slot; }
+  tarn_process_identity_t *identity(uint32_t slot) {
+    return (tarn_process_identity_t *)(side.base() + kIdentityOffset) + slot;
+  }
+  // The entry's last beat, ms before now.
+  void age(uint32_t slot, uint64_t ms) { entry(slot)->tick = tarn_time_get_tick_cout() - ms; }
+  // The watchdog's slot as the library writes it: pid -1, type 6, 300 s.
+  void add_watchdog(uint32_t slot, uint64_t age_ms) {
+    *entry(slot) = proc_heartbeat_info_t{-1, slot, 300, PROC_HEARTBEAT_TYPE_WATCHDOG, 0};
+    age(slot, age_ms);
+    ++*proc_num();
+  }
+};
+
+pid_t idle_child() {
+  return tarn_test::fork_child([] {
+    for (;;) pause();
+    return 0;
+  });
+}
+
+int32_t add(pid_t pid, uint32_t interval, uint32_t type) {
+  proc_heartbeat_info_t info = {pid, 0, interval, type, 0};
+  return add_proc_heartbeat(&info);
+}
+
+std::string self_name() { return tarn_test::read_file("/proc/self/comm").substr(0, 15); }
+
+std::string self_executable() {
+  char path[4096];
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+  return length > 0 ? std::string(path, (size_t)length) : "";
+}
+
+// The column layout of status's rows.
+std::string row(const std::string &slot, const std::string &pid, const std::string &name, const std::string &type,
+                const std::string &interval, const std::string &age, const std::string &state,
+                const std::string &executable) {
+  char text[1024];
+  snprintf(text, sizeof(text), "%-4s %-7s %-15s %-9s %-10s %-7s %-9s %s", slot.c_str(), pid.c_str(), name.c_str(),
+           type.c_str(), interval.c_str(), age.c_str(), state.c_str(), executable.c_str());
+  return text;
+}
+
+class HealthTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tarn_log_register(drop_log_line, nullptr);
+    tarn_test::clear_install_root();
+    ASSERT_EQ(proc_heartbeat_init(0), 0);
+  }
+  void TearDown() override {
+    for (const pid_t pid : children_) tarn_test::kill_and_reap(pid);
+    proc_heartbeat_deinit(true);
+  }
+
+  // A live worker registered with interval and type, in slot `slot`.
+  pid_t worker(uint32_t interval, uint32_t type, int32_t slot) {
+    const pid_t pid = idle_child();
+    children_.push_back(pid);
+    EXPECT_EQ(add(pid, interval, type), slot);
+    return pid;
+  }
+
+  // The whole cast: the test process as the service (slot 0, 5 s), workers
+  // that are ok (1), late (2), timed out (3), dead (4) and whose pid went to
+  // another process (5), and the watchdog (6).
+  void register_everyone() {
+    ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+    ok_ = worker(10, 3, 1);
+    late_ = worker(1, 3, 2);
+    timed_out_ = worker(10, 2, 3);
+    dead_ = idle_child();
+    ASSERT_EQ(add(dead_, 10, 4), 4);
+    tarn_test::kill_and_reap(dead_);
+    reused_ = worker(10, 5, 5);
+    TableFaults faults;
+    ASSERT_NE(faults.table.base(), nullptr);
+    ASSERT_NE(faults.side.base(), nullptr);
+    // The recorded identity is of another process that had the same pid:
+    // it started earlier.
+    ASSERT_EQ(faults.identity(5)->pid, reused_);
+    faults.identity(5)->start_time -= 1;
+    faults.age(0, 500);
+    faults.age(1, 3500);
+    faults.age(2, 2500);
+    faults.age(3, 61500);
+    faults.age(4, 4500);
+    faults.age(5, 5500);
+    faults.add_watchdog(6, 12500);
+  }
+
+  std::vector<pid_t> children_;
+  pid_t ok_ = -1, late_ = -1, timed_out_ = -1, dead_ = -1, reused_ = -1;
+};
+
+// Checks that text's age column (seconds, one decimal) lies between set_ms
+// and set_ms plus span_ms, and replaces it with "AGE".
+void check_age(std::string *age, uint64_t set_ms, uint64_t span_ms) {
+  const double seconds = atof(age->c_str());
+  EXPECT_GE(seconds, (double)set_ms / 1000 - 0.05) << *age;
+  EXPECT_LE(seconds, (double)(set_ms + span_ms) / 1000 + 0.05) << *age;
+  *age = "AGE";
+}
+
+// status's output with every row's age and the watchdog's checked and
+// replaced by AGE (ages[i] is row i's set age; the watchdog's is last).
+std::string with_ages_checked(const std::string &out, const std::vector<uint64_t> &ages, uint64_t span_ms) {
+  std::vector<std::string> lines = lines_of(out);
+  std::string text;
+  size_t next = 0;
+  bool rows = false;
+  for (std::string &line : lines) {
+    if (rows && line.rfind("watchdog: slot", 0) == 0 && next < ages.size()) {
+      std::smatch match;
+      std::regex pattern("age ([0-9.]+) s");
+      if (std::regex_search(line, match, pattern)) {
+        std::string age = match[1];
+        check_age(&age, ages[next++], span_ms);
+        line = match.prefix().str() + "age AGE s" + match.suffix().str();
+      }
+    } else if (rows && line.rfind("watchdog:", 0) != 0 && line.rfind("status:", 0) != 0 && next < ages.size()) {
+      std::vector<std::string> words = words_of(line);
+      if (words.size() >= 8) {
+        check_age(&words[5], ages[next++], span_ms);
+        std::string executable;
+        for (size_t i = 7; i < words.size(); ++i) executable += (i == 7 ? "" : " ") + words[i];
+        line = row(words[0], words[1], words[2], words[3], words[4], words[5], words[6], executable);
+      }
+    }
+    if (line.rfind("SLOT ", 0) == 0) rows = true;
+    text += line + "\n";
+  }
+  EXPECT_EQ(next, ages.size()) << out;
+  return text;
+}
+
+// ---------------------------------------------------------------------------
+// status
+
+TEST_F(HealthTest, StatusJudgesEveryEntryAndShowsTheWatchdog) {
+  register_everyone();
+  const uint64_t before = tarn_test::monotonic_ms();
+  const Outcome outcome = tarnctl({"status"});
+  const uint64_t span = tarn_test::monotonic_ms() - before;
+  EXPECT_EQ(outcome.status, 3) << dump(outcome);
+  EXPECT_EQ(outcome.err, "");
+  const std::string name = self_name();
+  const std::string exe = self_executable();
+  const std::string id = std::to_string(getpid());
+  EXPECT_EQ(with_ages_checked(outcome.out, {500, 3500, 2500, 61500, 4500, 5500, 12500}, span),
+            "integrity: ok\n"
+            "  magic      ok  12321\n"
+            "  proc_num   ok  7, 7 slots occupied\n"
+            "  watchdog   ok  slot 6\n"
+            "  library    ok  the library lists 6 of 6 process entries\n"
+            "  journal    ok  no change left half-made\n" +
+                row("SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE") + "\n" +
+                row("0", id, name, "service", "5", "AGE", "ok", exe) + "\n" +
+                row("1", std::to_string(ok_), name, "worker(3)", "10", "AGE", "ok", exe) + "\n" +
+                row("2", std::to_string(late_), name, "worker(3)", "1", "AGE", "late", exe) + "\n" +
+                row("3", std::to_string(timed_out_), name, "worker(2)", "10", "AGE", "timed-out", exe) + "\n" +
+                row("4", std::to_string(dead_), "-", "worker(4)", "10", "AGE", "dead", "-") + "\n" +
+                row("5", std::to_string(reused_), name, "worker(5)", "10", "AGE", "reused", exe) + "\n" +
+                "watchdog: slot 6, interval 300 s, age AGE s, ok\n"
+                "status: not ok: 4 entries not ok\n");
+}
+
+TEST_F(HealthTest, StatusOfAHealthyTableExitsZero) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  worker(10, 3, 1);
+  TableFaults faults;
+  faults.age(0, 500);
+  faults.age(1, 15000);  // more than its interval, but late only after two
+  faults.add_watchdog(2, 500);
+  const uint64_t before = tarn_test::monotonic_ms();
+  const Outcome outcome = tarnctl({"status"});
+  const uint64_t span = tarn_test::monotonic_ms() - before;
+  EXPECT_EQ(outcome.status, 0) << dump(outcome);
+  EXPECT_EQ(outcome.err, "");
+  const std::string name = self_name();
+  const std::string exe = self_executable();
+  EXPECT_EQ(with_ages_checked(outcome.out, {500, 15000, 500}, span),
+            "integrity: ok\n"
+            "  magic      ok  12321\n"
+            "  proc_num   ok  3, 3 slots occupied\n"
+            "  watchdog   ok  slot 2\n"
+            "  library    ok  the library lists 2 of 2 process entries\n"
+            "  journal    ok  no change left half-made\n" +
+                row("SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE") + "\n" +
+                row("0", std::to_string(getpid()), name, "service", "5", "AGE", "ok", exe) + "\n" +
+                row("1", std::to_string(children_[0]), name, "worker(3)", "10", "AGE", "ok", exe) + "\n" +
+                "watchdog: slot 2, interval 300 s, age AGE s, ok\n"
+                "status: ok\n");
+}
+
+TEST_F(HealthTest, StatusWithoutAServiceEntryExitsThree) {
+  worker(10, 3, 0);
+  const Outcome outcome = tarnctl({"status"});
+  EXPECT_EQ(outcome.status, 3) << dump(outcome);
+  EXPECT_EQ(lines_of(outcome.out).back(), "status: not ok: no service entry");
+  EXPECT_NE(outcome.out.find("\nwatchdog: none\n"), std::string::npos) << outcome.out;
+  EXPECT_NE(outcome.out.find("  watchdog   ok  no watchdog slot\n"), std::string::npos) << outcome.out;
+}
+
+TEST_F(HealthTest, StatusSeesADamagedTableThatTheLibraryCannot) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  worker(10, 3, 1);
+  worker(10, 2, 2);
+  TableFaults faults;
+  faults.add_watchdog(3, 0);
+  *faults.proc_num() = 1;
+  *faults.magic() = 0xdeadbeef;
+  const Outcome outcome = tarnctl({"status"});
+  EXPECT_EQ(outcome.status, 3) << dump(outcome);
+  EXPECT_EQ(outcome.err, "");
+  const std::vector<std::string> lines = lines_of(outcome.out);
+  ASSERT_EQ(lines.size(), 12u) << outcome.out;
+  EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 6),
+            (std::vector<std::string>{
+                "integrity: damaged",
+                "  magic      bad 3735928559, not 12321: the table was overwritten or never cleared by the service",
+                "  proc_num   bad 1, 4 slots occupied", "  watchdog   ok  slot 3",
+                "  library    bad the library lists 1 of 3 process entries",
+                "  journal    ok  no change left half-made"}));
+  // Every occupied slot is shown, not only the one proc_num counts.
+  EXPECT_EQ(words_of(lines[7])[0], "0");
+  EXPECT_EQ(words_of(lines[8])[0], "1");
+  EXPECT_EQ(words_of(lines[9])[0], "2");
+  EXPECT_EQ(lines[11], "status: not ok: the table is damaged");
+}
+
+TEST_F(HealthTest, StatusCountsALateWatchdog) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  TableFaults faults;
+  faults.add_watchdog(1, 600500);
+  const Outcome outcome = tarnctl({"status"});
+  EXPECT_EQ(outcome.status, 3) << dump(outcome);
+  const std::vector<std::string> lines = lines_of(outcome.out);
+  ASSERT_EQ(lines.size(), 10u) << outcome.out;
+  EXPECT_TRUE(std::regex_match(lines[8], std::regex("watchdog: slot 1, interval 300 s, age 600\\.[5-9] s, late")))
+      << lines[8];
+  EXPECT_EQ(lines[9], "status: not ok: the watchdog is late");
+}
+
+TEST_F(HealthTest, MaxAgeSetsWhenAnEntryHasTimedOut) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  worker(5, 3, 1);
+  TableFaults faults;
+  faults.age(1, 6500);
+  const Outcome standard = tarnctl({"status"});
+  EXPECT_EQ(words_of(lines_of(standard.out)[8])[6], "ok") << standard.out;
+  const Outcome strict = tarnctl({"status", "--max-age", "6"});
+  EXPECT_EQ(strict.status, 3) << dump(strict);
+  EXPECT_EQ(words_of(lines_of(strict.out)[8])[6], "timed-out") << strict.out;
+}
+
+TEST_F(HealthTest, StatusOptionsNeedWholeSeconds) {
+  const Outcome zero = tarnctl({"status", "--max-age", "0"});
+  EXPECT_EQ(zero.status, 2);
+  EXPECT_EQ(zero.err, "tarnctl: status: bad value of --max-age: 0 (a whole number of seconds, 1 to 86400)\n");
+  const Outcome missing = tarnctl({"status", "--max-age"});
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_EQ(missing.err,
+            "tarnctl: status: missing value of --max-age (usage: tarnctl status [--json] [--max-age SECONDS] "
+            "[--watch [SECONDS]])\n");
+  const Outcome watch = tarnctl({"status", "--watch", "1.5"});
+  EXPECT_EQ(watch.status, 2);
+  EXPECT_EQ(watch.err, "tarnctl: status: bad value of --watch: 1.5 (a whole number of seconds, 1 to 86400)\n");
+}
+
+TEST_F(HealthTest, StatusJsonFollowsItsSchema) {
+  register_everyone();
+  const uint64_t before = tarn_test::monotonic_ms();
+  const Outcome outcome = tarnctl({"status", "--json"});
+  const uint64_t span = tarn_test::monotonic_ms() - before;
+  EXPECT_EQ(outcome.status, 3) << dump(outcome);
+  EXPECT_EQ(tarn_test::schema_problems("status", outcome.out), "");
+  json_error_t error;
+  std::unique_ptr<json_t, void (*)(json_t *)> answer(json_loads(outcome.out.c_str(), 0, &error),
+                                                     [](json_t *json) { json_decref(json); });
+  ASSERT_TRUE(answer) << error.text;
+  EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "schema")), 1);
+  EXPECT_STREQ(json_string_value(json_object_get(answer.get(), "command")), "status");
+  EXPECT_TRUE(json_is_true(json_object_get(answer.get(), "ok")));
+  EXPECT_TRUE(json_is_false(json_object_get(answer.get(), "healthy")));
+  EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "max_age_s")), 60);
+  EXPECT_TRUE(json_is_true(json_object_get(json_object_get(answer.get(), "integrity"), "ok")));
+  const json_t *entries = json_object_get(answer.get(), "entries");
+  ASSERT_EQ(json_array_size(entries), 6u);
+  const char *states[] = {"ok", "ok", "late", "timed-out", "dead", "reused"};
+  const pid_t pids[] = {getpid(), ok_, late_, timed_out_, dead_, reused_};
+  const uint64_t ages[] = {500, 3500, 2500, 61500, 4500, 5500};
+  for (size_t i = 0; i < 6; ++i) {
+    const json_t *entry = json_array_get(entries, i);
+    EXPECT_EQ(json_integer_value(json_object_get(entry, "slot")), (json_int_t)i);
+    EXPECT_EQ(json_integer_value(json_object_get(entry, "pid")), pids[i]);
+    EXPECT_STREQ(json_string_value(json_object_get(entry, "state")), states[i]) << i;
+    EXPECT_STREQ(json_string_value(json_object_get(entry, "type")), i == 0 ? "service" : "worker");
+    const json_int_t age = json_integer_value(json_object_get(entry, "age_ms"));
+    EXPECT_GE(age, (json_int_t)ages[i]);
+    EXPECT_LE(age, (json_int_t)(ages[i] + span));
+  }
+  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(entries, 4), "name")), "-");
+  const json_t *dog = json_object_get(answer.get(), "watchdog");
+  EXPECT_EQ(json_integer_value(json_object_get(dog, "slot")), 6);
+  EXPECT_STREQ(json_string_value(json_object_get(dog, "state")), "ok");
+}
+
+TEST_F(HealthTest, StatusWithoutATableExitsFourAndSaysSoInJsonToo) {
+  proc_heartbeat_deinit(true);
+  const char kReason[] = "no heartbeat table (shared memory proc_heartbeat_shm.name does not exist; has the service run?)";
+  const Outcome text = tarnctl({"status"});
+  EXPECT_EQ(text.status, 4);
+  EXPECT_EQ(text.out, "");
+  EXPECT_EQ(text.err, std::string("tarnctl: status: ") + kReason + "\n");
+  const Outcome json = tarnctl({"status", "--json"});
+  EXPECT_EQ(json.status, 4);
+  EXPECT_EQ(json.err, text.err);
+  EXPECT_EQ(tarn_test::schema_problems("status", json.out), "");
+  EXPECT_EQ(json.out, std::string("{\n  \"schema\": 1,\n  \"command\": \"status\",\n  \"ok\": false,\n  \"error\": \"") +
+                          kReason + "\"\n}\n");
+}
+
+TEST_F(HealthTest, WatchRedrawsUntilStopped) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  tarn_test::Pipe output;
+  const pid_t watcher = tarn_test::fork_child([&] {
+    dup2(output.write_fd(), STDOUT_FILENO);
+    execl(TARNCTL_PATH, TARNCTL_PATH, "status", "--watch", "1", (char *)nullptr);
+    return 127;
+  });
+  output.close_write();
+  // Three frames: read until the third frame's last line has come.
+  std::string text;
+  char buffer[4096];
+  ssize_t got = 0;
+  size_t frames = 0;
+  while (frames < 3 && (got = read(output.read_fd(), buffer, sizeof(buffer))) > 0) {
+    text.append(buffer, (size_t)got);
+    frames = 0;
+    for (size_t at = text.find("status: "); at != std::string::npos; at = text.find("status: ", at + 1)) ++frames;
+  }
+  tarn_test::kill_and_reap(watcher);
+  ASSERT_EQ(frames, 3u) << text;
+  // Frames are separated by a blank line when the output is not a terminal.
+  const std::vector<std::string> lines = lines_of(text);
+  ASSERT_EQ(lines.size(), 32u) << text;
+  for (const size_t first : {0, 11, 22}) {
+    EXPECT_EQ(lines[first], "integrity: ok") << first;
+    EXPECT_EQ(lines[first + 8], "watchdog: none") << first;
+    EXPECT_EQ(lines[first + 9], "status: ok") << first;
+  }
+  EXPECT_EQ(lines[10], "");
+  EXPECT_EQ(lines[21], "");
+}
+
+TEST_F(HealthTest, AHeldLockExitsFour) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  const pid_t holder = tarn_test::fork_child([] {
+    tarn_glock_t *lock = nullptr;
+    if (tarn_glock_init("proc_heartbeat_shm.name", &lock) != 0 || tarn_glock_acquire_timeout(lock, 0) != 0) return 1;
+    for (;;) pause();
+    return 0;
+  });
+  children_.push_back(holder);
+  // The holder has the lock once the library's own call times out.
+  proc_heartbeat_info_t entries[PROC_HEARTBEAT_MAX_PROCS];
+  while (get_all_proc_heartbeats(entries, PROC_HEARTBEAT_MAX_PROCS) != PROC_HEARTBEAT_E_TIMEOUT) {
+    ASSERT_NE(tarn_process_is_exist(holder), 0);
+  }
+  const Outcome outcome = tarnctl({"status"});
+  EXPECT_EQ(outcome.status, 4) << dump(outcome);
+  EXPECT_EQ(outcome.err, "tarnctl: status: the heartbeat table's lock could not be taken within 100 ms\n");
+  EXPECT_EQ(outcome.out, "");
+}
+
+}  // namespace
