@@ -22,10 +22,12 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,7 @@
 #include "child_process.h"
 #include "files.h"
 #include "install_root.h"
+#include "manifests.h"
 #include "tarnctl_run.h"
 
 namespace {
@@ -134,6 +137,8 @@ class HealthTest : public ::testing::Test {
   void SetUp() override {
     tarn_log_register(drop_log_line, nullptr);
     tarn_test::clear_install_root();
+    std::error_code ignored;
+    std::filesystem::remove_all("/etc/velmora/keys.d", ignored);
     ASSERT_EQ(proc_heartbeat_init(0), 0);
   }
   void TearDown() override {
@@ -226,8 +231,8 @@ std::string with_ages_checked(const std::string &out, const std::vector<uint64_t
 // status
 
 TEST_F(HealthTest, StatusJudgesEveryEntryAndShowsTheWatchdog) {
-  register_everyone();
   const uint64_t before = tarn_test::monotonic_ms();
+  register_everyone();
   const Outcome outcome = tarnctl({"status"});
   const uint64_t span = tarn_test::monotonic_ms() - before;
   EXPECT_EQ(outcome.status, 3) << dump(outcome);
@@ -256,11 +261,11 @@ TEST_F(HealthTest, StatusJudgesEveryEntryAndShowsTheWatchdog) {
 TEST_F(HealthTest, StatusOfAHealthyTableExitsZero) {
   ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
   worker(10, 3, 1);
+  const uint64_t before = tarn_test::monotonic_ms();
   TableFaults faults;
   faults.age(0, 500);
   faults.age(1, 15000);  // more than its interval, but late only after two
   faults.add_watchdog(2, 500);
-  const uint64_t before = tarn_test::monotonic_ms();
   const Outcome outcome = tarnctl({"status"});
   const uint64_t span = tarn_test::monotonic_ms() - before;
   EXPECT_EQ(outcome.status, 0) << dump(outcome);
@@ -357,8 +362,8 @@ TEST_F(HealthTest, StatusOptionsNeedWholeSeconds) {
 }
 
 TEST_F(HealthTest, StatusJsonFollowsItsSchema) {
-  register_everyone();
   const uint64_t before = tarn_test::monotonic_ms();
+  register_everyone();
   const Outcome outcome = tarnctl({"status", "--json"});
   const uint64_t span = tarn_test::monotonic_ms() - before;
   EXPECT_EQ(outcome.status, 3) << dump(outcome);
@@ -462,4 +467,360 @@ TEST_F(HealthTest, AHeldLockExitsFour) {
   EXPECT_EQ(outcome.out, "");
 }
 
+// ---------------------------------------------------------------------------
+// metrics
+
+// A sample of the Prometheus text format.
+struct Sample {
+  std::string name;
+  std::map<std::string, std::string> labels;
+  double value;
+};
+
+// Parses text strictly as the text exposition format 0.0.4: every line is
+// "# HELP NAME TEXT", "# TYPE NAME TYPE" or a sample "NAME{LABEL="VALUE",...}
+// VALUE"; names and label names are well-formed; a label value holds no raw
+// line end and only the escapes \\, \" and \n; each family has one HELP and
+// one TYPE line before its samples, and its samples are not interleaved with
+// another family's. Returns "" or the first problem; fills *samples.
+std::string parse_exposition(const std::string &text, std::vector<Sample> *samples) {
+  static const std::regex kName("[a-zA-Z_:][a-zA-Z0-9_:]*");
+  static const std::regex kLabelName("[a-zA-Z_][a-zA-Z0-9_]*");
+  static const std::set<std::string> kTypes = {"counter", "gauge", "histogram", "summary", "untyped"};
+  if (text.empty() || text.back() != '\n') return "does not end in a line end";
+  std::set<std::string> helped, typed, finished;
+  std::string current;
+  size_t number = 0;
+  for (const std::string &line : lines_of(text)) {
+    ++number;
+    const std::string where = "line " + std::to_string(number) + ": " + line;
+    if (line.rfind("# ", 0) == 0) {
+      std::istringstream words(line.substr(2));
+      std::string keyword, name, rest;
+      words >> keyword >> name;
+      std::getline(words, rest);
+      if (!std::regex_match(name, kName)) return "bad metric name: " + where;
+      if (keyword == "HELP") {
+        if (!helped.insert(name).second) return "second HELP: " + where;
+      } else if (keyword == "TYPE") {
+        if (!typed.insert(name).second) return "second TYPE: " + where;
+        if (kTypes.count(rest.substr(rest.empty() ? 0 : 1)) == 0) return "bad type: " + where;
+      } else {
+        return "unknown comment: " + where;
+      }
+      if (name != current) {
+        if (!current.empty()) finished.insert(current);
+        if (finished.count(name) != 0) return "family resumed: " + where;
+        current = name;
+      }
+      continue;
+    }
+    Sample sample;
+    size_t at = 0;
+    while (at < line.size() && line[at] != '{' && line[at] != ' ') ++at;
+    sample.name = line.substr(0, at);
+    if (!std::regex_match(sample.name, kName)) return "bad sample name: " + where;
+    if (sample.name != current || typed.count(current) == 0 || helped.count(current) == 0) {
+      return "sample outside its family, or before its HELP and TYPE: " + where;
+    }
+    if (at < line.size() && line[at] == '{') {
+      ++at;
+      while (at < line.size() && line[at] != '}') {
+        const size_t equals = line.find('=', at);
+        if (equals == std::string::npos || equals + 1 >= line.size() || line[equals + 1] != '"') {
+          return "bad label: " + where;
+        }
+        const std::string label = line.substr(at, equals - at);
+        if (!std::regex_match(label, kLabelName)) return "bad label name: " + where;
+        std::string value;
+        at = equals + 2;
+        for (; at < line.size() && line[at] != '"'; ++at) {
+          if (line[at] != '\\') {
+            value += line[at];
+            continue;
+          }
+          if (++at >= line.size()) return "escape at the end: " + where;
+          if (line[at] == 'n') {
+            value += '\n';
+          } else if (line[at] == '\\' || line[at] == '"') {
+            value += line[at];
+          } else {
+            return "bad escape: " + where;
+          }
+        }
+        if (at >= line.size()) return "unterminated label value: " + where;
+        if (!sample.labels.emplace(label, value).second) return "label twice: " + where;
+        ++at;
+        if (at < line.size() && line[at] == ',') ++at;
+      }
+      if (at >= line.size()) return "unterminated labels: " + where;
+      ++at;
+    }
+    if (at >= line.size() || line[at] != ' ') return "no blank before the value: " + where;
+    const std::string value = line.substr(at + 1);
+    char *end = nullptr;
+    sample.value = strtod(value.c_str(), &end);
+    if (value.empty() || *end != '\0') return "bad value: " + where;
+    samples->push_back(sample);
+  }
+  return "";
+}
+
+// The value of the sample named name with exactly labels, or NAN.
+double value_of(const std::vector<Sample> &samples, const std::string &name,
+                const std::map<std::string, std::string> &labels = {}) {
+  for (const Sample &sample : samples) {
+    if (sample.name == name && sample.labels == labels) return sample.value;
+  }
+  return NAN;
+}
+
+TEST_F(HealthTest, MetricsGiveTheTableAndTheRecordInTheTextFormat) {
+  tarn_test::make_apphome(tarn_test::kHomeA, true, false);
+  ASSERT_TRUE(tarn_test::write_file(tarn_test::kRecordPath, tarn_test::record_text(tarn_test::kHomeA)));
+  ASSERT_TRUE(tarn_test::write_file(tarn_test::kBackupPath, tarn_test::record_text(tarn_test::kHomeB)));
+  const uint64_t before = tarn_test::monotonic_ms();
+  register_everyone();
+  // A worker whose name needs every escape of a label value.
+  const pid_t odd = tarn_test::fork_child([] {
+    prctl(PR_SET_NAME, "a\\b\"c\nd", 0, 0, 0);
+    for (;;) pause();
+    return 0;
+  });
+  children_.push_back(odd);
+  while (tarn_test::read_file("/proc/" + std::to_string(odd) + "/comm") != "a\\b\"c\nd\n") {
+    ASSERT_NE(tarn_process_is_exist(odd), 0);
+  }
+  ASSERT_EQ(add(odd, 10, 1), 7);
+  const Outcome outcome = tarnctl({"metrics"});
+  const uint64_t span = tarn_test::monotonic_ms() - before;
+  EXPECT_EQ(outcome.status, 0) << dump(outcome);
+  EXPECT_EQ(outcome.err, "");
+  std::vector<Sample> samples;
+  ASSERT_EQ(parse_exposition(outcome.out, &samples), "") << outcome.out;
+  EXPECT_EQ(value_of(samples, "tarnaux_heartbeat_table_up"), 1);
+  EXPECT_EQ(value_of(samples, "tarnaux_heartbeat_table_check_ok", {{"check", "magic"}}), 1);
+  EXPECT_EQ(value_of(samples, "tarnaux_heartbeat_table_check_ok", {{"check", "proc_num"}}), 1);
+  const std::map<std::string, double> states = {
+      {"ok", 3}, {"late", 1}, {"timed-out", 1}, {"dead", 1}, {"reused", 1}};
+  for (const auto &state : states) {
+    EXPECT_EQ(value_of(samples, "tarnaux_heartbeat_entries", {{"state", state.first}}), state.second) << state.first;
+  }
+  const double late_age = value_of(samples, "tarnaux_heartbeat_age_seconds",
+                                   {{"slot", "2"}, {"pid", std::to_string(late_)}, {"name", self_name()},
+                                    {"type", "worker"}, {"state", "late"}});
+  EXPECT_GE(late_age, 2.5);
+  EXPECT_LE(late_age, (2500.0 + span) / 1000);
+  EXPECT_EQ(value_of(samples, "tarnaux_heartbeat_age_seconds",
+                     {{"slot", "7"}, {"pid", std::to_string(odd)}, {"name", "a\\b\"c\nd"}, {"type", "worker"},
+                      {"state", "ok"}}) >= 0, true) << outcome.out;
+  EXPECT_NE(outcome.out.find("name=\"a\\\\b\\\"c\\nd\""), std::string::npos) << outcome.out;
+  EXPECT_EQ(value_of(samples, "tarnaux_heartbeat_interval_seconds", {{"slot", "2"}, {"pid", std::to_string(late_)}}), 1);
+  EXPECT_EQ(value_of(samples, "tarnaux_watchdog_present"), 1);
+  EXPECT_GE(value_of(samples, "tarnaux_watchdog_age_seconds"), 12.5);
+  EXPECT_EQ(value_of(samples, "tarnaux_healthy"), 0);
+  EXPECT_EQ(value_of(samples, "tarnaux_apphome_record_valid", {{"file", "record"}}), 1);
+  EXPECT_EQ(value_of(samples, "tarnaux_apphome_record_valid", {{"file", "backup"}}), 0);
+  EXPECT_EQ(value_of(samples, "tarnaux_apphome_backup_matches"), 0);
+}
+
+TEST_F(HealthTest, MetricsWithoutATableSayItIsDown) {
+  proc_heartbeat_deinit(true);
+  const Outcome outcome = tarnctl({"metrics"});
+  EXPECT_EQ(outcome.status, 0) << dump(outcome);
+  EXPECT_EQ(outcome.err,
+            "tarnctl: metrics: no heartbeat table (shared memory proc_heartbeat_shm.name does not exist; has the "
+            "service run?)\n");
+  std::vector<Sample> samples;
+  ASSERT_EQ(parse_exposition(outcome.out, &samples), "") << outcome.out;
+  EXPECT_EQ(outcome.out,
+            "# HELP tarnaux_heartbeat_table_up Whether the heartbeat table could be read (1) or not: missing, or its "
+            "lock not had (0).\n"
+            "# TYPE tarnaux_heartbeat_table_up gauge\n"
+            "tarnaux_heartbeat_table_up 0\n"
+            "# HELP tarnaux_apphome_record_valid Whether the app home record (file=\"record\") and its backup "
+            "(file=\"backup\") are valid.\n"
+            "# TYPE tarnaux_apphome_record_valid gauge\n"
+            "tarnaux_apphome_record_valid{file=\"record\"} 0\n"
+            "tarnaux_apphome_record_valid{file=\"backup\"} 0\n"
+            "# HELP tarnaux_apphome_backup_matches Whether the backup holds the same bytes as the record.\n"
+            "# TYPE tarnaux_apphome_backup_matches gauge\n"
+            "tarnaux_apphome_backup_matches 0\n");
+}
+
+// The parser itself refuses what the format does not allow.
+TEST(ExpositionParserTest, RefusesWhatTheFormatDoesNotAllow) {
+  std::vector<Sample> samples;
+  const std::string head = "# HELP m x\n# TYPE m gauge\n";
+  EXPECT_EQ(parse_exposition(head + "m{a=\"1\"} 1\n", &samples), "");
+  EXPECT_NE(parse_exposition("m 1\n", &samples), "");
+  EXPECT_NE(parse_exposition(head + "m{a=\"x\\t\"} 1\n", &samples), "");
+  EXPECT_NE(parse_exposition(head + "m{a=\"x} 1\n", &samples), "");
+  EXPECT_NE(parse_exposition(head + "m{1a=\"x\"} 1\n", &samples), "");
+  EXPECT_NE(parse_exposition(head + "m one\n", &samples), "");
+  EXPECT_NE(parse_exposition(head + "m 1", &samples), "");
+  EXPECT_NE(parse_exposition(head + "n 1\n", &samples), "");
+  EXPECT_NE(parse_exposition(head + "# HELP n y\n# TYPE n gauge\nn 1\n" + "# HELP m x\n", &samples), "");
+}
+
+// ---------------------------------------------------------------------------
+// doctor
+
+constexpr char kVersion[] = "3.1.4.159";
+constexpr char kKeys[] = "/etc/velmora/keys.d";
+
+// The agent as installed: a service answering " -v" with version, the app
+// home name with its flags and base manifest of kVersion, the record and
+// its backup naming it (0666, as the library leaves them), one trusted key.
+void install(const std::string &name, const std::string &version) {
+  ASSERT_TRUE(tarn_test::lay_out_open_record(name));
+  ASSERT_TRUE(tarn_test::write_file(tarn_test::kServicePath, "#!/bin/sh\necho " + version + "\n", 0755));
+  const std::string manifests = tarn_test::under_root(name) + "/config/component_info";
+  ASSERT_TRUE(tarn_test::make_dirs(manifests));
+  ASSERT_TRUE(tarn_test::seal_manifest(manifests + "/tarn_base.ejs",
+                                       std::string("{\"package\": \"tarn_base\", \"version\": \"") + kVersion +
+                                           "\", \"files\": []}"));
+  ASSERT_TRUE(tarn_test::make_dirs(kKeys));
+  ASSERT_TRUE(tarn_test::write_file(std::string(kKeys) + "/publisher.pub", std::string(32, 'k'), 0644));
+}
+
+// doctor's output with the free space figure replaced by N, after checking
+// it is a number.
+std::string without_space_figure(const std::string &out) {
+  static const std::regex kSpace("(ok   |warn |fail )free space: [0-9]+ MiB");
+  return std::regex_replace(out, kSpace, "$1free space: N MiB");
+}
+
+TEST_F(HealthTest, DoctorOfAHealthyAgentPassesEveryCheck) {
+  install(tarn_test::kHomeA, kVersion);
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  const Outcome outcome = tarnctl({"doctor"});
+  EXPECT_EQ(outcome.status, 0) << dump(outcome);
+  EXPECT_EQ(outcome.err, "");
+  const std::string root = tarn_test::kInstallRoot;
+  const std::string home = tarn_test::under_root(tarn_test::kHomeA);
+  EXPECT_EQ(without_space_figure(outcome.out),
+            "ok   heartbeat table: intact, 1 process entries\n"
+            "ok   lock proc_heartbeat_shm.name: free\n"
+            "ok   lock " + root + "/tarn_apphome.ini.lock: no lock file\n" +
+            "ok   lock " + root + "/tarn_apphome_backup.ini.lock: no lock file\n" +
+            "ok   record: valid: " + root + "/tarn_apphome.ini names app home " + home + "\n" +
+            "ok   backup: valid: " + root + "/tarn_apphome_backup.ini names app home " + home + "\n" +
+            "ok   record and backup: the same\n"
+            "ok   flags of " + tarn_test::kHomeA + ": " + home + "/config/flags: flag_operational flag_operational_backup\n" +
+            "ok   service version: service " + kVersion + ", base manifest tarn_base 3.1.4.159\n" +
+            "ok   save temporaries: none left by interrupted saves\n"
+            "ok   free space: N MiB available at " + root + "\n" +
+            "ok   mode " + root + ": 0755\n" +
+            "warn mode " + root + "/tarn_apphome.ini: 0666\n"
+            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
+            "warn mode " + root + "/tarn_apphome_backup.ini: 0666\n"
+            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
+            "ok   signature keys: " + kKeys + ": publisher.pub\n"
+            "doctor: 13 ok, 2 warn, 0 fail\n");
+}
+
+TEST_F(HealthTest, DoctorNamesWhoHoldsALockAndDoesNotWaitForIt) {
+  install(tarn_test::kHomeA, kVersion);
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  const std::string lock = std::string(tarn_test::kRecordPath) + ".lock";
+  tarn_test::ForeignLock holder(lock);
+  ASSERT_TRUE(holder.held());
+  const Outcome outcome = tarnctl({"doctor"});
+  EXPECT_EQ(outcome.status, 0) << dump(outcome);
+  const std::string held = "held by pid " + std::to_string(holder.pid()) + " (" + self_name() + ", FLOCK WRITE)";
+  const std::vector<std::string> lines = lines_of(outcome.out);
+  ASSERT_GE(lines.size(), 6u) << outcome.out;
+  EXPECT_EQ(lines[2], "ok   lock " + lock + ": " + held);
+  EXPECT_EQ(lines[4], "warn record: not checked: " + lock + " is " + held);
+  EXPECT_EQ(lines[5], "     fix: see why that process keeps the lock; stop it if it hangs");
+  // Nothing else reads the record while its lock is held.
+  EXPECT_EQ(outcome.out.find("flags of"), std::string::npos) << outcome.out;
+  EXPECT_EQ(outcome.out.find("service version"), std::string::npos) << outcome.out;
+}
+
+TEST_F(HealthTest, DoctorFailsWithAFixForEachProblem) {
+  install(tarn_test::kHomeA, "3.1.5");
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  TableFaults faults;
+  *faults.magic() = 7;
+  const std::string root = tarn_test::kInstallRoot;
+  const std::string home = tarn_test::under_root(tarn_test::kHomeA);
+  ASSERT_TRUE(tarn_test::write_file(tarn_test::kBackupPath, tarn_test::record_text(tarn_test::kHomeB), 0666));
+  // A save cut short by a process that is gone, and one still in progress.
+  const pid_t gone = idle_child();
+  tarn_test::kill_and_reap(gone);
+  const std::string stray = root + "/tarn_apphome.ini.tmp." + std::to_string(gone) + ".0";
+  ASSERT_TRUE(tarn_test::write_file(stray, "x"));
+  ASSERT_TRUE(tarn_test::write_file(home + "/config/x.ini.tmp." + std::to_string(getpid()) + ".3", "x"));
+  ASSERT_TRUE(tarn_test::make_dirs(home + "/config/deeper"));
+  const std::string deeper = home + "/config/deeper/y.json.tmp." + std::to_string(gone) + ".12";
+  ASSERT_TRUE(tarn_test::write_file(deeper, "x"));
+  ASSERT_TRUE(tarn_test::write_file(std::string(kKeys) + "/loose.pub", std::string(32, 'l'), 0666));
+  ASSERT_EQ(chmod((std::string(kKeys) + "/loose.pub").c_str(), 0666), 0);
+  const Outcome outcome = tarnctl({"doctor"});
+  EXPECT_EQ(outcome.status, 1) << dump(outcome);
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(without_space_figure(outcome.out),
+            "fail heartbeat table: magic: 7, not 12321: the table was overwritten or never cleared by the service\n"
+            "     fix: restart the service: it clears the table and the processes register again\n"
+            "ok   lock proc_heartbeat_shm.name: free\n"
+            "ok   lock " + root + "/tarn_apphome.ini.lock: no lock file\n" +
+            "ok   lock " + root + "/tarn_apphome_backup.ini.lock: no lock file\n" +
+            "ok   record: valid: " + root + "/tarn_apphome.ini names app home " + home + "\n" +
+            "warn backup: the app home " + tarn_test::under_root(tarn_test::kHomeB) + " that " + root +
+            "/tarn_apphome_backup.ini names is not operational (no config/flags/flag_operational nor its spare)\n" +
+            "     fix: the next update of the record rewrites it\n"
+            "warn record and backup: they differ\n"
+            "     fix: tarnctl apphome restore, when the backup names the right app home\n"
+            "ok   flags of " + tarn_test::kHomeA + ": " + home + "/config/flags: flag_operational flag_operational_backup\n" +
+            "fail service version: service 3.1.5, base manifest tarn_base 3.1.4.159\n"
+            "     fix: the service and the recorded app home are of different releases: tarnctl apphome reduce\n"
+            "warn save temporaries: left by interrupted saves: " + deeper + " " + stray + "\n" +
+            "     fix: remove them: rm -- " + deeper + " " + stray + "\n" +
+            "ok   free space: N MiB available at " + root + "\n" +
+            "ok   mode " + root + ": 0755\n" +
+            "warn mode " + root + "/tarn_apphome.ini: 0666\n"
+            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
+            "warn mode " + root + "/tarn_apphome_backup.ini: 0666\n"
+            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
+            "fail signature keys: ignored (not root's or writable by others): " + kKeys + "/loose.pub\n" +
+            "     fix: chown root and chmod go-w them, or remove them\n"
+            "doctor: 7 ok, 5 warn, 3 fail\n");
+  const Outcome json = tarnctl({"doctor", "--json"});
+  EXPECT_EQ(json.status, 1);
+  EXPECT_EQ(tarn_test::schema_problems("doctor", json.out), "");
+  EXPECT_NE(json.out.find("\"counts\": {\n    \"ok\": 7,\n    \"warn\": 5,\n    \"fail\": 3\n  }"),
+            std::string::npos) << json.out;
+}
+
+TEST_F(HealthTest, DoctorWithoutAnAgentFailsEachCheckThatNeedsOne) {
+  proc_heartbeat_deinit(true);
+  const Outcome outcome = tarnctl({"doctor"});
+  EXPECT_EQ(outcome.status, 1) << dump(outcome);
+  const std::vector<std::string> lines = lines_of(outcome.out);
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "fail heartbeat table: no heartbeat table (shared memory proc_heartbeat_shm.name does not "
+                      "exist; has the service run?)");
+  EXPECT_EQ(lines[1], "     fix: start the service (it creates the table)");
+  EXPECT_NE(outcome.out.find("\nfail record: " + std::string(tarn_test::kRecordPath) + " does not exist\n"),
+            std::string::npos) << outcome.out;
+  EXPECT_NE(outcome.out.find("\nwarn signature keys: no key file in /etc/velmora/keys.d: only the build's key is "
+                             "trusted\n     fix: install the publisher's public key as /etc/velmora/keys.d/NAME "
+                             "(docs/ejs.md)\n"),
+            std::string::npos) << outcome.out;
+  const Outcome json = tarnctl({"doctor", "--json"});
+  EXPECT_EQ(tarn_test::schema_problems("doctor", json.out), "");
+}
+
+TEST_F(HealthTest, DoctorAndMetricsHaveTheirHelp) {
+  for (const char *command : {"doctor", "metrics"}) {
+    const Outcome outcome = tarnctl({command, "--help"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out.rfind(std::string("usage: tarnctl ") + command, 0), 0u) << outcome.out;
+  }
+  const Outcome overview = tarnctl({"--help"});
+  EXPECT_NE(overview.out.find("\n  doctor [--json] "), std::string::npos) << overview.out;
+  EXPECT_NE(overview.out.find("\n  metrics "), std::string::npos) << overview.out;
+}
 }  // namespace

@@ -19,13 +19,12 @@
 #include <string>
 #include <vector>
 
-#include <com_info.h>
+#include <qiv_ejs/qiv_ejs.h>
 #include <tarn_apphome.h>
 #include <tarn_heartbeat_internal.h>
 #include <tarnbase/tarn_ini.h>
 #include <tarnbase/tarn_log.h>
 #include <tarnbase/tarn_process.h>
-#include <version_mgr.h>
 
 #include "heartbeat_view.h"
 #include "tarnctl.h"
@@ -96,17 +95,32 @@ void check_table(const Invocation &inv, Checks *checks) {
   }
 }
 
-void check_records(Checks *checks) {
+// A lock file's holders, and whether anybody holds it.
+struct FileLock {
+  std::string path;
+  std::string holders;  // "free", "no lock file" or "held by ..."
+  bool held() const { return holders.rfind("held", 0) == 0; }
+};
+
+// Whether the record file at path (locked by lock) is valid. A file whose
+// lock another process holds is not read: the library would wait for it.
+void check_record(const char *name, const std::string &path, const FileLock &lock, Verdict invalid,
+                  const char *fix, Checks *checks) {
+  if (lock.held()) {
+    checks->push_back({name, Verdict::kWarn, "not checked: " + lock.path + " is " + lock.holders,
+                       "see why that process keeps the lock; stop it if it hangs"});
+    return;
+  }
+  const int32_t result = tarn_apphome_check_validity(path.c_str());
+  const bool valid = result == TARN_APPHOME_VALID;
+  checks->push_back({name, valid ? Verdict::kOk : invalid, validity_text(result, path), valid ? "" : fix});
+}
+
+void check_records(const FileLock &record_lock, const FileLock &backup_lock, Checks *checks) {
   const std::string record = record_path();
   const std::string backup = backup_path();
-  const int32_t record_result = tarn_apphome_check_validity(record.c_str());
-  checks->push_back({"record", record_result == TARN_APPHOME_VALID ? Verdict::kOk : Verdict::kFail,
-                     validity_text(record_result, record),
-                     record_result == TARN_APPHOME_VALID ? "" : "tarnctl apphome reduce"});
-  const int32_t backup_result = tarn_apphome_check_validity(backup.c_str());
-  checks->push_back({"backup", backup_result == TARN_APPHOME_VALID ? Verdict::kOk : Verdict::kWarn,
-                     validity_text(backup_result, backup),
-                     backup_result == TARN_APPHOME_VALID ? "" : "the next update of the record rewrites it"});
+  check_record("record", record, record_lock, Verdict::kFail, "tarnctl apphome reduce", checks);
+  check_record("backup", backup, backup_lock, Verdict::kWarn, "the next update of the record rewrites it", checks);
   const bool same = path_error(record) == 0 && path_error(backup) == 0 && contents(record) == contents(backup);
   checks->push_back({"record and backup", same ? Verdict::kOk : Verdict::kWarn,
                      same ? "the same" : "they differ",
@@ -161,20 +175,22 @@ void check_service_version(Checks *checks) {
   std::string service = text;
   while (!service.empty() && (service.back() == '\n' || service.back() == ' ')) service.pop_back();
   const std::string manifest = install_root() + "/" + homes[0] + "/config/component_info/tarn_base.ejs";
-  com_info_var info;
-  if (load_com_info(manifest.c_str(), &info) != 0) {
-    checks->push_back({"service version", Verdict::kFail, "cannot load " + manifest,
+  json_t *tree = qiv_json_load_file_ejs(manifest.c_str());
+  if (tree == nullptr) {
+    checks->push_back({"service version", Verdict::kFail, "cannot load " + manifest + ": " + error_text(errno),
                        "reinstall the app home's base package"});
     return;
   }
-  char base[64] = {0};
-  version_mgr_version_tostring(&info.version, base, sizeof(base));
-  version_mgr_version parsed;
-  const bool same = version_mgr_parser_version(service.c_str(), &parsed) == 0 &&
-                    version_mgr_compare_version(parsed, info.version) == 0;
-  free_com_info_var(&info);
+  // As reduction matches them: the package is tarn_base and its version
+  // is the service's text exactly.
+  const char *package = json_string_value(qiv_json_object_get_ejs(tree, "package"));
+  const char *version = json_string_value(qiv_json_object_get_ejs(tree, "version"));
+  const std::string base = version != nullptr ? version : "none";
+  const bool same = package != nullptr && strcmp(package, "tarn_base") == 0 && base == service;
+  const std::string named = package != nullptr ? package : "no package";
+  qiv_json_decref_ejs(tree);
   checks->push_back({"service version", same ? Verdict::kOk : Verdict::kFail,
-                     "service " + service + ", base manifest " + base,
+                     "service " + service + ", base manifest " + named + " " + base,
                      same ? "" : "the service and the recorded app home are of different releases: tarnctl apphome reduce"});
 }
 
@@ -256,11 +272,10 @@ std::string file_lock_holders(const std::string &path) {
   return text.empty() ? "free" : text;
 }
 
-void check_locks(Checks *checks) {
+void check_locks(const FileLock &record_lock, const FileLock &backup_lock, Checks *checks) {
   checks->push_back({"lock " PROC_HEARTBEAT_SHM_NAME, Verdict::kOk, glock_holder(), ""});
-  for (const std::string &file : {record_path(), backup_path()}) {
-    const std::string lock = file + ".lock";
-    checks->push_back({"lock " + lock, Verdict::kOk, file_lock_holders(lock), ""});
+  for (const FileLock *lock : {&record_lock, &backup_lock}) {
+    checks->push_back({"lock " + lock->path, Verdict::kOk, lock->holders, ""});
   }
 }
 
@@ -363,11 +378,18 @@ json_t *checks_json(const Checks &checks) {
 int run_doctor(const Invocation &inv) {
   Checks checks;
   check_table(inv, &checks);
-  check_records(&checks);
-  check_flags(&checks);
-  check_service_version(&checks);
+  const std::string record_lock_path = record_path() + ".lock";
+  const std::string backup_lock_path = backup_path() + ".lock";
+  const FileLock record_lock{record_lock_path, file_lock_holders(record_lock_path)};
+  const FileLock backup_lock{backup_lock_path, file_lock_holders(backup_lock_path)};
+  check_locks(record_lock, backup_lock, &checks);
+  check_records(record_lock, backup_lock, &checks);
+  // Both read the record, under its lock.
+  if (!record_lock.held()) {
+    check_flags(&checks);
+    check_service_version(&checks);
+  }
   check_temporaries(&checks);
-  check_locks(&checks);
   check_space(&checks);
   check_modes(&checks);
   check_keys(&checks);

@@ -77,13 +77,15 @@ void table_metrics(const TableView &view, bool up) {
     states.sample({{"state", state_text(state)}}, (double)count);
   }
   const Family age("tarnaux_heartbeat_age_seconds", "gauge", "Seconds since the entry's last beat.");
-  const Family interval("tarnaux_heartbeat_interval_seconds", "gauge", "The beat interval the entry declared.");
   for (const EntryView &entry : view.entries) {
     const std::vector<std::pair<std::string, std::string>> labels = {
         {"slot", std::to_string(entry.slot)}, {"pid", std::to_string(entry.pid)}, {"name", entry.name},
         {"type", type_name(entry.type)},      {"state", state_text(entry.state)}};
     age.sample(labels, (double)entry.age_ms / 1000.0);
   }
+  // A family's samples follow its own HELP and TYPE lines, before the next
+  // family's.
+  const Family interval("tarnaux_heartbeat_interval_seconds", "gauge", "The beat interval the entry declared.");
   for (const EntryView &entry : view.entries) {
     interval.sample({{"slot", std::to_string(entry.slot)}, {"pid", std::to_string(entry.pid)}},
                     (double)entry.interval_s);

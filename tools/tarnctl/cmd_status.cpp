@@ -36,6 +36,15 @@ std::string type_column(uint32_t type) {
   return name == "worker" ? name + "(" + std::to_string(type) + ")" : name;
 }
 
+// text with every control character shown as '?', so that a process name
+// cannot break a row.
+std::string printable(std::string text) {
+  for (char &c : text) {
+    if ((unsigned char)c < 0x20 || c == 0x7f) c = '?';
+  }
+  return text;
+}
+
 // Why the table is not healthy, or "" when it is.
 std::string trouble(const TableView &view) {
   std::string text;
@@ -55,7 +64,7 @@ void print_text(const TableView &view) {
   constexpr char kFormat[] = "%-4s %-7s %-15s %-9s %-10s %-7s %-9s %s\n";
   printf(kFormat, "SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE");
   for (const EntryView &entry : view.entries) {
-    printf(kFormat, std::to_string(entry.slot).c_str(), std::to_string(entry.pid).c_str(), entry.name.c_str(),
+    printf(kFormat, std::to_string(entry.slot).c_str(), std::to_string(entry.pid).c_str(), printable(entry.name).c_str(),
            type_column(entry.type).c_str(), std::to_string(entry.interval_s).c_str(),
            decimal(entry.age_ms).c_str(), state_text(entry.state), entry.executable.c_str());
   }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <memory>
 
 #include <tarn_heartbeat.h>
@@ -90,11 +91,14 @@ void copy_segment(const char *name, Copy<T> *copy) {
   close(fd);
 }
 
-std::string proc_text(int32_t pid, const char *what) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/" + what);
-  std::string text;
-  if (!std::getline(file, text) || text.empty()) return "-";
-  return text;
+// The process's name as the kernel keeps it, "-" when it cannot be read. A
+// name may hold any byte but NUL, a line end included: only the line end
+// that the kernel adds is dropped.
+std::string process_name(int32_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/comm", std::ios::binary);
+  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text.empty() ? "-" : text;
 }
 
 std::string executable_of(int32_t pid) {
@@ -278,7 +282,7 @@ int read_table_view(const Invocation &inv, int64_t max_age_ms, TableView *view, 
     const tarn_process_identity_t *identity =
         identities && side->data.identity[slot].pid == entry.pid ? &side->data.identity[slot] : nullptr;
     view->entries.push_back(EntryView{slot, entry.pid, entry.ptype, entry.interval, age_ms,
-                                      proc_text(entry.pid, "comm"), executable_of(entry.pid),
+                                      process_name(entry.pid), executable_of(entry.pid),
                                       identity != nullptr, judge(entry, age_ms, max_age_ms, identity)});
   }
   return kExitOk;
