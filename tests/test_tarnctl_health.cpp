@@ -230,6 +230,19 @@ std::string with_ages_checked(const std::string &out, const std::vector<uint64_t
 // ---------------------------------------------------------------------------
 // status
 
+// status's first lines for an intact table of `occupied` slots, whose
+// watchdog is in watchdog_slot, and the rows' header.
+std::string intact_head(int occupied, int watchdog_slot) {
+  return "integrity: ok\n"
+         "  magic      ok  12321\n"
+         "  proc_num   ok  " + std::to_string(occupied) + ", " + std::to_string(occupied) + " slots occupied\n" +
+         "  watchdog   ok  slot " + std::to_string(watchdog_slot) + "\n" +
+         "  library    ok  the library lists " + std::to_string(occupied - 1) + " of " +
+         std::to_string(occupied - 1) + " process entries\n" +
+         "  journal    ok  no change left half-made\n" +
+         row("SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE") + "\n";
+}
+
 TEST_F(HealthTest, StatusJudgesEveryEntryAndShowsTheWatchdog) {
   const uint64_t before = tarn_test::monotonic_ms();
   register_everyone();
@@ -241,13 +254,7 @@ TEST_F(HealthTest, StatusJudgesEveryEntryAndShowsTheWatchdog) {
   const std::string exe = self_executable();
   const std::string id = std::to_string(getpid());
   EXPECT_EQ(with_ages_checked(outcome.out, {500, 3500, 2500, 61500, 4500, 5500, 12500}, span),
-            "integrity: ok\n"
-            "  magic      ok  12321\n"
-            "  proc_num   ok  7, 7 slots occupied\n"
-            "  watchdog   ok  slot 6\n"
-            "  library    ok  the library lists 6 of 6 process entries\n"
-            "  journal    ok  no change left half-made\n" +
-                row("SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE") + "\n" +
+            intact_head(7, 6) +
                 row("0", id, name, "service", "5", "AGE", "ok", exe) + "\n" +
                 row("1", std::to_string(ok_), name, "worker(3)", "10", "AGE", "ok", exe) + "\n" +
                 row("2", std::to_string(late_), name, "worker(3)", "1", "AGE", "late", exe) + "\n" +
@@ -270,18 +277,11 @@ TEST_F(HealthTest, StatusOfAHealthyTableExitsZero) {
   const uint64_t span = tarn_test::monotonic_ms() - before;
   EXPECT_EQ(outcome.status, 0) << dump(outcome);
   EXPECT_EQ(outcome.err, "");
-  const std::string name = self_name();
-  const std::string exe = self_executable();
   EXPECT_EQ(with_ages_checked(outcome.out, {500, 15000, 500}, span),
-            "integrity: ok\n"
-            "  magic      ok  12321\n"
-            "  proc_num   ok  3, 3 slots occupied\n"
-            "  watchdog   ok  slot 2\n"
-            "  library    ok  the library lists 2 of 2 process entries\n"
-            "  journal    ok  no change left half-made\n" +
-                row("SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE") + "\n" +
-                row("0", std::to_string(getpid()), name, "service", "5", "AGE", "ok", exe) + "\n" +
-                row("1", std::to_string(children_[0]), name, "worker(3)", "10", "AGE", "ok", exe) + "\n" +
+            intact_head(3, 2) +
+                row("0", std::to_string(getpid()), self_name(), "service", "5", "AGE", "ok", self_executable()) +
+                "\n" + row("1", std::to_string(children_[0]), self_name(), "worker(3)", "10", "AGE", "ok",
+                           self_executable()) + "\n" +
                 "watchdog: slot 2, interval 300 s, age AGE s, ok\n"
                 "status: ok\n");
 }
@@ -691,6 +691,25 @@ std::string without_space_figure(const std::string &out) {
   return std::regex_replace(out, kSpace, "$1free space: N MiB");
 }
 
+// doctor's lines for locks nobody holds and have not been made yet.
+std::string free_locks() {
+  const std::string root = tarn_test::kInstallRoot;
+  return "ok   lock proc_heartbeat_shm.name: free\n"
+         "ok   lock " + root + "/tarn_apphome.ini.lock: no lock file\n" +
+         "ok   lock " + root + "/tarn_apphome_backup.ini.lock: no lock file\n";
+}
+
+// doctor's lines for the free space (its figure as N) and the modes that
+// install() leaves.
+std::string space_and_modes() {
+  const std::string root = tarn_test::kInstallRoot;
+  const std::string fix = "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n";
+  return "ok   free space: N MiB available at " + root + "\n" +
+         "ok   mode " + root + ": 0755\n" +
+         "warn mode " + root + "/tarn_apphome.ini: 0666\n" + fix +
+         "warn mode " + root + "/tarn_apphome_backup.ini: 0666\n" + fix;
+}
+
 TEST_F(HealthTest, DoctorOfAHealthyAgentPassesEveryCheck) {
   install(tarn_test::kHomeA, kVersion);
   ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
@@ -700,22 +719,13 @@ TEST_F(HealthTest, DoctorOfAHealthyAgentPassesEveryCheck) {
   const std::string root = tarn_test::kInstallRoot;
   const std::string home = tarn_test::under_root(tarn_test::kHomeA);
   EXPECT_EQ(without_space_figure(outcome.out),
-            "ok   heartbeat table: intact, 1 process entries\n"
-            "ok   lock proc_heartbeat_shm.name: free\n"
-            "ok   lock " + root + "/tarn_apphome.ini.lock: no lock file\n" +
-            "ok   lock " + root + "/tarn_apphome_backup.ini.lock: no lock file\n" +
+            "ok   heartbeat table: intact, 1 process entries\n" + free_locks() +
             "ok   record: valid: " + root + "/tarn_apphome.ini names app home " + home + "\n" +
             "ok   backup: valid: " + root + "/tarn_apphome_backup.ini names app home " + home + "\n" +
             "ok   record and backup: the same\n"
             "ok   flags of " + tarn_test::kHomeA + ": " + home + "/config/flags: flag_operational flag_operational_backup\n" +
             "ok   service version: service " + kVersion + ", base manifest tarn_base 3.1.4.159\n" +
-            "ok   save temporaries: none left by interrupted saves\n"
-            "ok   free space: N MiB available at " + root + "\n" +
-            "ok   mode " + root + ": 0755\n" +
-            "warn mode " + root + "/tarn_apphome.ini: 0666\n"
-            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
-            "warn mode " + root + "/tarn_apphome_backup.ini: 0666\n"
-            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
+            "ok   save temporaries: none left by interrupted saves\n" + space_and_modes() +
             "ok   signature keys: " + kKeys + ": publisher.pub\n"
             "doctor: 13 ok, 2 warn, 0 fail\n");
 }
@@ -763,10 +773,7 @@ TEST_F(HealthTest, DoctorFailsWithAFixForEachProblem) {
   EXPECT_EQ(outcome.err, "");
   EXPECT_EQ(without_space_figure(outcome.out),
             "fail heartbeat table: magic: 7, not 12321: the table was overwritten or never cleared by the service\n"
-            "     fix: restart the service: it clears the table and the processes register again\n"
-            "ok   lock proc_heartbeat_shm.name: free\n"
-            "ok   lock " + root + "/tarn_apphome.ini.lock: no lock file\n" +
-            "ok   lock " + root + "/tarn_apphome_backup.ini.lock: no lock file\n" +
+            "     fix: restart the service: it clears the table and the processes register again\n" + free_locks() +
             "ok   record: valid: " + root + "/tarn_apphome.ini names app home " + home + "\n" +
             "warn backup: the app home " + tarn_test::under_root(tarn_test::kHomeB) + " that " + root +
             "/tarn_apphome_backup.ini names is not operational (no config/flags/flag_operational nor its spare)\n" +
@@ -778,12 +785,7 @@ TEST_F(HealthTest, DoctorFailsWithAFixForEachProblem) {
             "     fix: the service and the recorded app home are of different releases: tarnctl apphome reduce\n"
             "warn save temporaries: left by interrupted saves: " + deeper + " " + stray + "\n" +
             "     fix: remove them: rm -- " + deeper + " " + stray + "\n" +
-            "ok   free space: N MiB available at " + root + "\n" +
-            "ok   mode " + root + ": 0755\n" +
-            "warn mode " + root + "/tarn_apphome.ini: 0666\n"
-            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
-            "warn mode " + root + "/tarn_apphome_backup.ini: 0666\n"
-            "     fix: any local user can rewrite it: set [security] agent_group (docs/security.md)\n"
+            space_and_modes() +
             "fail signature keys: ignored (not root's or writable by others): " + kKeys + "/loose.pub\n" +
             "     fix: chown root and chmod go-w them, or remove them\n"
             "doctor: 7 ok, 5 warn, 3 fail\n");

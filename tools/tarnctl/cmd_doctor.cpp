@@ -56,19 +56,6 @@ constexpr int kTemporaryDepth = 6;
 constexpr char kKeysDirectory[] = "/etc/velmora/keys.d";
 constexpr char kGlockSuffix[] = ".glock";
 
-std::string contents(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-std::string process_name(int pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
-  std::string name;
-  return std::getline(file, name) ? name : "?";
-}
-
 std::string octal(mode_t mode) {
   char text[8];
   snprintf(text, sizeof(text), "%04o", (unsigned)(mode & 07777));
@@ -121,7 +108,7 @@ void check_records(const FileLock &record_lock, const FileLock &backup_lock, Che
   const std::string backup = backup_path();
   check_record("record", record, record_lock, Verdict::kFail, "tarnctl apphome reduce", checks);
   check_record("backup", backup, backup_lock, Verdict::kWarn, "the next update of the record rewrites it", checks);
-  const bool same = path_error(record) == 0 && path_error(backup) == 0 && contents(record) == contents(backup);
+  const bool same = path_error(record) == 0 && path_error(backup) == 0 && file_contents(record) == file_contents(backup);
   checks->push_back({"record and backup", same ? Verdict::kOk : Verdict::kWarn,
                      same ? "the same" : "they differ",
                      same ? "" : "tarnctl apphome restore, when the backup names the right app home"});

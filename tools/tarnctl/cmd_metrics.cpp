@@ -4,8 +4,6 @@
 
 #include <stdio.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -99,13 +97,6 @@ void table_metrics(const TableView &view, bool up) {
   Family("tarnaux_healthy", "gauge", "Whether tarnctl status would exit 0.").sample({}, view.healthy() ? 1 : 0);
 }
 
-std::string contents(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
 void record_metrics() {
   const std::string record = record_path();
   const std::string backup = backup_path();
@@ -114,7 +105,7 @@ void record_metrics() {
   valid.sample({{"file", "record"}}, tarn_apphome_check_validity(record.c_str()) == TARN_APPHOME_VALID ? 1 : 0);
   valid.sample({{"file", "backup"}}, tarn_apphome_check_validity(backup.c_str()) == TARN_APPHOME_VALID ? 1 : 0);
   Family("tarnaux_apphome_backup_matches", "gauge", "Whether the backup holds the same bytes as the record.")
-      .sample({}, path_error(record) == 0 && contents(record) == contents(backup) ? 1 : 0);
+      .sample({}, path_error(record) == 0 && file_contents(record) == file_contents(backup) ? 1 : 0);
 }
 
 }  // namespace

@@ -91,15 +91,6 @@ void copy_segment(const char *name, Copy<T> *copy) {
   close(fd);
 }
 
-// The process's name as the kernel keeps it, "-" when it cannot be read. A
-// name may hold any byte but NUL, a line end included: only the line end
-// that the kernel adds is dropped.
-std::string process_name(int32_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/comm", std::ios::binary);
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (!text.empty() && text.back() == '\n') text.pop_back();
-  return text.empty() ? "-" : text;
-}
 
 std::string executable_of(int32_t pid) {
   char path[4096];
@@ -220,6 +211,16 @@ void check_integrity(const proc_heartbeat_segment_t &table, const Copy<proc_hear
 }
 
 }  // namespace
+
+// The process's name as the kernel keeps it, "-" when it cannot be read. A
+// name may hold any byte but NUL, a line end included: only the line end
+// that the kernel adds is dropped.
+std::string process_name(int32_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/comm", std::ios::binary);
+  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text.empty() ? "-" : text;
+}
 
 const char *state_text(EntryState state) {
   switch (state) {

@@ -62,6 +62,10 @@ struct TableView {
   bool healthy() const { return integrity_ok() && has_service() && not_ok() == 0 && !watchdog.late; }
 };
 
+// The name of process pid as the kernel keeps it (/proc/PID/comm, which
+// may hold any byte but NUL), "-" when it cannot be read.
+std::string process_name(int32_t pid);
+
 // "service", "watchdog" or "worker" (types 1 to 5).
 const char *type_name(uint32_t type);
 

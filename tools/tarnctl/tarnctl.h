@@ -105,6 +105,8 @@ int path_error(const std::string &path);
 // not, with *error set to the errno of looking (0 when something else is
 // there).
 std::string regular_file_problem(const std::string &path, int *error);
+// The bytes of the file at path, "" when it cannot be read.
+std::string file_contents(const std::string &path);
 // strerror() of an errno value as a std::string.
 std::string error_text(int error);
 
