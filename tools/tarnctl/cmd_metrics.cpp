@@ -52,7 +52,7 @@ class Family {
       }
       text += "}";
     }
-    printf("%s %.17g\n", text.c_str(), value);
+    printf("%s %.15g\n", text.c_str(), value);
   }
 
  private:
