@@ -58,7 +58,7 @@ void drop_log_line(void *, uint32_t, const char *, size_t) {}
 constexpr size_t kTableSize = 1544;
 constexpr size_t kSideSize = 2608;
 constexpr size_t kIdentityOffset = 48;
-constexpr uint32_t kMagic = 12321;
+constexpr char kOddName[] = "a\\b\"c\nd";
 
 // A read-write view of the shared segments, for the faults and ages the
 // test sets.
@@ -182,6 +182,23 @@ class HealthTest : public ::testing::Test {
     faults.add_watchdog(6, 12500);
   }
 
+  // A live worker named kOddName (which needs every escape of a label
+  // value, and holds a line end), registered with type 1 in slot `slot`.
+  pid_t odd_named_worker(int32_t slot) {
+    const pid_t pid = tarn_test::fork_child([] {
+      prctl(PR_SET_NAME, kOddName, 0, 0, 0);
+      for (;;) pause();
+      return 0;
+    });
+    children_.push_back(pid);
+    // The child names itself after the fork; its name is read until then.
+    while (tarn_test::read_file("/proc/" + std::to_string(pid) + "/comm") != std::string(kOddName) + "\n") {
+      EXPECT_NE(tarn_process_is_exist(pid), 0);
+    }
+    EXPECT_EQ(add(pid, 10, 1), slot);
+    return pid;
+  }
+
   std::vector<pid_t> children_;
   pid_t ok_ = -1, late_ = -1, timed_out_ = -1, dead_ = -1, reused_ = -1;
 };
@@ -293,6 +310,20 @@ TEST_F(HealthTest, StatusWithoutAServiceEntryExitsThree) {
   EXPECT_EQ(lines_of(outcome.out).back(), "status: not ok: no service entry");
   EXPECT_NE(outcome.out.find("\nwatchdog: none\n"), std::string::npos) << outcome.out;
   EXPECT_NE(outcome.out.find("  watchdog   ok  no watchdog slot\n"), std::string::npos) << outcome.out;
+}
+
+TEST_F(HealthTest, StatusShowsControlCharactersOfANameAsQuestionMarks) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  const pid_t odd = odd_named_worker(1);
+  const Outcome outcome = tarnctl({"status"});
+  EXPECT_EQ(outcome.status, 0) << dump(outcome);
+  const std::vector<std::string> lines = lines_of(outcome.out);
+  ASSERT_EQ(lines.size(), 11u) << outcome.out;
+  // The row up to its age: one line, the name's line end shown as '?'.
+  const std::string head = row("1", std::to_string(odd), "a\\b\"c?d", "worker(1)", "10", "", "", "").substr(0, 50);
+  EXPECT_EQ(lines[8].substr(0, 50), head) << lines[8];
+  const Outcome json = tarnctl({"status", "--json"});
+  EXPECT_NE(json.out.find("\"name\": \"a\\\\b\\\"c\\nd\""), std::string::npos) << json.out;
 }
 
 TEST_F(HealthTest, StatusSeesADamagedTableThatTheLibraryCannot) {
@@ -581,17 +612,7 @@ TEST_F(HealthTest, MetricsGiveTheTableAndTheRecordInTheTextFormat) {
   ASSERT_TRUE(tarn_test::write_file(tarn_test::kBackupPath, tarn_test::record_text(tarn_test::kHomeB)));
   const uint64_t before = tarn_test::monotonic_ms();
   register_everyone();
-  // A worker whose name needs every escape of a label value.
-  const pid_t odd = tarn_test::fork_child([] {
-    prctl(PR_SET_NAME, "a\\b\"c\nd", 0, 0, 0);
-    for (;;) pause();
-    return 0;
-  });
-  children_.push_back(odd);
-  while (tarn_test::read_file("/proc/" + std::to_string(odd) + "/comm") != "a\\b\"c\nd\n") {
-    ASSERT_NE(tarn_process_is_exist(odd), 0);
-  }
-  ASSERT_EQ(add(odd, 10, 1), 7);
+  const pid_t odd = odd_named_worker(7);
   const Outcome outcome = tarnctl({"metrics"});
   const uint64_t span = tarn_test::monotonic_ms() - before;
   EXPECT_EQ(outcome.status, 0) << dump(outcome);
