@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -13,7 +12,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <functional>
 #include <regex>
 #include <sstream>
 #include <string>
