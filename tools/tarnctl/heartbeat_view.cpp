@@ -1,5 +1,5 @@
-// heartbeat_view.cpp -- reading and judging the heartbeat table for status
-// and metrics.
+// heartbeat_view.cpp -- reading and judging the heartbeat table for status,
+// doctor and metrics.
 //
 // The library's bulk query follows proc_num and skips the watchdog, so it
 // cannot show a damaged table. The table is therefore also read here, from

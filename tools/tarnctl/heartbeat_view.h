@@ -1,7 +1,7 @@
 // heartbeat_view.h -- the heartbeat table as the operator sees it: a copy
 // read through a read-only mapping under the table's lock, checked for
 // damage, with every entry judged (ok, late, timed-out, dead, reused).
-// Shared by status and metrics.
+// Shared by status, doctor and metrics.
 #ifndef TARNCTL_HEARTBEAT_VIEW_H
 #define TARNCTL_HEARTBEAT_VIEW_H
 
