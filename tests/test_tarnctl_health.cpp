@@ -16,7 +16,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -280,6 +282,62 @@ TEST_F(HealthTest, StatusJudgesEveryEntryAndShowsTheWatchdog) {
                 row("5", std::to_string(reused_), name, "worker(5)", "10", "AGE", "reused", exe) + "\n" +
                 "watchdog: slot 6, interval 300 s, age AGE s, ok\n"
                 "status: not ok: 4 entries not ok\n");
+}
+
+// A real reused pid: in a new pid namespace, whose first process (the
+// service here) can choose the next pid through ns_last_pid, a worker
+// registers and ends, and another process is started at once with its pid.
+// status, run in the namespace, tells the two apart by the identity the
+// worker's registration recorded. Returns "W <pid>\n" and status's exit
+// status and output, or why the scenario could not be made.
+std::string reused_pid_scenario() {
+  tarn_test::Pipe reported;
+  const pid_t outer = tarn_test::fork_child([&] {
+    reported.close_read();
+    if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) return 80;
+    return tarn_test::reap(tarn_test::fork_child([&]() -> int {
+      if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+          mount("proc", "/proc", "proc", 0, nullptr) != 0)
+        return 90;
+      if (add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE) != 0) return 91;
+      const pid_t worker = tarn_test::fork_child([] { return add(getpid(), 10, 3) == 1 ? 0 : 1; });
+      if (tarn_test::reap(worker) != 0) return 92;
+      const int last_pid = open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC);
+      const std::string previous = std::to_string(worker - 1);
+      if (last_pid < 0 || write(last_pid, previous.data(), previous.size()) <= 0) return 93;
+      close(last_pid);
+      const pid_t impostor = idle_child();
+      if (impostor != worker) return 94;
+      const Outcome outcome = tarnctl({"status"});
+      tarn_test::kill_and_reap(impostor);
+      const std::string text = "W " + std::to_string(worker) + "\n" + std::to_string(outcome.status) + "\n" +
+                               outcome.out + outcome.err;
+      return write(reported.write_fd(), text.data(), text.size()) == (ssize_t)text.size() ? 0 : 95;
+    }));
+  });
+  reported.close_write();
+  std::string text;
+  char buffer[4096];
+  ssize_t got = 0;
+  while ((got = read(reported.read_fd(), buffer, sizeof(buffer))) > 0) text.append(buffer, (size_t)got);
+  const int status = tarn_test::reap(outer);
+  return status == 0 ? text : text + "<scenario ended with " + std::to_string(status) + ">";
+}
+
+TEST_F(HealthTest, StatusTellsAProcessThatWasGivenADeadWorkersPidFromTheWorker) {
+  const std::vector<std::string> lines = lines_of(reused_pid_scenario());
+  ASSERT_EQ(lines.size(), 13u);
+  ASSERT_EQ(lines[0].rfind("W ", 0), 0u) << lines[0];
+  const std::string worker = lines[0].substr(2);
+  EXPECT_EQ(lines[1], "3");
+  EXPECT_EQ(lines[2], "integrity: ok");
+  std::vector<std::string> row = words_of(lines[10]);
+  ASSERT_EQ(row.size(), 8u) << lines[10];
+  EXPECT_EQ(row[0], "1");
+  EXPECT_EQ(row[1], worker);
+  EXPECT_EQ(row[2], self_name());  // the impostor's name: the pid is alive
+  EXPECT_EQ(row[6], "reused");
+  EXPECT_EQ(lines[12], "status: not ok: 1 entry not ok");
 }
 
 TEST_F(HealthTest, StatusOfAHealthyTableExitsZero) {
