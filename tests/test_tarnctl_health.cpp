@@ -340,6 +340,47 @@ TEST_F(HealthTest, StatusTellsAProcessThatWasGivenADeadWorkersPidFromTheWorker) 
   EXPECT_EQ(lines[12], "status: not ok: 1 entry not ok");
 }
 
+// What bulk sync puts in the table is shown as it is: another program's pid
+// with that program's name and executable, and a type that no process has.
+TEST_F(HealthTest, StatusShowsWhoAPidThatSyncInjectedReallyIs) {
+  ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
+  tarn_test::Pipe started;
+  const pid_t sleeper = tarn_test::fork_child([&] {
+    started.close_read();
+    execl("/bin/sleep", "sleep", "1000", (char *)nullptr);
+    return 127;
+  });
+  children_.push_back(sleeper);
+  // The pipe's write end is close-on-exec: end of input once the exec is
+  // under way; the kernel names the process a moment later.
+  started.close_write();
+  ASSERT_EQ(started.receive(), -1);
+  while (tarn_test::read_file("/proc/" + std::to_string(sleeper) + "/comm") != "sleep\n") {
+    ASSERT_NE(tarn_process_is_exist(sleeper), 0);
+  }
+  proc_heartbeat_info_t first = {getpid(), 0, 5, PROC_HEARTBEAT_TYPE_SERVICE, 0};
+  proc_heartbeat_info_t injected = {sleeper, 0, 0, 9, 0};
+  proc_heartbeat_info_t *list[] = {&first, &injected};
+  ASSERT_EQ(sync_proc_heartbeat_infos(list, 2), 0);
+  const Outcome outcome = tarnctl({"status"});
+  EXPECT_EQ(outcome.status, 3) << dump(outcome);
+  const std::vector<std::string> lines = lines_of(outcome.out);
+  ASSERT_EQ(lines.size(), 11u) << outcome.out;
+  std::vector<std::string> row = words_of(lines[8]);
+  ASSERT_EQ(row.size(), 8u) << lines[8];
+  char sleep_path[4096];
+  ASSERT_GT(tarn_process_get_path(sleeper, sleep_path, sizeof(sleep_path)), 0);
+  EXPECT_EQ(row[1], std::to_string(sleeper));
+  EXPECT_EQ(row[2], "sleep");
+  EXPECT_EQ(row[3], "invalid(9)");
+  EXPECT_EQ(row[4], "0");
+  EXPECT_EQ(row[6], "late");  // an interval of 0: any age is more than twice it
+  EXPECT_EQ(row[7], sleep_path);
+  const Outcome json = tarnctl({"status", "--json"});
+  EXPECT_EQ(tarn_test::schema_problems("status", json.out), "");
+  EXPECT_NE(json.out.find("\"type\": \"invalid\",\n      \"type_id\": 9,"), std::string::npos) << json.out;
+}
+
 TEST_F(HealthTest, StatusOfAHealthyTableExitsZero) {
   ASSERT_EQ(add(getpid(), 5, PROC_HEARTBEAT_TYPE_SERVICE), 0);
   worker(10, 3, 1);

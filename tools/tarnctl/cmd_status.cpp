@@ -30,10 +30,10 @@ std::string decimal(int64_t ms) {
   return text;
 }
 
-// "service", "watchdog", or "worker(N)" for the types without a name.
+// "service", or "worker(N)" and "invalid(N)" for the types without a name.
 std::string type_column(uint32_t type) {
   const std::string name = type_name(type);
-  return name == "worker" ? name + "(" + std::to_string(type) + ")" : name;
+  return name == "service" ? name : name + "(" + std::to_string(type) + ")";
 }
 
 // text with every control character shown as '?', so that a process name

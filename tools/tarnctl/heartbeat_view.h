@@ -66,7 +66,8 @@ struct TableView {
 // may hold any byte but NUL), "-" when it cannot be read.
 std::string process_name(int32_t pid);
 
-// "service", "watchdog" or "worker" (types 1 to 5).
+// "service", "watchdog", "worker" (types 1 to 5) or "invalid" (above 6,
+// which only bulk sync writes).
 const char *type_name(uint32_t type);
 
 // Reads the table through the library and through its own read-only
