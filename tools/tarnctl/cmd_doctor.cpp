@@ -9,10 +9,11 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
+#include <stdint.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -179,10 +180,25 @@ void check_service_version(Checks *checks) {
                      same ? "" : "the service and the recorded app home are of different releases: tarnctl apphome reduce"});
 }
 
+// The PID of a save's temporary name "NAME.tmp.PID.N", or 0 when name is
+// not one.
+int temporary_pid(const std::string &name) {
+  const size_t mark = name.rfind(".tmp.");
+  if (mark == std::string::npos || mark == 0) return 0;
+  const std::string rest = name.substr(mark + 5);
+  const size_t dot = rest.find('.');
+  uint64_t pid = 0;
+  uint64_t sequence = 0;
+  if (dot == std::string::npos || !parse_unsigned(rest.substr(0, dot), INT32_MAX, &pid) ||
+      !parse_unsigned(rest.substr(dot + 1), UINT64_MAX, &sequence)) {
+    return 0;
+  }
+  return (int)pid;
+}
+
 // Saves write "NAME.tmp.PID.N" beside NAME and rename it over NAME; one
 // whose process is gone was left by a save that was cut short.
 void find_temporaries(const std::string &directory, int depth, std::vector<std::string> *found) {
-  static const std::regex kTemporary(R"(.*\.tmp\.([0-9]+)\.[0-9]+)");
   DIR *dir = opendir(directory.c_str());
   if (dir == nullptr) return;
   while (const dirent *entry = readdir(dir)) {
@@ -191,9 +207,8 @@ void find_temporaries(const std::string &directory, int depth, std::vector<std::
     const std::string path = directory + "/" + name;
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) continue;
-    std::smatch match;
-    if (S_ISREG(st.st_mode) && std::regex_match(name, match, kTemporary) &&
-        tarn_process_is_exist(atoi(match[1].str().c_str())) == 0) {
+    const int pid = temporary_pid(name);
+    if (S_ISREG(st.st_mode) && pid > 0 && tarn_process_is_exist(pid) == 0) {
       found->push_back(path);
     } else if (S_ISDIR(st.st_mode) && depth > 0) {
       find_temporaries(path, depth - 1, found);

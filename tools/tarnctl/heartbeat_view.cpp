@@ -236,7 +236,8 @@ const char *state_text(EntryState state) {
 const char *type_name(uint32_t type) {
   if (type == PROC_HEARTBEAT_TYPE_SERVICE) return "service";
   if (type == PROC_HEARTBEAT_TYPE_WATCHDOG) return "watchdog";
-  return "worker";
+  // Bulk sync writes whatever type it is given.
+  return type < PROC_HEARTBEAT_TYPE_WATCHDOG ? "worker" : "invalid";
 }
 
 bool TableView::integrity_ok() const {
