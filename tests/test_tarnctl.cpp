@@ -117,7 +117,8 @@ TEST_F(TarnctlTest, UsageErrorsExitTwoWithOneLine) {
   EXPECT_FAILS(tarnctl({"pkg", "bogus"}), 2,
                "tarnctl: pkg: unknown subcommand bogus (see tarnctl pkg --help)");
   EXPECT_FAILS(tarnctl({"status", "--bogus"}), 2,
-               "tarnctl: status: unknown option --bogus (usage: tarnctl status [--json])");
+               "tarnctl: status: unknown option --bogus (usage: tarnctl status [--json] [--max-age SECONDS] "
+               "[--watch [SECONDS]])");
   EXPECT_FAILS(tarnctl({"pkg", "verify"}), 2,
                "tarnctl: pkg verify: missing argument (usage: tarnctl pkg verify DIR)");
   EXPECT_FAILS(tarnctl({"version", "parse", "1.2.3", "4"}), 2,
@@ -189,71 +190,91 @@ class StatusTest : public TarnctlTest {
   Registered registered_;
 };
 
-TEST_F(StatusTest, PrintsEveryRegisteredProcessWithTypeIntervalAgeAndLiveness) {
+// The rows of status's output: the lines after the header up to the
+// watchdog's line.
+std::vector<std::vector<std::string>> status_rows(const std::string &out) {
+  std::vector<std::vector<std::string>> rows;
+  bool in_rows = false;
+  for (const std::string &line : lines_of(out)) {
+    if (line.rfind("watchdog:", 0) == 0) break;
+    if (in_rows) rows.push_back(words_of(line));
+    in_rows = in_rows || line.rfind("SLOT ", 0) == 0;
+  }
+  return rows;
+}
+
+TEST_F(StatusTest, PrintsEveryRegisteredProcessWithTypeIntervalAgeAndState) {
   const uint64_t before = tarn_time_get_tick_cout();
   registered_ = register_processes();
   const Outcome outcome = tarnctl({"status"});
   const uint64_t span = tarn_time_get_tick_cout() - before;
-  ASSERT_EQ(outcome.status, 0) << dump(outcome);
+  // The child that ended makes the table not healthy.
+  ASSERT_EQ(outcome.status, 3) << dump(outcome);
   EXPECT_EQ(outcome.err, "");
   const std::vector<std::string> lines = lines_of(outcome.out);
-  ASSERT_EQ(lines.size(), 4u) << outcome.out;
-  EXPECT_EQ(words_of(lines[0]),
-            (std::vector<std::string>{"SLOT", "PID", "TYPE", "INTERVAL_S", "AGE_MS", "ALIVE"}));
+  ASSERT_EQ(lines.size(), 12u) << outcome.out;
+  EXPECT_EQ(lines[0], "integrity: ok");
+  EXPECT_EQ(words_of(lines[6]),
+            (std::vector<std::string>{"SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE"}));
   const std::vector<std::vector<std::string>> expected = {
-      {"0", std::to_string(getpid()), "service", "5", "yes"},
-      {"1", std::to_string(registered_.live), "3", "10", "yes"},
-      {"2", std::to_string(registered_.gone), "2", "30", "no"}};
+      {"0", std::to_string(getpid()), "service", "5", "ok"},
+      {"1", std::to_string(registered_.live), "worker(3)", "10", "ok"},
+      {"2", std::to_string(registered_.gone), "worker(2)", "30", "dead"}};
+  const std::vector<std::vector<std::string>> rows = status_rows(outcome.out);
+  ASSERT_EQ(rows.size(), expected.size()) << outcome.out;
   for (size_t i = 0; i < expected.size(); ++i) {
-    std::vector<std::string> row = words_of(lines[i + 1]);
-    ASSERT_EQ(row.size(), 6u) << lines[i + 1];
+    ASSERT_EQ(rows[i].size(), 8u) << lines[i + 7];
     // The age lies between 0 and the time since the first registration.
-    const long long age = std::stoll(row[4]);
-    EXPECT_GE(age, 0) << lines[i + 1];
-    EXPECT_LE(age, (long long)span) << lines[i + 1];
-    row.erase(row.begin() + 4);
-    EXPECT_EQ(row, expected[i]) << lines[i + 1];
+    const double age = std::stod(rows[i][5]);
+    EXPECT_GE(age, 0) << lines[i + 7];
+    EXPECT_LE(age, (double)span / 1000 + 0.05) << lines[i + 7];
+    EXPECT_EQ((std::vector<std::string>{rows[i][0], rows[i][1], rows[i][3], rows[i][4], rows[i][6]}), expected[i])
+        << lines[i + 7];
   }
+  EXPECT_EQ(lines[10], "watchdog: none");
+  EXPECT_EQ(lines[11], "status: not ok: 1 entry not ok");
 }
 
 TEST_F(StatusTest, LeavesTheTableAsItWas) {
   registered_ = register_processes();
   proc_heartbeat_info_t before[PROC_HEARTBEAT_MAX_PROCS];
   ASSERT_EQ(get_all_proc_heartbeats(before, PROC_HEARTBEAT_MAX_PROCS), 3);
-  ASSERT_EQ(tarnctl({"status"}).status, 0);
-  ASSERT_EQ(tarnctl({"status", "--json"}).status, 0);
+  ASSERT_EQ(tarnctl({"status"}).status, 3);
+  ASSERT_EQ(tarnctl({"status", "--json"}).status, 3);
   proc_heartbeat_info_t after[PROC_HEARTBEAT_MAX_PROCS];
   ASSERT_EQ(get_all_proc_heartbeats(after, PROC_HEARTBEAT_MAX_PROCS), 3);
   EXPECT_EQ(memcmp(before, after, 3 * sizeof(proc_heartbeat_info_t)), 0);
 }
 
-TEST_F(StatusTest, JsonIsAnArrayOfTheSameRows) {
+TEST_F(StatusTest, JsonHasTheSameRows) {
   const uint64_t before = tarn_time_get_tick_cout();
   registered_ = register_processes();
   const Outcome outcome = tarnctl({"status", "--json"});
   const uint64_t span = tarn_time_get_tick_cout() - before;
-  ASSERT_EQ(outcome.status, 0) << dump(outcome);
+  ASSERT_EQ(outcome.status, 3) << dump(outcome);
   EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(tarn_test::schema_problems("status", outcome.out), "");
   json_error_t error;
-  std::unique_ptr<json_t, void (*)(json_t *)> array(json_loads(outcome.out.c_str(), 0, &error),
-                                                    [](json_t *json) { json_decref(json); });
-  ASSERT_TRUE(array) << error.text << "\n" << outcome.out;
-  ASSERT_TRUE(json_is_array(array.get()));
-  ASSERT_EQ(json_array_size(array.get()), 3u);
+  std::unique_ptr<json_t, void (*)(json_t *)> answer(json_loads(outcome.out.c_str(), 0, &error),
+                                                     [](json_t *json) { json_decref(json); });
+  ASSERT_TRUE(answer) << error.text << "\n" << outcome.out;
+  const json_t *array = json_object_get(answer.get(), "entries");
+  ASSERT_TRUE(json_is_array(array));
+  ASSERT_EQ(json_array_size(array), 3u);
   struct Expected {
     int slot;
     pid_t pid;
     const char *type;
     int type_id;
     int interval;
-    bool alive;
+    const char *state;
   };
-  const Expected expected[] = {{0, getpid(), "service", 0, 5, true},
-                               {1, registered_.live, "3", 3, 10, true},
-                               {2, registered_.gone, "2", 2, 30, false}};
+  const Expected expected[] = {{0, getpid(), "service", 0, 5, "ok"},
+                               {1, registered_.live, "worker", 3, 10, "ok"},
+                               {2, registered_.gone, "worker", 2, 30, "dead"}};
   for (size_t i = 0; i < 3; ++i) {
-    const json_t *row = json_array_get(array.get(), i);
-    EXPECT_EQ(json_object_size(row), 7u);
+    const json_t *row = json_array_get(array, i);
+    EXPECT_EQ(json_object_size(row), 10u);
     EXPECT_EQ(json_integer_value(json_object_get(row, "slot")), expected[i].slot);
     EXPECT_EQ(json_integer_value(json_object_get(row, "pid")), expected[i].pid);
     EXPECT_STREQ(json_string_value(json_object_get(row, "type")), expected[i].type);
@@ -263,18 +284,20 @@ TEST_F(StatusTest, JsonIsAnArrayOfTheSameRows) {
     EXPECT_TRUE(json_is_integer(json_object_get(row, "age_ms")));
     EXPECT_GE(age, 0);
     EXPECT_LE(age, (json_int_t)span);
-    EXPECT_EQ(json_is_true(json_object_get(row, "alive")), expected[i].alive) << i;
+    EXPECT_STREQ(json_string_value(json_object_get(row, "state")), expected[i].state) << i;
   }
 }
 
-TEST_F(StatusTest, AnEmptyTableGivesTheHeaderOrAnEmptyArray) {
+TEST_F(StatusTest, AnEmptyTableHasNoRowsAndNoService) {
   ASSERT_EQ(proc_heartbeat_init(0), 0);
   const Outcome text = tarnctl({"status"});
-  EXPECT_EQ(text.status, 0);
-  EXPECT_EQ(lines_of(text.out).size(), 1u) << text.out;
+  EXPECT_EQ(text.status, 3);
+  EXPECT_EQ(status_rows(text.out).size(), 0u) << text.out;
+  EXPECT_EQ(lines_of(text.out).back(), "status: not ok: no service entry");
   const Outcome json = tarnctl({"status", "--json"});
-  EXPECT_EQ(json.status, 0);
-  EXPECT_EQ(json.out, "[]\n");
+  EXPECT_EQ(json.status, 3);
+  EXPECT_EQ(tarn_test::schema_problems("status", json.out), "");
+  EXPECT_NE(json.out.find("\"entries\": [],"), std::string::npos) << json.out;
 }
 
 TEST_F(StatusTest, WithoutATableExitsFourAndCreatesNone) {
@@ -302,8 +325,8 @@ TEST_F(StatusTest, LibraryLinesGoToStandardErrorOnlyWithVerbose) {
   EXPECT_EQ(quiet.err, "");
   EXPECT_EQ(quiet.out.find("[kep]"), std::string::npos);
   const Outcome verbose = tarnctl({"status", "--verbose"});
-  EXPECT_EQ(verbose.status, 0);
-  EXPECT_EQ(lines_of(verbose.out).size(), 4u) << verbose.out;
+  EXPECT_EQ(verbose.status, 3);
+  EXPECT_EQ(lines_of(verbose.out).size(), 12u) << verbose.out;
   EXPECT_EQ(verbose.out.find("[kep]"), std::string::npos);
   EXPECT_NE(verbose.err.find("[info]"), std::string::npos) << verbose.err;
   EXPECT_NE(verbose.err.find("process heartbeat init successed, mode:2"), std::string::npos) << verbose.err;

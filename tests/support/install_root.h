@@ -145,6 +145,7 @@ class ForeignLock {
   ForeignLock &operator=(const ForeignLock &) = delete;
 
   bool held() const { return held_; }
+  pid_t pid() const { return pid_; }
   void release() {
     if (pid_ > 0) kill_and_reap(pid_);
     pid_ = -1;

@@ -350,7 +350,7 @@ void Heartbeats::watchdog_joins() {
          occupied, entries.size());
 
   std::vector<std::string> rows;
-  for (const proc_heartbeat_info_t &e : entries) rows.push_back(format(" %-9" PRId32 " ", e.pid));
+  for (const proc_heartbeat_info_t &e : entries) rows.push_back(format(" %-7" PRId32 " ", e.pid));
   rows.push_back("service");
   printf("\n");
   stage_.tarnctl({"status"}, 0, rows);

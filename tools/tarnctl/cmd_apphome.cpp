@@ -20,7 +20,8 @@ constexpr char kBackupFileName[] = "tarn_apphome_backup.ini";
 constexpr char kCompanionKey[] = "app_home_x86";
 constexpr size_t kPathSize = 1024;
 
-// The install root, or "" when the library cannot give it.
+}  // namespace
+
 std::string install_root() {
   char root[kPathSize] = {0};
   return get_tarn_path(root, sizeof(root)) == 0 ? root : "";
@@ -32,6 +33,8 @@ std::string record_path() {
 }
 
 std::string backup_path() { return install_root() + "/" + kBackupFileName; }
+
+namespace {
 
 std::string under_root(const std::string &name) { return install_root() + "/" + name; }
 
@@ -65,31 +68,6 @@ std::string names_text(const Names &names) {
 void answer_names(const Invocation &inv, const Names &names) {
   answer(inv, "app_home", json_string(names.apphome.c_str()));
   if (tarn_apphome_com_arch_str() != nullptr) answer(inv, kCompanionKey, json_string(names.companion.c_str()));
-}
-
-// Why tarn_apphome_check_validity(path) gave result, in words.
-std::string validity_text(int32_t result, const std::string &path) {
-  Names names;
-  read_names(path, &names);
-  switch (result) {
-    case TARN_APPHOME_VALID:
-      return "valid: " + path + " names app home " + under_root(names.apphome);
-    case TARN_APPHOME_E_NO_FILE:
-      return path + " does not exist";
-    case TARN_APPHOME_E_NO_APPHOME:
-      return path + " cannot be read or names no app home (no \"app_home\" in section \"apphome\")";
-    case TARN_APPHOME_E_NO_ARCH_APPHOME:
-      return path + " names no companion app home (\"" + kCompanionKey +
-             "\"), which this machine needs";
-    case TARN_APPHOME_E_APPHOME_DIR:
-      return "the app home " + under_root(names.apphome) + " that " + path +
-             " names is not operational (no config/flags/flag_operational nor its spare)";
-    case TARN_APPHOME_E_ARCH_APPHOME_DIR:
-      return "the companion app home " + under_root(names.companion) + " that " + path +
-             " names is not operational (no config/flags/flag_operational nor its spare)";
-    default:
-      return "the install root cannot be had";
-  }
 }
 
 // The exit code of a validity result.
@@ -171,6 +149,30 @@ int record_names(const Invocation &inv, const Names &names) {
 }
 
 }  // namespace
+
+std::string validity_text(int32_t result, const std::string &path) {
+  Names names;
+  read_names(path, &names);
+  switch (result) {
+    case TARN_APPHOME_VALID:
+      return "valid: " + path + " names app home " + under_root(names.apphome);
+    case TARN_APPHOME_E_NO_FILE:
+      return path + " does not exist";
+    case TARN_APPHOME_E_NO_APPHOME:
+      return path + " cannot be read or names no app home (no \"app_home\" in section \"apphome\")";
+    case TARN_APPHOME_E_NO_ARCH_APPHOME:
+      return path + " names no companion app home (\"" + kCompanionKey +
+             "\"), which this machine needs";
+    case TARN_APPHOME_E_APPHOME_DIR:
+      return "the app home " + under_root(names.apphome) + " that " + path +
+             " names is not operational (no config/flags/flag_operational nor its spare)";
+    case TARN_APPHOME_E_ARCH_APPHOME_DIR:
+      return "the companion app home " + under_root(names.companion) + " that " + path +
+             " names is not operational (no config/flags/flag_operational nor its spare)";
+    default:
+      return "the install root cannot be had";
+  }
+}
 
 int run_apphome_show(const Invocation &inv) {
   const int record = show_file(inv, "record", record_path());

@@ -1,115 +1,179 @@
-// status: the heartbeat table, read without changing it.
+// status: the heartbeat table's integrity and who in it is healthy, read
+// without changing it; once, or redrawn with --watch.
 
 #include <errno.h>
 #include <stdio.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <jansson.h>
-#include <tarn_heartbeat.h>
-#include <tarnbase/tarn_process.h>
-#include <tarnbase/tarn_time.h>
 
+#include "heartbeat_view.h"
 #include "tarnctl.h"
 
 namespace tarnctl {
 namespace {
 
-// Any mode other than 0 (which clears the table) and 1 (which creates an
-// empty segment) attaches to an existing table only.
-constexpr uint32_t kAttachExistingOnly = 2;
+// Exit codes of status, as systemctl status gives them.
+constexpr int kExitNotHealthy = 3;
 
-struct Row {
-  uint32_t slot;
-  uint32_t pid;
-  uint32_t type;
-  uint32_t interval;
-  int64_t age_ms;
-  bool alive;
-};
+constexpr uint64_t kDefaultMaxAge = 60;
+constexpr uint64_t kDefaultWatch = 2;
+constexpr uint64_t kMaxSeconds = 86400;
 
-// The name of a process type, or its number for the types without one.
-std::string type_text(uint32_t type) {
-  if (type == PROC_HEARTBEAT_TYPE_SERVICE) return "service";
-  if (type == PROC_HEARTBEAT_TYPE_WATCHDOG) return "watchdog";
-  return std::to_string(type);
+std::string decimal(int64_t ms) {
+  char text[32];
+  snprintf(text, sizeof(text), "%.1f", (double)ms / 1000.0);
+  return text;
 }
 
-// Attaches to the table, copies its entries and detaches. Returns 0, or an
-// exit code after writing the error line.
-int read_table(const Invocation &inv, std::vector<Row> *rows) {
-  const int32_t attached = proc_heartbeat_init(kAttachExistingOnly);
-  if (attached == ENOENT) {
-    return fail(inv, kExitLocked, "no heartbeat table (shared memory proc_heartbeat_shm.name does not exist; has the service run?)");
-  }
-  if (attached != PROC_HEARTBEAT_OK) {
-    const std::string why = attached > 0 ? error_text(attached) : get_heartbeat_errmsg(attached);
-    return fail(inv, kExitLocked, "cannot attach the heartbeat table: " + why);
-  }
-  proc_heartbeat_info_t entries[PROC_HEARTBEAT_MAX_PROCS];
-  const int32_t count = get_all_proc_heartbeats(entries, PROC_HEARTBEAT_MAX_PROCS);
-  proc_heartbeat_deinit(false);
-  if (count == PROC_HEARTBEAT_E_TIMEOUT) {
-    return fail(inv, kExitLocked, "the heartbeat table's lock could not be taken within 100 ms");
-  }
-  if (count < 0) return fail(inv, kExitLocked, std::string("cannot read the heartbeat table: ") + get_heartbeat_errmsg(count));
-
-  const uint64_t now = tarn_time_get_tick_cout();
-  for (int32_t i = 0; i < count; ++i) {
-    const proc_heartbeat_info_t &entry = entries[i];
-    const uint32_t pid = get_beat_proc_pid(&entry);
-    rows->push_back(Row{entry.idx, pid, get_beat_proc_type(&entry), get_proc_beat_interval(&entry),
-                        (int64_t)(now - entry.tick), tarn_process_is_exist((int)pid) != 0});
-  }
-  return kExitOk;
+// "service", or "worker(N)" and "invalid(N)" for the types without a name.
+std::string type_column(uint32_t type) {
+  const std::string name = type_name(type);
+  return name == "service" ? name : name + "(" + std::to_string(type) + ")";
 }
 
-void print_text(const std::vector<Row> &rows) {
-  constexpr char kFormat[] = "%-5s %-9s %-9s %-10s %-10s %s\n";
-  printf(kFormat, "SLOT", "PID", "TYPE", "INTERVAL_S", "AGE_MS", "ALIVE");
-  for (const Row &row : rows) {
-    printf(kFormat, std::to_string(row.slot).c_str(), std::to_string(row.pid).c_str(),
-           type_text(row.type).c_str(), std::to_string(row.interval).c_str(),
-           std::to_string(row.age_ms).c_str(), row.alive ? "yes" : "no");
+// text with every control character shown as '?', so that a process name
+// cannot break a row.
+std::string printable(std::string text) {
+  for (char &c : text) {
+    if ((unsigned char)c < 0x20 || c == 0x7f) c = '?';
   }
+  return text;
 }
 
-struct JsonFree {
-  void operator()(json_t *json) const { json_decref(json); }
-};
-using JsonPtr = std::unique_ptr<json_t, JsonFree>;
+// Why the table is not healthy, or "" when it is.
+std::string trouble(const TableView &view) {
+  std::string text;
+  auto add = [&text](const std::string &what) { text += (text.empty() ? "" : ", ") + what; };
+  if (!view.integrity_ok()) add("the table is damaged");
+  if (view.not_ok() != 0) add(std::to_string(view.not_ok()) + (view.not_ok() == 1 ? " entry" : " entries") + " not ok");
+  if (!view.has_service()) add("no service entry");
+  if (view.watchdog.late) add("the watchdog is late");
+  return text;
+}
 
-int print_json(const Invocation &inv, const std::vector<Row> &rows) {
-  JsonPtr array(json_array());
-  for (const Row &row : rows) {
+void print_text(const TableView &view) {
+  printf("integrity: %s\n", view.integrity_ok() ? "ok" : "damaged");
+  for (const IntegrityCheck &check : view.integrity) {
+    printf("  %-10s %-3s %s\n", check.name.c_str(), check.ok ? "ok" : "bad", check.detail.c_str());
+  }
+  constexpr char kFormat[] = "%-4s %-7s %-15s %-9s %-10s %-7s %-9s %s\n";
+  printf(kFormat, "SLOT", "PID", "NAME", "TYPE", "INTERVAL_S", "AGE_S", "STATE", "EXECUTABLE");
+  for (const EntryView &entry : view.entries) {
+    printf(kFormat, std::to_string(entry.slot).c_str(), std::to_string(entry.pid).c_str(), printable(entry.name).c_str(),
+           type_column(entry.type).c_str(), std::to_string(entry.interval_s).c_str(),
+           decimal(entry.age_ms).c_str(), state_text(entry.state), entry.executable.c_str());
+  }
+  const WatchdogView &dog = view.watchdog;
+  if (dog.present) {
+    printf("watchdog: slot %u, interval %u s, age %s s, %s\n", dog.slot, dog.interval_s, decimal(dog.age_ms).c_str(),
+           dog.late ? "late" : "ok");
+  } else {
+    printf("watchdog: none\n");
+  }
+  const std::string why = trouble(view);
+  printf("status: %s\n", why.empty() ? "ok" : ("not ok: " + why).c_str());
+}
+
+json_t *integrity_json(const TableView &view) {
+  json_t *checks = json_array();
+  for (const IntegrityCheck &check : view.integrity) {
+    json_array_append_new(checks, json_pack("{s:s, s:b, s:s}", "name", check.name.c_str(), "ok", check.ok,
+                                            "detail", check.detail.c_str()));
+  }
+  return json_pack("{s:b, s:o}", "ok", view.integrity_ok(), "checks", checks);
+}
+
+json_t *entries_json(const TableView &view) {
+  json_t *entries = json_array();
+  for (const EntryView &entry : view.entries) {
     json_t *object = json_object();
-    json_object_set_new(object, "slot", json_integer(row.slot));
-    json_object_set_new(object, "pid", json_integer(row.pid));
-    json_object_set_new(object, "type", json_string(type_text(row.type).c_str()));
-    json_object_set_new(object, "type_id", json_integer(row.type));
-    json_object_set_new(object, "interval_s", json_integer(row.interval));
-    json_object_set_new(object, "age_ms", json_integer(row.age_ms));
-    json_object_set_new(object, "alive", json_boolean(row.alive));
-    json_array_append_new(array.get(), object);
+    json_object_set_new(object, "slot", json_integer(entry.slot));
+    json_object_set_new(object, "pid", json_integer(entry.pid));
+    json_object_set_new(object, "name", json_string(entry.name.c_str()));
+    json_object_set_new(object, "executable", json_string(entry.executable.c_str()));
+    json_object_set_new(object, "type", json_string(type_name(entry.type)));
+    json_object_set_new(object, "type_id", json_integer(entry.type));
+    json_object_set_new(object, "interval_s", json_integer(entry.interval_s));
+    json_object_set_new(object, "age_ms", json_integer(entry.age_ms));
+    json_object_set_new(object, "identity_known", json_boolean(entry.identity_known));
+    json_object_set_new(object, "state", json_string(state_text(entry.state)));
+    json_array_append_new(entries, object);
   }
-  if (!array || json_dumpf(array.get(), stdout, JSON_INDENT(2) | JSON_PRESERVE_ORDER) != 0) {
-    return fail(inv, kExitMissing, "cannot write the JSON text");
+  return entries;
+}
+
+json_t *watchdog_json(const WatchdogView &dog) {
+  if (!dog.present) return json_pack("{s:b, s:s}", "present", 0, "state", "none");
+  return json_pack("{s:b, s:i, s:i, s:I, s:s}", "present", 1, "slot", (int)dog.slot, "interval_s",
+                   (int)dog.interval_s, "age_ms", (json_int_t)dog.age_ms, "state", dog.late ? "late" : "ok");
+}
+
+// One look at the table: printed, and its exit code returned.
+int show(const Invocation &inv, int64_t max_age_ms) {
+  TableView view;
+  std::string reason;
+  const int code = read_table_view(inv, max_age_ms, &view, &reason);
+  const bool json = inv.option("--json");
+  if (code != kExitOk) {
+    complain(inv, reason);
+    if (json) print_json(inv, json_pack("{s:b, s:s}", "ok", 0, "error", reason.c_str()));
+    return code;
   }
-  putchar('\n');
-  return kExitOk;
+  const int status = view.healthy() ? kExitOk : kExitNotHealthy;
+  if (!json) {
+    print_text(view);
+    return status;
+  }
+  json_t *object = json_object();
+  json_object_set_new(object, "ok", json_true());
+  json_object_set_new(object, "healthy", json_boolean(view.healthy()));
+  json_object_set_new(object, "max_age_s", json_integer(max_age_ms / 1000));
+  json_object_set_new(object, "integrity", integrity_json(view));
+  json_object_set_new(object, "entries", entries_json(view));
+  json_object_set_new(object, "watchdog", watchdog_json(view.watchdog));
+  const int printed = print_json(inv, object);
+  return printed != kExitOk ? printed : status;
+}
+
+// Reads the value of option name: *out keeps its default when the option
+// has no value; false after the usage error when the value is not 1 to
+// kMaxSeconds.
+bool seconds_option(const Invocation &inv, const char *name, uint64_t *out) {
+  const std::string text = inv.value(name);
+  if (text.empty()) return true;
+  if (parse_unsigned(text, kMaxSeconds, out) && *out > 0) return true;
+  fail(inv, kExitUsage, std::string("bad value of ") + name + ": " + text + " (a whole number of seconds, 1 to 86400)");
+  return false;
 }
 
 }  // namespace
 
 int run_status(const Invocation &inv) {
-  std::vector<Row> rows;
-  const int code = read_table(inv, &rows);
-  if (code != kExitOk) return code;
-  if (inv.option("--json")) return print_json(inv, rows);
-  print_text(rows);
-  return kExitOk;
+  uint64_t max_age = kDefaultMaxAge;
+  uint64_t every = kDefaultWatch;
+  if (!seconds_option(inv, "--max-age", &max_age) || !seconds_option(inv, "--watch", &every)) return kExitUsage;
+  if (!inv.option("--watch")) return show(inv, (int64_t)max_age * 1000);
+  // Redrawn until the program is stopped (or its output closed): on a
+  // terminal the screen is cleared first, elsewhere frames are separated
+  // by a blank line.
+  const bool terminal = isatty(STDOUT_FILENO) != 0;
+  for (bool first = true;; first = false) {
+    if (terminal) {
+      printf("\033[H\033[2J");
+    } else if (!first) {
+      putchar('\n');
+    }
+    show(inv, (int64_t)max_age * 1000);
+    if (fflush(stdout) != 0) return kExitMissing;
+    struct timespec pause = {(time_t)every, 0};
+    while (nanosleep(&pause, &pause) != 0 && errno == EINTR) {
+    }
+  }
 }
 
 }  // namespace tarnctl

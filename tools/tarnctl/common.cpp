@@ -15,7 +15,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <memory>
+#include <sstream>
 
 #include <tarnbase/tarn_log.h>
 
@@ -301,6 +303,13 @@ std::string regular_file_problem(const std::string &path, int *error) {
   *error = stat(path.c_str(), &st) == 0 ? 0 : errno;
   if (*error != 0) return error_text(*error);
   return S_ISREG(st.st_mode) ? "" : "not a regular file";
+}
+
+std::string file_contents(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
 }
 
 std::string error_text(int error) { return strerror(error); }

@@ -66,23 +66,49 @@ constexpr double kMaxTimeoutSeconds = 86400;
 
 const std::vector<Command> &commands() {
   static const std::vector<Command> table = {
-      {"status", "", {"--json"}, 0, 0, "the heartbeat table: one row per registered process",
-       "Attaches to the heartbeat table without changing it (it is never\n"
-       "created or cleared) and prints one row per registered process, in\n"
-       "slot order, under the header\n"
-       "  SLOT PID TYPE INTERVAL_S AGE_MS ALIVE\n"
-       "SLOT is the entry's slot index, TYPE \"service\" (0), \"watchdog\" (6)\n"
-       "or the type's number, INTERVAL_S the declared beat interval in\n"
-       "seconds, AGE_MS the milliseconds since the last beat, ALIVE \"yes\"\n"
-       "when a live process has that pid, else \"no\". The watchdog's own\n"
-       "entry is not shown: the library's public interface does not return it.\n"
+      {"status", "", {"--max-age SECONDS", "--watch [SECONDS]"}, 0, 0,
+       "who in the heartbeat table is healthy, and whether the table is intact",
+       "Reads the heartbeat table without changing it (it is never created or\n"
+       "cleared): through the library, and through a read-only mapping of its\n"
+       "own under the table's lock. Prints the table's integrity (magic,\n"
+       "proc_num against the occupied slots, the watchdog slot, the entries the\n"
+       "library lists, the journal), one row per process entry\n"
+       "  SLOT PID NAME TYPE INTERVAL_S AGE_S STATE EXECUTABLE\n"
+       "the watchdog's row and a last line \"status: ok\" or \"status: not ok:\n"
+       "REASONS\". STATE is ok; late (no beat for more than twice its\n"
+       "interval); timed-out (no beat for --max-age seconds); dead (no such\n"
+       "process); reused (its pid now belongs to another process than the one\n"
+       "that registered).\n"
        "\n"
-       "  --json   print the rows as a JSON array of objects with the members\n"
-       "           slot, pid, type, type_id, interval_s, age_ms, alive\n"
+       "  --json               one JSON object (docs/tarnctl.md)\n"
+       "  --max-age SECONDS    the age that counts as timed out (default 60)\n"
+       "  --watch [SECONDS]    redraw every SECONDS (default 2) until stopped\n"
        "\n"
-       "Exit 4 when the table does not exist (the service has not run) or its\n"
-       "lock cannot be had within 100 ms.\n",
+       "Exit 0 when the table is intact, has a service entry and every entry\n"
+       "and the watchdog are ok; 3 otherwise; 4 when there is no table or its\n"
+       "lock cannot be had within the time-out (100 ms).\n",
        run_status},
+      {"doctor", "", {}, 0, 0, "check the agent's shared state, one line per check",
+       "Runs every check and prints one line each, \"VERDICT CHECK: WHAT\"\n"
+       "with VERDICT ok, warn or fail, followed for warn and fail by a line\n"
+       "\"  fix: HINT\". Checks: the heartbeat table's integrity; the app home\n"
+       "record and its backup (valid, equal); the flags of the app homes they\n"
+       "name; the service's version against the app home's manifests; stray\n"
+       "temporaries of saved files; who holds each lock; free space; the modes\n"
+       "of the install root, the record and its backup; the signature keys.\n"
+       "\n"
+       "  --json   one JSON object (docs/tarnctl.md)\n"
+       "\n"
+       "Exit 0 when every check is ok or warn, 1 when any check fails.\n",
+       run_doctor},
+      {"metrics", "", {}, 0, 0, "the table and the record in Prometheus text format",
+       "Prints the heartbeat table's integrity, its entries' ages, intervals\n"
+       "and states, the watchdog's age and the app home record's state as\n"
+       "metrics named tarnaux_..., in the Prometheus text exposition format,\n"
+       "for node_exporter's textfile collector. A missing or locked table is\n"
+       "reported as tarnaux_heartbeat_table_up 0. Exit 0 once the metrics\n"
+       "are printed.\n",
+       run_metrics},
       {"apphome show", "", {}, 0, 0, "the app home record and its backup, as text",
        "Prints each of the record and its backup: a line \"record: PATH\" or\n"
        "\"backup: PATH\", then every key of the file as \"  [section]\" and\n"
@@ -335,10 +361,8 @@ int print_completion() {
 }
 
 // Ends the subcommand of inv with code: prints the --json answer when it
-// was asked for. "status" prints its own (an array of rows).
-int finish(const Invocation &inv, int code) {
-  return inv.json() && inv.command != "status" ? finish_json(inv, code) : code;
-}
+// was asked for.
+int finish(const Invocation &inv, int code) { return inv.json() ? finish_json(inv, code) : code; }
 
 // A usage error of the subcommand named name; global holds the options
 // given before it.
@@ -415,10 +439,25 @@ int parse_words(const Command &command, int argc, char **argv, int first, Invoca
       const Taken taken = take_common_option(argc, argv, &i, inv, &error);
       if (taken == Taken::kBad) return fail(*inv, kExitUsage, error);
       if (taken == Taken::kYes) continue;
-      bool known = false;
-      for (const std::string &option : command.options) known = known || option == word;
-      if (!known) return fail(*inv, kExitUsage, "unknown option " + word + " (usage: " + usage_line(command) + ")");
+      // An option is declared as "--name", "--name VALUE" (a value
+      // follows) or "--name [VALUE]" (the next word is its value unless it
+      // begins with '-').
+      const std::string *declared = nullptr;
+      for (const std::string &option : command.options) {
+        if (option.substr(0, option.find(' ')) == word) declared = &option;
+      }
+      if (declared == nullptr) {
+        return fail(*inv, kExitUsage, "unknown option " + word + " (usage: " + usage_line(command) + ")");
+      }
       inv->options.insert(word);
+      const size_t blank = declared->find(' ');
+      if (blank == std::string::npos) continue;
+      const bool optional = declared->compare(blank + 1, 1, "[") == 0;
+      const bool follows = i + 1 < argc && argv[i + 1][0] != '-';
+      if (!follows && !optional) {
+        return fail(*inv, kExitUsage, "missing value of " + word + " (usage: " + usage_line(command) + ")");
+      }
+      if (follows) inv->values[word] = argv[++i];
     } else {
       inv->args.push_back(word);
     }

@@ -10,6 +10,7 @@
 #include <jansson.h>
 
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -32,11 +33,17 @@ struct Invocation {
   std::string command;            // "pkg verify"
   std::vector<std::string> args;  // the positional arguments
   std::set<std::string> options;  // the options that were given, "--json" among them
+  std::map<std::string, std::string> values;  // the values given to those that take one
   bool verbose = false;
   double timeout_seconds = 0;  // --timeout; 0 when not given
 
   bool option(const char *name) const { return options.count(name) != 0; }
   bool json() const { return option("--json"); }
+  // The value given to option name, or "" when it was given none.
+  std::string value(const char *name) const {
+    const auto found = values.find(name);
+    return found == values.end() ? "" : found->second;
+  }
 };
 
 // The seconds that a wait for a lock or for a program that the library
@@ -108,6 +115,15 @@ std::string capture_stderr(bool verbose, const std::function<void()> &fn);
 constexpr int kJsonSchema = 1;
 int print_json(const Invocation &inv, json_t *object);
 
+// The install root, or "" when the library cannot give it; the app home
+// record's path and its backup's (cmd_apphome.cpp).
+std::string install_root();
+std::string record_path();
+std::string backup_path();
+// Why tarn_apphome_check_validity(path) gave result, in words ("valid:
+// PATH names app home DIR" when it is valid).
+std::string validity_text(int32_t result, const std::string &path);
+
 // Parses decimal digits only (no sign, no blanks) into *out, refusing values
 // above max.
 bool parse_unsigned(const std::string &text, uint64_t max, uint64_t *out);
@@ -120,11 +136,15 @@ int path_error(const std::string &path);
 // not, with *error set to the errno of looking (0 when something else is
 // there).
 std::string regular_file_problem(const std::string &path, int *error);
+// The bytes of the file at path, "" when it cannot be read.
+std::string file_contents(const std::string &path);
 // strerror() of an errno value as a std::string.
 std::string error_text(int error);
 
 // The subcommands.
 int run_status(const Invocation &inv);
+int run_doctor(const Invocation &inv);
+int run_metrics(const Invocation &inv);
 int run_apphome_show(const Invocation &inv);
 int run_apphome_check(const Invocation &inv);
 int run_apphome_restore(const Invocation &inv);
