@@ -117,7 +117,7 @@ TEST_F(TarnctlTest, UsageErrorsExitTwoWithOneLine) {
   EXPECT_FAILS(tarnctl({"pkg", "bogus"}), 2,
                "tarnctl: pkg: unknown subcommand bogus (see tarnctl pkg --help)");
   EXPECT_FAILS(tarnctl({"status", "--bogus"}), 2,
-               "tarnctl: status: unknown option --bogus (usage: tarnctl status [--json] [--max-age SECONDS] "
+               "tarnctl: status: unknown option --bogus (usage: tarnctl status [--max-age SECONDS] "
                "[--watch [SECONDS]])");
   EXPECT_FAILS(tarnctl({"pkg", "verify"}), 2,
                "tarnctl: pkg verify: missing argument (usage: tarnctl pkg verify DIR)");

@@ -24,6 +24,7 @@
 
 #include <jansson.h>
 #include <tarnbase/tarn_log.h>
+#include <tarnbase/tarn_process.h>
 
 #include "child_process.h"
 #include "files.h"
@@ -345,22 +346,22 @@ TEST_F(CliPkgTest, ShowGivesTheLibrarysReasonForAManifestItRefuses) {
 
 
 // Whether the process pid has ended (gone, or a zombie that no one reaped).
-bool has_ended(pid_t pid) {
-  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-  const size_t close = stat.rfind(')');
-  return stat.empty() || (close != std::string::npos && stat.substr(close + 2, 1) == "Z");
-}
-
-// Whether the process pid ends within 10 s: a process killed with SIGKILL
-// ends soon after kill() returns, not at once.
-bool ends_soon(pid_t pid) {
-  const int64_t deadline = monotonic_ms() + 10000;
-  while (!has_ended(pid)) {
-    if (monotonic_ms() >= deadline) return false;
-    struct timespec pause = {0, 1000000};
-    nanosleep(&pause, nullptr);
+// Whether the process pid, running `command` (its argv joined by NULs),
+// ends within 10 s: a process killed with SIGKILL ends soon after kill()
+// returns, not at once. Other tests' processes may be given the pid once
+// it has ended, so the process is held by a pidfd and checked to be the
+// one that ran command.
+bool ends_soon(pid_t pid, const std::string &command) {
+  const int fd = tarn_process_open(pid);
+  if (fd < 0) return errno == ESRCH;
+  const std::string running = read_file("/proc/" + std::to_string(pid) + "/cmdline");
+  bool ended = running != command;
+  if (!ended) {
+    struct pollfd exited = {fd, POLLIN, 0};
+    ended = poll(&exited, 1, 10000) == 1;
   }
-  return true;
+  close(fd);
+  return ended;
 }
 
 TEST_F(CliTest, RestoreEndsWithExitFourWhenTheRecordsLockStaysHeld) {
@@ -395,7 +396,7 @@ TEST_F(CliTest, ReduceEndsWithExitFourWhenTheServiceDoesNotAnswer) {
   // The service that did not answer was ended with the subcommand.
   const std::string pid_text = read_file(pid_file);
   ASSERT_FALSE(pid_text.empty());
-  EXPECT_TRUE(ends_soon((pid_t)atoi(pid_text.c_str()))) << pid_text;
+  EXPECT_TRUE(ends_soon((pid_t)atoi(pid_text.c_str()), std::string("sleep\0" "100000\0", 13))) << pid_text;
   EXPECT_FALSE(exists(kRecordPath));
 }
 

@@ -484,7 +484,7 @@ TEST_F(HealthTest, StatusOptionsNeedWholeSeconds) {
   const Outcome missing = tarnctl({"status", "--max-age"});
   EXPECT_EQ(missing.status, 2);
   EXPECT_EQ(missing.err,
-            "tarnctl: status: missing value of --max-age (usage: tarnctl status [--json] [--max-age SECONDS] "
+            "tarnctl: status: missing value of --max-age (usage: tarnctl status [--max-age SECONDS] "
             "[--watch [SECONDS]])\n");
   const Outcome watch = tarnctl({"status", "--watch", "1.5"});
   EXPECT_EQ(watch.status, 2);
@@ -989,7 +989,7 @@ TEST_F(HealthTest, DoctorAndMetricsHaveTheirHelp) {
     EXPECT_EQ(outcome.out.rfind(std::string("usage: tarnctl ") + command, 0), 0u) << outcome.out;
   }
   const Outcome overview = tarnctl({"--help"});
-  EXPECT_NE(overview.out.find("\n  doctor [--json] "), std::string::npos) << overview.out;
+  EXPECT_NE(overview.out.find("\n  doctor "), std::string::npos) << overview.out;
   EXPECT_NE(overview.out.find("\n  metrics "), std::string::npos) << overview.out;
 }
 }  // namespace
