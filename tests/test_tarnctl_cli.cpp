@@ -593,8 +593,10 @@ TEST_F(CliTest, CompletionOffersSubcommandsAndTheirOptions) {
   const std::string script = scratch_ / "tarnctl.bash";
   ASSERT_TRUE(write_file(script, completion.out));
   EXPECT_EQ(completions(script, {""}),
-            (std::vector<std::string>{"--help", "--verbose", "--json", "--timeout", "--version", "status", "apphome",
-                                      "pkg", "env", "version", "log", "upgrade"}));
+            (std::vector<std::string>{"--help", "--verbose", "--json", "--timeout", "--version", "status", "doctor",
+                                      "metrics", "apphome", "pkg", "env", "version", "log", "upgrade"}));
+  EXPECT_EQ(completions(script, {"status", "--"}),
+            (std::vector<std::string>{"--help", "--verbose", "--json", "--timeout", "--max-age", "--watch"}));
   EXPECT_EQ(completions(script, {"ap"}), (std::vector<std::string>{"apphome"}));
   EXPECT_EQ(completions(script, {"apphome", ""}),
             (std::vector<std::string>{"show", "check", "restore", "reduce"}));
