@@ -80,6 +80,12 @@
  *   info "upgrade trial restarts: the machine restarted\n"
  *   info "upgrade finishes the step left by a stopped process: %s\n" (the
  *        state it found)
+ *   info "upgrade removed app home %s\n" (the app home's path) -- clean-up
+ *   warn "upgrade keeps app home %s: %s\n" (the app home's path, and one
+ *        of "an upgrade is on trial", "the upgrade journal cannot be read",
+ *        "it is the upgrade's fallback", "the record cannot be read", "it
+ *        is the recorded one") -- clean-up
+ *   warn "upgrade cannot remove app home %s, error %d\n" (path, errno)
  * tarn_apphome_get_apphome (begin reads the record with it),
  * tarn_apphome_update, restart_tarn_process, get_all_proc_heartbeats and
  * the operational test (its info lines, tarn_apphome.h) log their own
@@ -105,6 +111,8 @@ TARNAUX_BEGIN_DECLS
 #define TARN_UPGRADE_E_RECORD (-7)          /* the record cannot be read or updated */
 #define TARN_UPGRADE_E_HEARTBEAT (-8)       /* the heartbeat table cannot be read */
 #define TARN_UPGRADE_E_SERVICE (-9)         /* the fallback's service cannot be restarted */
+#define TARN_UPGRADE_E_KEPT (-10)           /* the app home must stay (recorded or fallback) */
+#define TARN_UPGRADE_E_REMOVE (-11)         /* the app home cannot be removed (whole) */
 
 /* Journal states (tarn_upgrade_status_t.state). */
 #define TARN_UPGRADE_STATE_NONE 0         /* no journal: no upgrade made */
@@ -217,6 +225,24 @@ TARNAUX_API int32_t tarn_upgrade_commit(void);
  * TARN_UPGRADE_E_SERVICE when that step failed: the journal stays "rolling
  * back" and the next call of any operation but status tries again. */
 TARNAUX_API int32_t tarn_upgrade_rollback(const char *reason);
+
+/* The clean-up after an upgrade: removes the app home apphome (a name below
+ * the install root, UUID text) and everything in it, unless it must stay.
+ * It stays while an upgrade is on trial (the new version is not proven
+ * yet), when the journal cannot be read or the record cannot be read (what
+ * must stay is then unknown), when it is the last upgrade's fallback (or
+ * its companion), and when the record names it (or its companion). Under
+ * the operation lock, after finishing a step left by a stopped process.
+ * Links are removed as links and never followed; an app home that is a
+ * link is not removed.
+ * Returns 0 when it was removed; TARN_UPGRADE_E_INVALID for a null or
+ * non-UUID apphome (nothing logged); TARN_UPGRADE_E_BUSY while a trial
+ * runs; TARN_UPGRADE_E_KEPT when it must stay for another reason;
+ * TARN_UPGRADE_E_RECORD when the record cannot be read; TARN_UPGRADE_E_LOCK;
+ * TARN_UPGRADE_E_REMOVE when it is missing, not a directory, or a part of it
+ * could not be removed (what could be removed is gone); the errors of a
+ * step left under way, which is finished first. */
+TARNAUX_API int32_t tarn_upgrade_remove_apphome(const char *apphome);
 
 /* Fills *out from the journal, without a lock (saves replace the file in
  * one step). Returns 0, also for a missing journal (state NONE) and an

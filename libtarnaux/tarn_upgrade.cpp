@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include <tarnbase/tarn_dirutils.h>
 #include <tarnbase/tarn_ini.h>
 #include <tarnbase/tarn_process.h>
 #include <tarnbase/tarn_str.h>
@@ -600,6 +601,43 @@ TARNAUX_API int32_t tarn_upgrade_rollback(const char *reason) {
   return end_trial([&why](Journal *journal) {
     return rollback(journal, why, why + "; rolled back to " + journal->old_home);
   });
+}
+
+TARNAUX_API int32_t tarn_upgrade_remove_apphome(const char *apphome) {
+  if (apphome == nullptr || apphome[0] == '\0' || !is_name_or_empty(apphome)) return TARN_UPGRADE_E_INVALID;
+  OperationLock lock;
+  if (!lock.held()) return TARN_UPGRADE_E_LOCK;
+  Journal journal;
+  const int32_t settled = load_settled(&journal);
+  if (settled != TARN_UPGRADE_OK) return settled;
+  const std::string path = install_path(apphome);
+  const auto keep = [&path](const char *why, int32_t result) {
+    LOG(warn, "upgrade keeps app home %s: %s\n", path.c_str(), why);
+    return result;
+  };
+  if (journal.state == TARN_UPGRADE_STATE_TRIAL) return keep("an upgrade is on trial", TARN_UPGRADE_E_BUSY);
+  if (journal.state == TARN_UPGRADE_STATE_UNREADABLE) {
+    return keep("the upgrade journal cannot be read", TARN_UPGRADE_E_KEPT);
+  }
+  if (journal.old_home == apphome || journal.old_arch == apphome) {
+    return keep("it is the upgrade's fallback", TARN_UPGRADE_E_KEPT);
+  }
+  char home[TARN_UPGRADE_NAME_SIZE] = {0};
+  char arch[TARN_UPGRADE_NAME_SIZE] = {0};
+  const std::string record_path = install_path(TARN_APPHOME_FILE_NAME);
+  if (tarn_apphome_get_apphome(record_path.c_str(), home, sizeof(home), arch, sizeof(arch)) != 0) {
+    return keep("the record cannot be read", TARN_UPGRADE_E_RECORD);
+  }
+  if (strcmp(home, apphome) == 0 || strcmp(arch, apphome) == 0) {
+    return keep("it is the recorded one", TARN_UPGRADE_E_KEPT);
+  }
+  const int error = tarn_dirutils_rmdir(path.c_str());
+  if (error != 0) {
+    LOG(warn, "upgrade cannot remove app home %s, error %d\n", path.c_str(), error);
+    return TARN_UPGRADE_E_REMOVE;
+  }
+  LOG(info, "upgrade removed app home %s\n", path.c_str());
+  return TARN_UPGRADE_OK;
 }
 
 TARNAUX_API int32_t tarn_upgrade_status(tarn_upgrade_status_t *out) {

@@ -482,6 +482,67 @@ TEST_F(UpgradeTest, StateAndVerdictTexts) {
 // ---------------------------------------------------------------------------
 // A journal that cannot be read never blocks the agent.
 
+// ---------------------------------------------------------------------------
+// clean-up
+
+TEST_F(UpgradeTest, CleanUpKeepsTheFallbackAndTheRecordedAppHomeAndRemovesOthers) {
+  constexpr char kHomeC[] = "2c3d4e5f-6a7b-4c8d-9e0f-1a2b3c4d5e6f";
+  const auto kept = [](const char *home, const char *why) {
+    return "upgrade keeps app home " + tarn_test::under_root(home) + ": " + why + "\n";
+  };
+  EXPECT_EQ(tarn_upgrade_remove_apphome(nullptr), TARN_UPGRADE_E_INVALID);
+  EXPECT_EQ(tarn_upgrade_remove_apphome(""), TARN_UPGRADE_E_INVALID);
+  EXPECT_EQ(tarn_upgrade_remove_apphome("../../../../tmp"), TARN_UPGRADE_E_INVALID);
+  EXPECT_NO_LINES();
+
+  // Nothing goes while the new version is unproven, the previous one least.
+  ASSERT_EQ(tarn_upgrade_begin(kHomeB, nullptr, kTrial), TARN_UPGRADE_OK);
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeA), TARN_UPGRADE_E_BUSY);
+  EXPECT_LOGGED("warn", kept(kHomeA, "an upgrade is on trial"));
+  ASSERT_EQ(tarn_upgrade_commit(), TARN_UPGRADE_OK);
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeA), TARN_UPGRADE_E_KEPT);
+  EXPECT_LOGGED("warn", kept(kHomeA, "it is the upgrade's fallback"));
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeB), TARN_UPGRADE_E_KEPT);
+  EXPECT_LOGGED("warn", kept(kHomeB, "it is the recorded one"));
+  EXPECT_TRUE(tarn_test::exists(tarn_test::under_root(kHomeA)));
+  EXPECT_TRUE(tarn_test::exists(tarn_test::under_root(kHomeB)));
+
+  // Another app home goes, whole; a link inside it is removed, not followed.
+  const std::string outside = "/tmp/upgrade_outside";
+  ASSERT_TRUE(tarn_test::make_dirs(outside));
+  ASSERT_TRUE(tarn_test::write_file(outside + "/keep", "mine"));
+  tarn_test::make_apphome(kHomeC, true, true);
+  ASSERT_EQ(symlink(outside.c_str(), (tarn_test::under_root(kHomeC) + "/config/link").c_str()), 0);
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeC), TARN_UPGRADE_OK);
+  EXPECT_LOGGED("info", "upgrade removed app home " + tarn_test::under_root(kHomeC) + "\n");
+  EXPECT_FALSE(tarn_test::exists(tarn_test::under_root(kHomeC)));
+  EXPECT_EQ(tarn_test::read_file(outside + "/keep"), "mine");
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeC), TARN_UPGRADE_E_REMOVE);
+  EXPECT_LOGGED("warn", "upgrade cannot remove app home " + tarn_test::under_root(kHomeC) + ", error 2\n");
+  // An app home that is a link is left, and so is what it points to.
+  ASSERT_EQ(symlink(outside.c_str(), tarn_test::under_root(kHomeC).c_str()), 0);
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeC), TARN_UPGRADE_E_REMOVE);
+  EXPECT_LOGGED("warn", "upgrade cannot remove app home " + tarn_test::under_root(kHomeC) + ", error 20\n");
+  EXPECT_EQ(tarn_test::read_file(outside + "/keep"), "mine");
+  ASSERT_EQ(unlink(tarn_test::under_root(kHomeC).c_str()), 0);
+
+  // When what must stay cannot be known, everything stays.
+  tarn_test::make_apphome(kHomeC, true, true);
+  ASSERT_TRUE(tarn_test::write_file(kJournalPath, std::string(64, '\0')));
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeC), TARN_UPGRADE_E_KEPT);
+  EXPECT_LOGGED("warn", kept(kHomeC, "the upgrade journal cannot be read"));
+  ASSERT_EQ(unlink(kJournalPath), 0);
+  ASSERT_EQ(unlink(tarn_test::kRecordPath), 0);
+  tarn_test::clear_logs();
+  EXPECT_EQ(tarn_upgrade_remove_apphome(kHomeC), TARN_UPGRADE_E_RECORD);
+  EXPECT_LOGGED("warn", kept(kHomeC, "the record cannot be read"));
+  EXPECT_TRUE(tarn_test::exists(tarn_test::under_root(kHomeC)));
+}
+
 TEST_F(UpgradeTest, UnreadableJournalLeavesTheRecordAndIsReported) {
   const std::string warning =
       std::string("upgrade journal ") + kJournalPath + " cannot be read, the record stands\n";
