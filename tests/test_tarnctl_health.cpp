@@ -116,11 +116,23 @@ int32_t add(pid_t pid, uint32_t interval, uint32_t type) {
   return add_proc_heartbeat(&info);
 }
 
-std::string self_name() { return tarn_test::read_file("/proc/self/comm").substr(0, 15); }
+// This process's name and executable as another process sees them in
+// /proc/PID (tarnctl does). /proc/self is not used: an emulator such as
+// qemu-user answers for it with the emulated program, where other
+// processes see the emulator.
+std::string self_name() {
+  std::string name = tarn_test::read_file("/proc/" + std::to_string(getpid()) + "/comm");
+  if (!name.empty() && name.back() == '\n') name.pop_back();
+  return name.substr(0, 15);
+}
 
 std::string self_executable() {
+  // Relative to /proc, which the emulator does not take for its own.
+  const int proc = open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (proc < 0) return "";
   char path[4096];
-  const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+  const ssize_t length = readlinkat(proc, (std::to_string(getpid()) + "/exe").c_str(), path, sizeof(path) - 1);
+  close(proc);
   return length > 0 ? std::string(path, (size_t)length) : "";
 }
 
