@@ -16,13 +16,6 @@ namespace tarn_test {
 
 namespace {
 
-// A wait status as reap() reports it.
-int decode_status(int status) {
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return killed_by(WTERMSIG(status));
-  return -1;
-}
-
 void pause_ms(long milliseconds) {
   struct timespec pause = {0, milliseconds * 1000 * 1000};
   while (nanosleep(&pause, &pause) != 0 && errno == EINTR) {
@@ -30,6 +23,12 @@ void pause_ms(long milliseconds) {
 }
 
 }  // namespace
+
+int decode_status(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return killed_by(WTERMSIG(status));
+  return -1;
+}
 
 int64_t monotonic_ms() {
   struct timespec now;

@@ -80,6 +80,10 @@ pid_t fork_child(const std::function<int()> &body);
 // for an exit status.
 constexpr int killed_by(int signal_number) { return 1000 + signal_number; }
 
+// A wait status (waitpid's) as reap() reports it: the exit status,
+// killed_by(the signal that ended the child), or -1 for any other.
+int decode_status(int status);
+
 // Waits for a child; returns its exit status, or killed_by(the signal that
 // ended it), or -1.
 int reap(pid_t pid);

@@ -17,12 +17,6 @@ namespace tarn_test {
 
 namespace {
 
-int decode(int status) {
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return killed_by(WTERMSIG(status));
-  return -1;
-}
-
 int wait_for(pid_t pid, int *status) {
   for (;;) {
     const pid_t got = waitpid(pid, status, __WALL);
@@ -35,7 +29,7 @@ int kill_traced(pid_t pid) {
   int status = 0;
   while (wait_for(pid, &status) == pid && WIFSTOPPED(status)) {
   }
-  return decode(status);
+  return decode_status(status);
 }
 
 std::string read_memory(pid_t pid, unsigned long address, size_t size) {
@@ -144,7 +138,7 @@ SyscallRun run_syscall_killed(const std::function<int()> &op, long kill_at, bool
   }
   int status = 0;
   if (wait_for(pid, &status) != pid || !WIFSTOPPED(status) || WSTOPSIG(status) != SIGSTOP) {
-    run.status = WIFSTOPPED(status) ? kill_traced(pid) : decode(status);
+    run.status = WIFSTOPPED(status) ? kill_traced(pid) : decode_status(status);
     run.error = "the child did not stop before its operation";
     return run;
   }
@@ -164,7 +158,7 @@ SyscallRun run_syscall_killed(const std::function<int()> &op, long kill_at, bool
       return run;
     }
     if (WIFEXITED(status) || WIFSIGNALED(status)) {
-      run.status = decode(status);
+      run.status = decode_status(status);
       return run;
     }
     if (WSTOPSIG(status) != (SIGTRAP | 0x80)) {
